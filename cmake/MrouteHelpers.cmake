@@ -1,0 +1,31 @@
+# mroute_library(<name> SOURCES ... [DEPS ...])
+# One static library per subsystem, exported as mroute::<name>. Headers are
+# found from the shared source root so that includes read "mroute/route/...".
+function(mroute_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(mroute_${name} STATIC ${ARG_SOURCES})
+  add_library(mroute::${name} ALIAS mroute_${name})
+  set_target_properties(mroute_${name} PROPERTIES EXPORT_NAME ${name})
+  target_include_directories(mroute_${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/src>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_compile_features(mroute_${name} PUBLIC cxx_std_20)
+  if(ARG_DEPS)
+    target_link_libraries(mroute_${name} PUBLIC ${ARG_DEPS})
+  endif()
+  set_property(GLOBAL APPEND PROPERTY MROUTE_LIBRARIES mroute_${name})
+endfunction()
+
+# mroute_test(<name> SOURCES ... [DEPS ...] [LABELS ...])
+# A GoogleTest executable registered with ctest. Label "concurrency" marks the
+# tests that the ThreadSanitizer job runs.
+function(mroute_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} mroute_testing GTest::gtest GTest::gmock)
+  add_test(NAME ${name} COMMAND ${name})
+  if(ARG_LABELS)
+    set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
+  endif()
+endfunction()

@@ -1,0 +1,218 @@
+#include "mroute/runtime/trace.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace Mroute::Trace {
+namespace {
+
+struct Rule {
+  std::string pattern;  // a trailing '*' matches any suffix
+  uint32_t levels;
+};
+
+bool matches(const std::string& pattern, std::string_view name) {
+  if (!pattern.empty() && pattern.back() == '*') {
+    return name.substr(0, pattern.size() - 1) == std::string_view(pattern).substr(0, pattern.size() - 1);
+  }
+  return pattern == name;
+}
+
+bool parseSpec(std::string_view spec, std::vector<Rule>& out) {
+  while (!spec.empty()) {
+    size_t comma = spec.find(',');
+    std::string_view item = spec.substr(0, comma);
+    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+    if (item.empty()) continue;
+    size_t slash = item.find('/');
+    Rule rule{std::string(item.substr(0, slash)), 0x3ff};
+    if (slash != std::string_view::npos) {
+      int64_t mask = parseLevels(item.substr(slash + 1));
+      if (mask < 0) return false;
+      rule.levels = static_cast<uint32_t>(mask);
+    }
+    if (rule.pattern.empty()) return false;
+    out.push_back(std::move(rule));
+  }
+  return true;
+}
+
+class Registry {
+ public:
+  static Registry& instance() {
+    static Registry* registry = new Registry();  // never destroyed: traces may run at exit
+    return *registry;
+  }
+
+  Facility& facility(std::string_view name) {
+    std::lock_guard lock(mutex_);
+    auto it = facilities_.find(name);
+    if (it != facilities_.end()) return *it->second;
+    auto fac = std::make_unique<Facility>(std::string(name));
+    applyRules(*fac);
+    Facility& ref = *fac;
+    facilities_.emplace(ref.name(), std::move(fac));
+    return ref;
+  }
+
+  bool configure(std::string_view spec) {
+    std::vector<Rule> parsed;
+    if (!parseSpec(spec, parsed)) return false;
+    std::lock_guard lock(mutex_);
+    rules_.insert(rules_.end(), parsed.begin(), parsed.end());
+    for (auto& [name, fac] : facilities_) applyRules(*fac);
+    return true;
+  }
+
+  void emit(const Facility& fac, int level, std::string_view text) {
+    std::lock_guard lock(mutex_);
+    if (capturing_) {
+      captured_.push_back(Line{fac.name(), level, std::string(text)});
+      return;
+    }
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm local{};
+    localtime_r(&ts.tv_sec, &local);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    std::fprintf(out_, "%s.%06ld %d %s %d %.*s\n", stamp, ts.tv_nsec / 1000, static_cast<int>(getpid()),
+                 fac.name().c_str(), level, static_cast<int>(text.size()), text.data());
+    std::fflush(out_);
+  }
+
+  // Capture support: remembers every facility's levels so they can be restored.
+  std::map<std::string, uint32_t, std::less<>> beginCapture(std::string_view spec) {
+    std::map<std::string, uint32_t, std::less<>> saved;
+    std::vector<Rule> parsed;
+    parseSpec(spec, parsed);
+    std::lock_guard lock(mutex_);
+    for (auto& [name, fac] : facilities_) saved.emplace(name, fac->levels());
+    savedRules_ = rules_;
+    rules_.insert(rules_.end(), parsed.begin(), parsed.end());
+    for (auto& [name, fac] : facilities_) applyRules(*fac);
+    capturing_ = true;
+    captured_.clear();
+    return saved;
+  }
+
+  void endCapture(const std::map<std::string, uint32_t, std::less<>>& saved) {
+    std::lock_guard lock(mutex_);
+    capturing_ = false;
+    rules_ = savedRules_;
+    for (auto& [name, fac] : facilities_) {
+      auto it = saved.find(name);
+      if (it != saved.end()) {
+        fac->levelsIs(it->second);
+      } else {
+        fac->levelsIs(0);
+        applyRules(*fac);
+      }
+    }
+  }
+
+  std::vector<Line> captured() {
+    std::lock_guard lock(mutex_);
+    return std::vector<Line>(captured_.begin(), captured_.end());
+  }
+  void clearCaptured() {
+    std::lock_guard lock(mutex_);
+    captured_.clear();
+  }
+
+ private:
+  Registry() {
+    if (const char* file = std::getenv("MROUTE_TRACE_FILE"); file && *file) {
+      if (FILE* f = std::fopen(file, "a")) out_ = f;
+    }
+    if (const char* spec = std::getenv("MROUTE_TRACE"); spec && *spec) {
+      if (!parseSpec(spec, rules_)) {
+        std::fprintf(stderr, "MROUTE_TRACE ignored: cannot read \"%s\"\n", spec);
+        rules_.clear();
+      }
+    }
+  }
+
+  // REQUIRES: mutex_ held. Later rules override earlier ones.
+  void applyRules(Facility& fac) {
+    for (const Rule& rule : rules_) {
+      if (matches(rule.pattern, fac.name())) fac.levelsIs(rule.levels);
+    }
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, std::unique_ptr<Facility>, std::less<>> facilities_;
+  std::vector<Rule> rules_;
+  std::vector<Rule> savedRules_;
+  FILE* out_ = stderr;
+  bool capturing_ = false;
+  std::deque<Line> captured_;
+};
+
+// Saved levels of the active capture (captures do not nest).
+std::map<std::string, uint32_t, std::less<>>& savedLevels() {
+  static std::map<std::string, uint32_t, std::less<>> saved;
+  return saved;
+}
+
+}  // namespace
+
+int64_t parseLevels(std::string_view text) {
+  if (text.empty()) return -1;
+  uint32_t mask = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c < '0' || c > '9') return -1;
+    int from = c - '0';
+    int to = from;
+    if (i + 2 < text.size() && text[i + 1] == '-') {
+      char d = text[i + 2];
+      if (d < '0' || d > '9' || d < c) return -1;
+      to = d - '0';
+      i += 2;
+    } else if (i + 1 < text.size() && text[i + 1] == '-') {
+      return -1;
+    }
+    for (int l = from; l <= to; ++l) mask |= 1u << l;
+  }
+  return mask;
+}
+
+Facility& facility(std::string_view name) { return Registry::instance().facility(name); }
+
+void emit(const Facility& fac, int level, std::string_view text) { Registry::instance().emit(fac, level, text); }
+
+bool configure(std::string_view spec) { return Registry::instance().configure(spec); }
+
+CaptureSink::CaptureSink(std::string_view spec) { savedLevels() = Registry::instance().beginCapture(spec); }
+
+CaptureSink::~CaptureSink() { Registry::instance().endCapture(savedLevels()); }
+
+std::vector<Line> CaptureSink::lines() const { return Registry::instance().captured(); }
+
+std::vector<std::string> CaptureSink::texts(std::string_view fac) const {
+  std::vector<std::string> out;
+  for (const Line& line : lines()) {
+    if (line.facility == fac) out.push_back(line.text);
+  }
+  return out;
+}
+
+bool CaptureSink::contains(std::string_view fac, std::string_view text) const {
+  for (const Line& line : lines()) {
+    if (line.facility == fac && line.text.find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+void CaptureSink::clear() { Registry::instance().clearCaptured(); }
+
+}  // namespace Mroute::Trace

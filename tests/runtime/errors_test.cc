@@ -1,0 +1,50 @@
+#include <cerrno>
+
+#include "mroute/runtime/error.h"
+#include "testing/expect_assert.h"
+
+namespace {
+
+int half(int x) {
+  MROUTE_ASSERT(x % 2 == 0);
+  return x / 2;
+}
+
+TEST(Assertions, TextIsTheViolatedExpression) {
+  EXPECT_ASSERTION(half(3), "x % 2 == 0");
+  EXPECT_ASSERTION(MROUTE_ASSERT(false && "Unsupported address family"),
+                   "false && \"Unsupported address family\"");
+  Mroute::ThrowingAssertHandler throwing;
+  EXPECT_EQ(half(4), 2);
+}
+
+TEST(Assertions, HandlerIsRestoredAfterScope) {
+  auto* before = Mroute::assertHandlerIs(nullptr);
+  { Mroute::ThrowingAssertHandler throwing; }
+  EXPECT_EQ(Mroute::assertHandlerIs(before), before);
+}
+
+TEST(AssertionsDeathTest, DefaultHandlerAborts) {
+  EXPECT_DEATH(half(1), "assertion failed: x % 2 == 0");
+}
+
+TEST(Errors, ErrnoExceptionCarriesContextAndSystemMessage) {
+  Mroute::ErrnoException e("setsockopt(IGMP_NOCACHE)", ENOPROTOOPT);
+  EXPECT_STREQ(e.what(), "setsockopt(IGMP_NOCACHE): Protocol not available");
+  EXPECT_EQ(e.errnum(), ENOPROTOOPT);
+  errno = EBADF;
+  EXPECT_THROW_TEXT(Mroute::throwErrno("recvmsg"), Mroute::ErrnoException, "recvmsg: Bad file descriptor");
+}
+
+TEST(Errors, DeserializationNamesTheAttribute) {
+  Kiv::DeserializationException e("routeFlags", "RouteFlags::value > 0x3f not allowed");
+  EXPECT_EQ(e.attribute(), "routeFlags");
+  EXPECT_STREQ(e.what(), "routeFlags: RouteFlags::value > 0x3f not allowed");
+}
+
+TEST(Errors, HierarchyLetsCallersCatchByFamily) {
+  EXPECT_THROW(throw Brume::TableFullException("full"), Pavo::Exception);
+  EXPECT_THROW(throw Kiv::RangeException("null ValidPtr"), std::out_of_range);
+}
+
+}  // namespace
