@@ -1,0 +1,26 @@
+#!/bin/sh
+# mroutectl key: a good key prints its report, bad input one error line and
+# exit code 2 (never an abort).
+set -u
+mroutectl="$1"
+fail() { echo "FAIL: $*"; exit 1; }
+
+out=$("$mroutectl" key '(*,239.1.1.1)') || fail "good key exited $?"
+echo "$out" | grep -qx 'display:        (\*,239.1.1.1)' || fail "display: $out"
+echo "$out" | grep -qx 'kind:           mroute' || fail "kind: $out"
+echo "$out" | grep -q "{'kind': 'mroute', 's': 0.0.0.0/0, 'g': 239.1.1.1/32}" || fail "text by kind: $out"
+
+out=$("$mroutectl" key --raw 0.0.0.0/0 16.10.0.0/32) || fail "raw pair exited $?"
+echo "$out" | grep -qx 'vlan:           10' || fail "raw vlan: $out"
+echo "$out" | grep -qx 'g:              16.10.0.0/32 (0x100a0000)' || fail "raw g: $out"
+
+err=$("$mroutectl" key vlan-floodset 4095 2>&1 >/dev/null)
+rc=$?
+[ "$rc" = 2 ] || fail "bad VLAN exited $rc"
+[ "$err" = "mroutectl key: bad VLAN id '4095': VlanId::value < 1 or > 4094 not allowed" ] || fail "bad VLAN: $err"
+
+err=$("$mroutectl" key --parse "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {'kind': 'ethGroup', 'vlanId': 10})" 2>&1 >/dev/null)
+rc=$?
+[ "$rc" = 2 ] || fail "bad text form exited $rc"
+echo "$err" | grep -q '(matches == 2)$' || fail "bad text form: $err"
+echo PASS

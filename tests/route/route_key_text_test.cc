@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mroute/entity/text_form.h"
+#include "mroute/route/ip_gen_route_key.h"
+#include "mroute/route/route_key.h"
+#include "mroute/runtime/error.h"
+#include "testing/expect_assert.h"
+
+namespace Routing::Multicast::Fib {
+namespace {
+
+using ::Multicast::Group::GroupKey;
+using Orvet::IpGenPrefix;
+using Orvet::Prefix;
+
+const std::string kHead = "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {";
+
+TEST(RouteKeyTextTest, CompactFormByKindRoundTrips) {
+  struct Case {
+    RouteKey key;
+    std::string text;
+  } cases[] = {
+      {RouteKey(), kHead + "'kind': 'unknownRouteKeyType'})"},
+      {RouteKey(makeRouteKeyVlanFloodset(10)), kHead + "'kind': 'vlanFloodset', 'vlanId': 10})"},
+      {RouteKey(makeRouteKeyMulticastFloodset(4094)),
+       kHead + "'kind': 'multicastFloodset', 'vlanId': 4094})"},
+      {RouteKey(makeRouteKeyVxlanCoreSideFloodset(1)),
+       kHead + "'kind': 'vxlanCoreSideFloodset', 'vlanId': 1})"},
+      {RouteKey(makeRouteKeyEthGroup(100, Orvet::EthAddr::fromText("01:00:5e:01:02:03"))),
+       kHead + "'kind': 'ethGroup', 'vlanId': 100, 'ethGroup': 01:00:5e:01:02:03})"},
+      {RouteKey(makeRouteKeyMcastGroup(GroupKey(2, 7, 99))),
+       kHead + "'kind': 'mcastGroup', 'kind': 2, 'index': 7})"},
+      {RouteKey(Prefix(), Prefix::fromText("239.1.1.1")),
+       kHead + "'kind': 'mroute', 's': 0.0.0.0/0, 'g': 239.1.1.1/32})"},
+      {RouteKey(Prefix::fromText("10.0.0.0/24"), Prefix::fromText("240.0.0.0/4")),
+       kHead + "'kind': 'mroute', 's': 10.0.0.0/24, 'g': 240.0.0.0/4})"},
+  };
+  for (const Case& c : cases) {
+    std::string text = Kiv::textOf(c.key);
+    EXPECT_EQ(text, c.text);
+    RouteKey back = RouteKey::fromText(text);
+    EXPECT_EQ(back, c.key) << text;
+    EXPECT_EQ(Kiv::textOf(back), text);
+  }
+  // An undefined kind prints its number alone.
+  EXPECT_EQ(Kiv::textOf(RouteKey(Prefix(), Prefix::fromText("112.0.0.1"))), kHead + "'kind': 7})");
+}
+
+TEST(RouteKeyTextTest, GenericFormRoundTrips) {
+  IpGenRouteKey keys[] = {
+      IpGenRouteKey(),
+      makeRouteKeyEthGroup(100, Orvet::EthAddr::fromText("01:00:5e:01:02:03")),
+      makeRouteKeyMroute(Prefix::fromText("10.0.0.0/24"), Prefix::fromText("232.1.1.1")),
+      IpGenRouteKey(IpGenPrefix::fromText("2001:db8::/32"), IpGenPrefix::fromText("ff3e::1")),
+  };
+  for (const IpGenRouteKey& k : keys) {
+    std::string text = Kiv::textOf(k);
+    IpGenRouteKey back = IpGenRouteKey::fromText(text);
+    EXPECT_EQ(back, k) << text;
+    EXPECT_EQ(Kiv::textOf(back), text);
+  }
+  EXPECT_EQ(Kiv::textOf(keys[2]), kHead + "'s': 10.0.0.0/24, 'g': 232.1.1.1/32})");
+  EXPECT_EQ(Kiv::textOf(keys[3]), kHead + "'s': 2001:db8::/32, 'g': ff3e::1/128})");
+  EXPECT_EQ(Kiv::textOf(keys[0]), kHead + "'s': unset, 'g': unset})");
+  try {
+    IpGenRouteKey::fromText(kHead + "'s': 10.0.0.0/24, 'g': 232.1.1.300})");
+    ADD_FAILURE() << "expected a deserialisation error";
+  } catch (const Kiv::DeserializationException& e) {
+    EXPECT_EQ(e.attribute(), "g");
+  }
+  EXPECT_THROW(IpGenRouteKey::fromText(kHead + "'g': 232.1.1.1, 's': 10.0.0.1})"),
+               Kiv::DeserializationException);
+}
+
+TEST(RouteKeyTextTest, CompactParserFailures) {
+  EXPECT_ASSERTION(RouteKey::fromText("(*,239.1.1.1)"), "matches == 1");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 7})"), "matches == 1");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'vlanFloodset', 'vlan': 10})"), "matches == 1");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'ethGroup', 'vlanId': 10})"), "matches == 2");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'mcastGroup', 'kind': 2})"), "matches == 2");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'mroute', 's': 10.0.0.1/32})"), "matches == 2");
+  // The IPv6 form has no compact reading: the pattern stops at the colon.
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'mroute', 's': ::/0, 'g': ff3e::1/128})"),
+                   "matches == 2");
+  EXPECT_THROW_TEXT(RouteKey::fromText(kHead + "'kind': 'vlanFloodset', 'vlanId': 0})"), Kiv::RangeException,
+                    "VlanId::value < 1 or > 4094 not allowed");
+  EXPECT_THROW_TEXT(
+      RouteKey::fromText(kHead + "'kind': 'ethGroup', 'vlanId': 4095, 'ethGroup': 01:00:5e:0:0:1})"),
+      Kiv::RangeException, "VlanId::value < 1 or > 4094 not allowed");
+  EXPECT_THROW(RouteKey::fromText(kHead + "'kind': 'ethGroup', 'vlanId': 5, 'ethGroup': 01:00:5e})"),
+               Kiv::RangeException);
+  EXPECT_THROW(RouteKey::fromText(kHead + "'kind': 'mroute', 's': 10.0.0.1/33, 'g': 239.1.1.1/32})"),
+               Kiv::RangeException);
+  EXPECT_THROW(RouteKey::fromText(kHead + "'kind': 'bogus'})"), Kiv::RangeException);
+}
+
+}  // namespace
+}  // namespace Routing::Multicast::Fib

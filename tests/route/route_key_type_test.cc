@@ -1,0 +1,63 @@
+#include "mroute/route/route_key_type.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "mroute/entity/text_form.h"
+#include "mroute/route/group_key.h"
+#include "mroute/runtime/error.h"
+#include "testing/expect_assert.h"
+
+namespace Routing::Multicast::Fib {
+namespace {
+
+TEST(RouteKeyTypeTest, NamesNumbersAndText) {
+  const char* names[] = {
+      "unknownRouteKeyType",   "vlanFloodset", "multicastFloodset", "ethGroup", "mcastGroup",
+      "vxlanCoreSideFloodset", "mroute"};
+  for (unsigned v = 0; v <= 6; ++v) {
+    RouteKeyType t = RouteKeyTypeInstance(v);
+    EXPECT_EQ(stringValue(t), names[v]);
+    EXPECT_EQ(RouteKeyTypeInstance(names[v]), t);
+    EXPECT_EQ(Kiv::textOf(t), "'" + std::string(names[v]) + "'");
+    EXPECT_EQ(Kiv::TextTraits<RouteKeyType>::read(Kiv::textOf(t)), t);
+  }
+  EXPECT_EQ(Kiv::textOf(mroute_), "'mroute'");
+  std::ostringstream os;
+  os << mcastGroup_ << ' ' << static_cast<RouteKeyType>(9);
+  EXPECT_EQ(os.str(), "mcastGroup 9");
+  EXPECT_THROW(RouteKeyTypeInstance(7u), Kiv::RangeException);
+  EXPECT_THROW(RouteKeyTypeInstance("mroute_"), Kiv::RangeException);
+}
+
+TEST(RouteKeyTypeTest, ConverterCarriesTheValue) {
+  RouteKeyTypeConverter c(ethGroup_);
+  EXPECT_EQ(c.intValue(), 3u);
+  EXPECT_EQ(Kiv::textOf(c), "'ethGroup'");
+  EXPECT_EQ(RouteKeyTypeConverter::fromText("'ethGroup'"), c);
+  EXPECT_NE(RouteKeyTypeConverter(mroute_), c);
+  try {
+    RouteKeyTypeConverter::fromText("'bogus'");
+    ADD_FAILURE() << "expected a deserialisation error";
+  } catch (const Kiv::DeserializationException& e) {
+    EXPECT_EQ(e.attribute(), "value");
+    EXPECT_EQ(e.cause(), "RouteKeyType 'bogus' not allowed");
+  }
+}
+
+TEST(RouteKeyTypeTest, GroupKeyOrderAndText) {
+  using ::Multicast::Group::GroupKey;
+  EXPECT_LT(GroupKey(1, 9, 9), GroupKey(2, 0, 0));
+  EXPECT_LT(GroupKey(2, 0, 9), GroupKey(2, 1, 0));
+  EXPECT_LT(GroupKey(2, 1, 0), GroupKey(2, 1, 0xffffffff));
+  GroupKey k(2, 7, 99);
+  EXPECT_EQ(Kiv::textOf(k), "Value('Multicast::Group::GroupKey', ** {'kind': 2, 'index': 7, 'hash': 99})");
+  EXPECT_EQ(GroupKey::fromText(Kiv::textOf(k)), k);
+  EXPECT_THROW_TEXT(GroupKey::fromText("Value('Multicast::Group::GroupKey', ** {'kind': 2, 'index': 70000, "
+                                       "'hash': 99})"),
+                    Kiv::DeserializationException, "index: 70000 > 65535 not allowed");
+}
+
+}  // namespace
+}  // namespace Routing::Multicast::Fib

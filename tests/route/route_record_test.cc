@@ -1,0 +1,229 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <vector>
+
+#include "mroute/route/mfib_brume_dir_route_key.h"
+#include "mroute/route/route.h"
+#include "testing/expect_assert.h"
+
+namespace Brume::Multicast::Fib {
+namespace {
+
+using Routing::Multicast::Fib::IpGenRouteKey;
+using Routing::Multicast::Fib::makeRouteKeyMroute;
+
+IpGenRouteKey key(const char* s, const char* g) {
+  return makeRouteKeyMroute(Orvet::Prefix::fromText(s), Orvet::Prefix::fromText(g));
+}
+
+Orvet::IntfId intf(const char* name) { return Orvet::IntfId(name); }
+
+std::string text(const Route& r) {
+  std::ostringstream os;
+  os << r;
+  return os.str();
+}
+
+std::vector<uint16_t> oifsOf(const Route& r) {
+  std::vector<uint16_t> out;
+  for (OifIndex i : r.oifIteratorConst()) out.push_back(i.value());
+  return out;
+}
+
+TEST(RouteRecord, BuiltFromKeyHasDefaults) {
+  IpGenRouteKey k = key("10.0.0.1/32", "232.1.1.1/32");
+  Route r(k);
+  EXPECT_EQ(r.key(), k);
+  EXPECT_TRUE(r.iif().isNull() && r.iifFrr().isNull() && r.notify().isNull() && r.fastdrop().isNull());
+  EXPECT_FALSE(r.notifyProgrammable());
+  EXPECT_EQ(r.routeFlags().value(), 0u);
+  EXPECT_EQ(r.iifFlags().value(), 0u);
+  EXPECT_EQ(r.rpaId(), RpaIndex(0));  // not RpaIndex's own default of 65535
+  EXPECT_EQ(r.maxOifIndex(), OifIndex::null);
+  EXPECT_EQ(r.routePriority(), RoutePriority(1));
+  EXPECT_EQ(r.version(), 0u);
+  for (uint8_t w = 0; w < 8; ++w) EXPECT_EQ(r.oifBitmap(w), 0u);
+}
+
+TEST(RouteRecord, OifIsNeverClearsAndOifDelReturnsOldBit) {
+  Route r(key("0.0.0.0/0", "239.1.1.1/32"));
+  r.oifIs(OifIndex(7), false);
+  EXPECT_TRUE(r.oif(OifIndex(7)));
+  r.oifIs(OifIndex(7), false);
+  EXPECT_TRUE(r.oif(OifIndex(7)));
+  EXPECT_TRUE(r.oifDel(OifIndex(7)));
+  EXPECT_FALSE(r.oifDel(OifIndex(7)));
+  EXPECT_FALSE(r.oif(OifIndex(7)));
+  EXPECT_ASSERTION(r.oif(OifIndex::null), "i.value() < OifIndex::kPositions");
+}
+
+TEST(RouteRecord, WalkNeedsMaxOifIndex) {
+  Route r(key("0.0.0.0/0", "239.1.1.1/32"));
+  r.oifIs(OifIndex(3), true);
+  r.oifIs(OifIndex(70), true);
+  EXPECT_EQ(r.nextOif(OifIndex::null), OifIndex::null);
+  EXPECT_TRUE(oifsOf(r).empty());
+  r.maxOifIndexIs(OifIndex(70));
+  EXPECT_EQ(r.nextOif(OifIndex::null), OifIndex(3));
+  EXPECT_EQ(r.nextOif(OifIndex(3)), OifIndex(70));
+  EXPECT_EQ(r.nextOif(OifIndex(70)), OifIndex::null);
+  EXPECT_EQ(oifsOf(r), (std::vector<uint16_t>{3, 70}));
+  EXPECT_EQ(r.oifIteratorConst(OifIndex(4)).key(), OifIndex(70));
+  EXPECT_EQ(r.oifs(), 2);
+}
+
+TEST(RouteRecord, FullBitmapCountWrapsToZero) {
+  Route r;
+  for (uint8_t w = 0; w < 8; ++w) r.oifBitmapIs(w, ~0ull);
+  EXPECT_EQ(r.oifs(), 0);
+  EXPECT_EQ(r.oifBitmapDel(3), ~0ull);
+  EXPECT_EQ(r.oifBitmap(3), 0u);
+  EXPECT_EQ(r.oifs(), 192);
+}
+
+Route sample() {
+  Route r(key("10.0.0.0/24", "232.1.1.1/32"));
+  r.iifIs(intf("Ethernet1"));
+  r.notifyIs(intf("Vlan100"));
+  r.notifyProgrammableIs(true);
+  r.routeFlagsIs(Route::RouteFlags(0x11));
+  r.iifFlagsIs(Route::IifFlags(1));
+  r.rpaIdIs(RpaIndex(4));
+  r.maxOifIndexIs(OifIndex(450));
+  r.routePriorityIs(RoutePriority(200));
+  r.versionIs(9);
+  r.oifBitmapIs(0, 0x2a);
+  r.oifBitmapIs(7, 0x10000);
+  return r;
+}
+
+TEST(RouteRecord, BrumeStringShowsWordsHighFirst) {
+  EXPECT_EQ(sample().brumeString(),
+            "[(10.0.0.0/24,232.1.1.1)] F 0x11 0x1 I Ethernet1 N Vlan100 S null F null "
+            "O 0x10000 0x0 0x0 0x0 0x0 0x0 0x0 0x2a max 450 ver 9 priority 200");
+}
+
+TEST(RouteRecord, TextRoundTrips) {
+  Route r = sample();
+  std::string t = text(r);
+  EXPECT_TRUE(t.starts_with(
+      "Value('Brume::Multicast::Fib::Route', ** {'key': Value('Routing::Multicast::Fib::IpGenRouteKey'"))
+      << t;
+  EXPECT_NE(
+      t.find("'notifyProgrammable': True, 'routeFlags': Value('Brume::Multicast::Fib::Route::RouteFlags', "),
+      std::string::npos);
+  EXPECT_NE(t.find("'iifFlags': True, 'rpaId': 4, 'maxOifIndex': 450, 'routePriority': 200, 'version': 9, "
+                   "'oifBitmap1': 42, 'oifBitmap2': 0"),
+            std::string::npos)
+      << t;
+  EXPECT_TRUE(t.ends_with("'oifBitmap8': 65536})")) << t;
+  EXPECT_EQ(Route::fromText(t), r);
+  EXPECT_EQ(Route::fromText(text(Route())), Route());
+}
+
+// Replaces the text of one attribute in a printed route.
+std::string withField(std::string t, const std::string& name, const std::string& value) {
+  size_t at = t.find("'" + name + "': ") + name.size() + 4;
+  size_t len = Kiv::valueTokenLength(std::string_view(t).substr(at));
+  return t.replace(at, len, value);
+}
+
+TEST(RouteRecord, RangeErrorsNameTheAttribute) {
+  const std::string t = text(sample());
+  struct Case {
+    const char* attribute;
+    const char* value;
+    const char* cause;
+  } cases[] = {
+      {"routeFlags", "64", "RouteFlags::value > 0x3f not allowed"},
+      {"iifFlags", "2", "IifFlags::value > 0x1 not allowed"},
+      {"routePriority", "256", "RoutePriority::value < 0 or > 255 not allowed"},
+      {"maxOifIndex", "513", "OifIndex::value < OifIndex::min or > OifIndex::null not allowed"},
+  };
+  for (const Case& c : cases) {
+    try {
+      Route::fromText(withField(t, c.attribute, c.value));
+      ADD_FAILURE() << "expected a deserialisation error for " << c.attribute;
+    } catch (const Kiv::DeserializationException& e) {
+      EXPECT_EQ(e.attribute(), c.attribute);
+      EXPECT_EQ(e.cause(), c.cause);
+    }
+  }
+}
+
+TEST(RouteRecord, DifferenceKeepsWhatDisagrees) {
+  Route a = sample();
+  Route b(key("1.1.1.1/32", "239.9.9.9/32"));
+  b.iifIs(intf("Ethernet1"));       // same as a: dropped
+  b.fastdropIs(intf("Ethernet2"));  // only b has one: b's
+  b.notifyIs(intf("Ethernet3"));    // both differ: a's
+  b.routeFlagsIs(Route::RouteFlags(0x01));
+  b.oifBitmapIs(0, 0x0f);
+  b.versionIs(77);
+  Route d = a ^ b;
+  EXPECT_EQ(d.key(), a.key());
+  EXPECT_TRUE(d.iif().isNull());
+  EXPECT_EQ(d.fastdrop(), intf("Ethernet2"));
+  EXPECT_EQ(d.notify(), intf("Vlan100"));
+  EXPECT_TRUE(d.iifFrr().isNull());
+  EXPECT_EQ(d.routeFlags().value(), 0x10u);
+  EXPECT_EQ(d.iifFlags().value(), 1u);
+  EXPECT_EQ(d.oifBitmap(0), 0x25u);
+  EXPECT_EQ(d.oifBitmap(7), 0x10000u);
+  EXPECT_EQ(d.maxOifIndex(), OifIndex(511));
+  // Fields outside the difference are those of a route built from the key.
+  EXPECT_EQ(d.version(), 0u);
+  EXPECT_EQ(d.routePriority(), RoutePriority(1));
+  EXPECT_FALSE(d.notifyProgrammable());
+  EXPECT_EQ(a ^ a, [&] {
+    Route same(a.key());
+    same.maxOifIndexIs(OifIndex(511));
+    return same;
+  }());
+}
+
+TEST(RouteRecord, MaskSelectsPartsOfTheOther) {
+  Route mask(key("0.0.0.0/0", "239.1.1.1/32"));
+  mask.iifIs(intf("Ethernet9"));  // any non-null value selects the other's
+  mask.oifBitmapIs(1, 0xff);
+  Route other = sample();
+  other.oifBitmapIs(1, 0x1f0);
+  other.fastdropIs(intf("Ethernet5"));
+  Route m = mask & other;
+  EXPECT_EQ(m.key(), mask.key());
+  EXPECT_EQ(m.iif(), intf("Ethernet1"));
+  EXPECT_EQ(m.iifFlags(), other.iifFlags());
+  EXPECT_TRUE(m.notify().isNull());
+  EXPECT_TRUE(m.fastdrop().isNull());
+  EXPECT_EQ(m.oifBitmap(1), 0xf0u);
+  EXPECT_EQ(m.oifBitmap(0), 0u);
+  EXPECT_EQ(m.routeFlags(), other.routeFlags());
+  EXPECT_EQ(m.version(), 9u);
+  EXPECT_EQ(m.maxOifIndex(), OifIndex(511));
+  EXPECT_EQ(m.routePriority(), RoutePriority(1));
+
+  Route noIif(mask.key());
+  EXPECT_EQ((noIif & other).iifFlags().value(), 0u);  // iifFlags come only with iif
+}
+
+TEST(MfibBrumeDirRouteKey, OrdersByRouteKeyThenBrumeKey) {
+  IpGenRouteKey g1 = key("2.2.2.2/32", "225.0.0.1/32");
+  IpGenRouteKey g2 = key("1.1.1.1/32", "226.0.0.1/32");
+  MfibBrumeDirRouteKey a(5, g1), b(9, g1), c(1, g2);
+  EXPECT_LT(a, b);
+  EXPECT_LT(b, c);  // the route key decides whatever the brumeKey
+  EXPECT_FALSE(c < a);
+  EXPECT_NE(a, b);
+  EXPECT_EQ(a, MfibBrumeDirRouteKey(5, g1));
+  std::ostringstream os;
+  os << c;
+  EXPECT_TRUE(
+      os.str().starts_with("Value('Brume::Multicast::Fib::MfibBrumeDirRouteKey', ** {'brumeKey': 1, "
+                           "'routeKey': Value('Routing::Multicast::Fib::IpGenRouteKey'"))
+      << os.str();
+  EXPECT_EQ(MfibBrumeDirRouteKey::fromText(os.str()), c);
+}
+
+}  // namespace
+}  // namespace Brume::Multicast::Fib

@@ -1,0 +1,209 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <unordered_set>
+
+#include "mroute/route/bidir_group.h"
+#include "mroute/route/df_profile.h"
+#include "mroute/route/intf_flags.h"
+#include "mroute/route/intf_oif_index.h"
+#include "mroute/route/oif_index_intf.h"
+#include "mroute/route/route_flags.h"
+#include "mroute/route/route_priority.h"
+#include "mroute/route/rpa_index.h"
+#include "mroute/route/table_info.h"
+#include "testing/expect_assert.h"
+
+namespace Brume::Multicast::Fib {
+namespace {
+
+template <class T>
+std::string text(const T& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+// Every flag word has the same shape: one bit per flag, a range error naming
+// the top value, and a text form that reads back.
+template <class Flags>
+class FlagWordShape : public ::testing::Test {};
+using FlagWords = ::testing::Types<RouteFlags, IifFlags, IntfFlags>;
+TYPED_TEST_SUITE(FlagWordShape, FlagWords);
+
+TYPED_TEST(FlagWordShape, EachFlagIsItsOwnBit) {
+  for (unsigned bit = 0; bit < TypeParam::kFlags; ++bit) {
+    TypeParam f;
+    f.flagIs(bit, true);
+    EXPECT_EQ(f.value(), 1u << bit);
+    f.flagIs(bit, false);
+    EXPECT_EQ(f.value(), 0u);
+  }
+  TypeParam f;
+  EXPECT_ASSERTION(f.flagIs(TypeParam::kFlags, true), "bit < N");
+}
+
+TYPED_TEST(FlagWordShape, ValueAboveTopBitIsRejectedByName) {
+  const std::string expected = std::string(TypeParam::kShortName) + "::value > 0x" +
+                               (TypeParam::kFlags == 1 ? "1" : "3f") + " not allowed";
+  EXPECT_THROW_TEXT(TypeParam(TypeParam::kMaxValue + 1), Kiv::RangeException, expected);
+  TypeParam f(TypeParam::kMaxValue);
+  EXPECT_THROW_TEXT(f.valueIs(TypeParam::kMaxValue + 1), Kiv::RangeException, expected);
+  EXPECT_EQ(f.value(), TypeParam::kMaxValue);  // nothing stored on failure
+  EXPECT_THROW_TEXT(TypeParam::fromText(std::to_string(TypeParam::kMaxValue + 1)), Kiv::RangeException,
+                    expected);
+}
+
+TYPED_TEST(FlagWordShape, TextRoundTripsEveryValue) {
+  std::unordered_set<std::string> texts;
+  for (uint32_t v = 0; v <= TypeParam::kMaxValue; ++v) {
+    TypeParam f(v);
+    std::string t = text(f);
+    EXPECT_EQ(TypeParam::fromText(t), f) << t;
+    texts.insert(t);
+  }
+  EXPECT_EQ(texts.size(), TypeParam::kMaxValue + 1u);  // no two values print alike
+}
+
+TEST(RouteFlags, NamedAccessorsAndExactText) {
+  RouteFlags f;
+  f.validIs(true);
+  f.programmableIs(true);
+  EXPECT_EQ(f.value(), 0x11u);
+  EXPECT_TRUE(f.valid() && f.programmable() && !f.toCpu());
+  EXPECT_EQ(
+      text(f),
+      "Value('Brume::Multicast::Fib::Route::RouteFlags', ** {'valid': True, 'toCpu': False, "
+      "'iifRegister': False, 'oifRegister': False, 'programmable': True, 'skipKernelProgramming': False})");
+  EXPECT_EQ(RouteFlags::fromText(
+                "Value('Brume::Multicast::Fib::Route::RouteFlags', ** {'valid': True, 'toCpu': True, "
+                "'iifRegister': True, 'oifRegister': True, 'programmable': True, "
+                "'skipKernelProgramming': True})")
+                .value(),
+            0x3fu);
+  EXPECT_THROW_TEXT(RouteFlags(0x40), Kiv::RangeException, "RouteFlags::value > 0x3f not allowed");
+}
+
+TEST(RouteFlags, MisnamedFlagNamesTheAttribute) {
+  try {
+    RouteFlags::fromText(
+        "Value('Brume::Multicast::Fib::Route::RouteFlags', ** {'valid': True, 'cpu': True})");
+    FAIL() << "expected a deserialisation error";
+  } catch (const Kiv::DeserializationException& e) {
+    EXPECT_EQ(e.attribute(), "toCpu");
+  }
+}
+
+TEST(IifFlags, TextIsTheBareNoRpfBoolean) {
+  IifFlags f;
+  f.noRpfIs(true);
+  EXPECT_EQ(text(f), "True");
+  EXPECT_EQ(IifFlags::fromText("False"), IifFlags());
+  EXPECT_THROW_TEXT(IifFlags(2), Kiv::RangeException, "IifFlags::value > 0x1 not allowed");
+}
+
+TEST(IntfFlags, BitsAndExactText) {
+  IntfFlags f;
+  f.forwardIs(true);
+  f.notifyIs(true);
+  EXPECT_EQ(f.value(), 0x05u);
+  f.frrIs(true);
+  EXPECT_EQ(f.value(), 0x25u);
+  EXPECT_EQ(
+      text(IntfFlags(0x18)),
+      "Value('Brume::Multicast::Fib::IntfFlags', ** {'forward': False, 'accept': False, 'notify': False, "
+      "'noRpf': True, 'fastdrop': True, 'frr': False})");
+}
+
+TEST(BoundedValues, DefaultsAndRanges) {
+  EXPECT_EQ(RpaIndex().value(), 65535);
+  EXPECT_EQ(RoutePriority().value(), 1);
+  EXPECT_EQ(OifIndex::min.value(), 0);
+  EXPECT_EQ(OifIndex::null.value(), 512);
+  EXPECT_TRUE(OifIndex::null.isNull());
+  EXPECT_FALSE(OifIndex(511).isNull());
+  const char* oifError = "OifIndex::value < OifIndex::min or > OifIndex::null not allowed";
+  EXPECT_THROW_TEXT(OifIndex(513), Kiv::RangeException, oifError);
+  EXPECT_THROW_TEXT(OifIndex::fromText("513"), Kiv::RangeException, oifError);
+  OifIndex i(4);
+  EXPECT_THROW_TEXT(i.valueIs(600), Kiv::RangeException, oifError);
+  EXPECT_EQ(i, OifIndex(4));
+  EXPECT_THROW_TEXT(RoutePriority::fromText("256"), Kiv::RangeException,
+                    "RoutePriority::value < 0 or > 255 not allowed");
+  EXPECT_THROW_TEXT(OifIndex::fromText("70000"), Kiv::RangeException, oifError);
+  EXPECT_THROW(OifIndex::fromText("-1"), Kiv::RangeException);
+}
+
+TEST(BoundedValues, CompareAsUnsignedAndPrintAsNumbers) {
+  EXPECT_LT(OifIndex(2), OifIndex(300));
+  EXPECT_LT(RpaIndex(1), RpaIndex(65535));
+  EXPECT_GT(RoutePriority(200), RoutePriority(1));
+  EXPECT_EQ(text(RoutePriority(200)), "200");
+  EXPECT_EQ(RpaIndex::fromText(text(RpaIndex(40000))), RpaIndex(40000));
+}
+
+TEST(OifIndexIntf, StreamRoundTripAndRangeCheck) {
+  OifIndexIntf v(OifIndex(300), Orvet::IntfId("Ethernet3/1"), 70000);
+  RecordWriter out;
+  v.write(out);
+  ASSERT_EQ(out.bytes().size(), 14u);
+  EXPECT_EQ(out.bytes()[0], 0x01);  // index 300 in network order
+  EXPECT_EQ(out.bytes()[1], 0x2c);
+  EXPECT_EQ(OifIndexIntf::read(out.bytes()), v);
+
+  std::vector<uint8_t> bad = out.bytes();
+  bad[0] = 0x02;  // index 513
+  bad[1] = 0x01;
+  EXPECT_THROW_TEXT(OifIndexIntf::read(bad), Kiv::RangeException,
+                    "OifIndex::value < OifIndex::min or > OifIndex::null not allowed");
+  std::vector<uint8_t> shortStream(out.bytes().begin(), out.bytes().end() - 1);
+  EXPECT_THROW(OifIndexIntf::read(shortStream), Kiv::RangeException);
+}
+
+TEST(OifIndexIntf, TextAndDisplay) {
+  OifIndexIntf v(OifIndex(3), Orvet::IntfId("Ethernet1"), 2);
+  EXPECT_EQ(text(v),
+            "Value('Brume::Multicast::Fib::OifIndexIntf', ** {'key': 3, 'intf': Ethernet1, 'refCount': 2})");
+  EXPECT_EQ(OifIndexIntf::fromText(text(v)), v);
+  EXPECT_TRUE(v.brumeString().ends_with(" RC: 2")) << v.brumeString();
+  try {
+    OifIndexIntf::fromText(
+        "Value('Brume::Multicast::Fib::OifIndexIntf', ** {'key': 513, 'intf': null, 'refCount': 0})");
+    FAIL() << "expected a deserialisation error";
+  } catch (const Kiv::DeserializationException& e) {
+    EXPECT_EQ(e.attribute(), "key");
+    EXPECT_EQ(e.cause(), "OifIndex::value < OifIndex::min or > OifIndex::null not allowed");
+  }
+}
+
+TEST(InterfaceRecords, TextFormsRoundTrip) {
+  IntfOifIndex r(Orvet::IntfId("Port-Channel7"), OifIndex(9));
+  EXPECT_EQ(text(r),
+            "Value('Brume::Multicast::Fib::IntfOifIndex', ** {'key': Port-Channel7, 'oifIndex': 9})");
+  EXPECT_EQ(IntfOifIndex::fromText(text(r)), r);
+
+  DfProfile d(Orvet::IntfId("Vlan100"), 0x8000000000000005ull);
+  EXPECT_EQ(
+      text(d),
+      "Value('Brume::Multicast::Fib::DfProfile', ** {'key': Vlan100, 'dfBitmap': 9223372036854775813})");
+  EXPECT_EQ(DfProfile::fromText(text(d)), d);
+  EXPECT_NE(d.brumeString().find("Vlan100"), std::string::npos);
+
+  BidirGroup g(Orvet::IpGenPrefix::fromText("232.0.0.0/8"), RpaIndex(3));
+  EXPECT_EQ(text(g), "Value('Brume::Multicast::Fib::BidirGroup', ** {'key': 232.0.0.0/8, 'rpa': 3})");
+  EXPECT_EQ(BidirGroup::fromText(text(g)), g);
+  EXPECT_NE(g.brumeString().find("232.0.0.0/8"), std::string::npos);
+}
+
+TEST(TableInfo, RouteTableSetSizesAndEmptyText) {
+  MountInfo info = TableInfo::mfibMountInfo("Brume::Multicast::Fib::Status");
+  EXPECT_EQ(info.type, "Brume::Multicast::Fib::Status");
+  EXPECT_EQ(info.entries("route"), 12000u);
+  EXPECT_EQ(info.entries("oifIndexIntf"), 1024u);
+  EXPECT_EQ(info.entries("bidirGroup"), 0u);
+  EXPECT_EQ(text(TableInfo()), "Value('Brume::Multicast::Fib::TableInfo', ** {})");
+  EXPECT_EQ(TableInfo::fromText(text(TableInfo())), TableInfo());
+}
+
+}  // namespace
+}  // namespace Brume::Multicast::Fib

@@ -1,0 +1,271 @@
+// mroutectl key: print, parse and convert route keys.
+//
+// Every way of naming a key ends in one IpGenRouteKey, which is checked
+// (kind, display) before anything is printed, so a report is either whole or
+// replaced by a one-line error.
+#include <charconv>
+#include <cstdio>
+#include <ostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "command.h"
+#include "mroute/entity/text_form.h"
+#include "mroute/route/ip_gen_route_key.h"
+#include "mroute/route/route_key.h"
+#include "mroute/runtime/assert.h"
+
+namespace Mroutectl {
+namespace {
+
+using Orvet::IpGenPrefix;
+using Routing::Multicast::Fib::IpGenRouteKey;
+using Routing::Multicast::Fib::RouteKey;
+using Routing::Multicast::Fib::RouteKeyType;
+namespace Fib = Routing::Multicast::Fib;
+
+// Bad input; what() is the whole error line.
+class InputError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+void keyUsage(std::ostream& os) {
+  os << "usage: mroutectl key '(S,G)' | '(*,G)'              a route as displayed, IPv4 or IPv6,\n"
+        "                                                    e.g. '(*,239.1.1.1)', "
+        "'(10.0.0.0/24,232.1.1.1)'\n"
+        "       mroutectl key vlan-floodset <vlan>\n"
+        "       mroutectl key multicast-floodset <vlan>\n"
+        "       mroutectl key vxlan-floodset <vlan>\n"
+        "       mroutectl key eth-group <vlan> <ethernet address>\n"
+        "       mroutectl key mcast-group <group kind> <group index>\n"
+        "       mroutectl key --parse '<text form>'          either the (s, g) or the by-kind text form\n"
+        "       mroutectl key --raw <s-prefix> <g-prefix>    decode a raw pair, e.g. 0.0.0.0/0 16.10.0.0/32\n"
+        "\n"
+        "Prints the key's display, kind, hash, both text forms, its raw (s, g) pair and, for\n"
+        "the reserved kinds, what it encodes. Bad input prints one error line and exits 2.\n";
+}
+
+// Runs a library call on operator input, turning its range errors and
+// assertions into an InputError that names the input.
+template <class F>
+auto checked(const std::string& what, std::string_view input, F f) -> decltype(f()) {
+  try {
+    return f();
+  } catch (const InputError&) {
+    throw;
+  } catch (const Mroute::AssertionFailure& e) {
+    throw InputError("bad " + what + " '" + std::string(input) + "': not in the expected form (" + e.what() +
+                     ")");
+  } catch (const std::exception& e) {
+    throw InputError("bad " + what + " '" + std::string(input) + "': " + e.what());
+  }
+}
+
+uint32_t number(const std::string& what, std::string_view text, uint32_t max) {
+  uint32_t v = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || end != text.data() + text.size() || v > max) {
+    throw InputError("bad " + what + " '" + std::string(text) + "': expected a number 0.." +
+                     std::to_string(max));
+  }
+  return v;
+}
+
+Bridging::VlanId vlan(std::string_view text) {
+  uint32_t v = number("VLAN id", text, 0xffff);
+  return checked("VLAN id", text, [v] { return Bridging::VlanId(v); });
+}
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
+  while (!s.empty() && s.back() == ' ') s.remove_suffix(1);
+  return s;
+}
+
+// "(*,239.1.1.1)", "(10.0.0.1,232.1.1.1)", "(10.0.0.0/24,232.0.0.0/8)", "(*,ff3e::1)".
+IpGenRouteKey parseDisplay(std::string_view text) {
+  std::string_view inner = text.size() >= 2 && text.front() == '(' && text.back() == ')'
+                               ? text.substr(1, text.size() - 2)
+                               : std::string_view();
+  size_t comma = inner.find(',');
+  if (comma == std::string_view::npos || inner.find(',', comma + 1) != std::string_view::npos) {
+    throw InputError("bad key '" + std::string(text) +
+                     "': expected (S,G) or (*,G), or a key command (see --help)");
+  }
+  std::string_view sText = trim(inner.substr(0, comma));
+  std::string_view gText = trim(inner.substr(comma + 1));
+  IpGenPrefix g = checked("group", gText, [gText] { return IpGenPrefix::fromText(gText); });
+  if (!g.isMulticast()) throw InputError("bad group '" + std::string(gText) + "': not a multicast group");
+  IpGenPrefix s;
+  if (sText == "*") {
+    s = g.af() == Orvet::ipv4() ? IpGenPrefix(Orvet::Prefix())
+                                : IpGenPrefix(Orvet::IpGenAddr::fromIpv6({}), 0);
+  } else {
+    s = checked("source", sText, [sText] { return IpGenPrefix::fromText(sText); });
+  }
+  if (s.af() != g.af())
+    throw InputError("bad key '" + std::string(text) + "': source and group families differ");
+  return IpGenRouteKey(s, g);
+}
+
+IpGenRouteKey parseTextForm(std::string_view text) {
+  if (text.find("'kind':") != std::string_view::npos) {
+    return checked("text form", text, [text] { return IpGenRouteKey(RouteKey::fromText(text)); });
+  }
+  return checked("text form", text, [text] { return IpGenRouteKey::fromText(text); });
+}
+
+IpGenRouteKey parseRaw(std::string_view sText, std::string_view gText) {
+  IpGenPrefix s = checked("s prefix", sText, [sText] { return IpGenPrefix::fromText(sText); });
+  IpGenPrefix g = checked("g prefix", gText, [gText] { return IpGenPrefix::fromText(gText); });
+  return IpGenRouteKey(s, g);
+}
+
+std::string gHex(const IpGenPrefix& g) {
+  if (g.af() == Orvet::afUnknown()) return "unset";
+  char buf[40];
+  int bytes = g.af().isIpv4() ? 4 : 16;
+  std::string out = "0x";
+  for (int i = 0; i < bytes; ++i) {
+    std::snprintf(buf, sizeof buf, "%02x", g.address().bytes()[i]);
+    out += buf;
+  }
+  return out;
+}
+
+std::string encodes(const IpGenRouteKey& key) {
+  switch (key.kind()) {
+    case Fib::mroute_:
+      return key.s().length() == 0 ? "(*,G) route: any source" : "(S,G) route";
+    case Fib::vlanFloodset_:
+      return "flood set of VLAN " + std::to_string(key.vlanId().value());
+    case Fib::multicastFloodset_:
+      return "multicast flood set of VLAN " + std::to_string(key.vlanId().value());
+    case Fib::vxlanCoreSideFloodset_:
+      return "VXLAN core-side flood set of VLAN " + std::to_string(key.vlanId().value());
+    case Fib::ethGroup_:
+      return "Ethernet group " + key.ethAddr().text() + " in VLAN " + std::to_string(key.vlanId().value());
+    case Fib::mcastGroup_:
+      return "group request of kind " + std::to_string(key.mcastGroup().kind()) + ", index " +
+             std::to_string(key.mcastGroup().index());
+    case Fib::unknownRouteKeyType_:
+      break;
+  }
+  return "nothing: an unset or unknown key";
+}
+
+// Writes the whole report into a string first, so that a failure half-way
+// prints nothing but the error.
+std::string report(const IpGenRouteKey& key) {
+  std::ostringstream os;
+  if (key.g().af().isIpv6() && !key.g().isMulticast()) {
+    throw InputError("bad key: g " + key.g().text() +
+                     " is IPv6 but not multicast; only IPv4 groups carry other kinds");
+  }
+  RouteKeyType kind = key.kind();
+  if (kind > Fib::routeKeyTypeMax) {
+    throw InputError("bad key: g " + key.g().text() + " carries kind tag " + std::to_string(kind) +
+                     ", which names no kind of key");
+  }
+  auto line = [&os](std::string_view label, const std::string& value) {
+    os << label << std::string(16 - label.size(), ' ') << value << "\n";
+  };
+  line("display:", key.pretty());
+  line("kind:", std::string(Fib::stringValue(kind)));
+  char hash[48];
+  std::snprintf(hash, sizeof hash, "0x%08x (%u)", key.hash(), key.hash());
+  line("hash:", hash);
+  line("text:", Kiv::textOf(key));
+  bool ipv6 = key.s().af().isIpv6() || key.g().af().isIpv6();
+  line("text by kind:", ipv6 ? "none (IPv6 keys have no compact form)" : Kiv::textOf(RouteKey(key)));
+  line("s:", key.s().text());
+  line("g:", key.g().text() + " (" + gHex(key.g()) + ")");
+  line("encodes:", encodes(key));
+  switch (kind) {
+    case Fib::ethGroup_:
+      line("ethernet:", key.ethAddr().text());
+      [[fallthrough]];
+    case Fib::vlanFloodset_:
+    case Fib::multicastFloodset_:
+    case Fib::vxlanCoreSideFloodset_:
+      line("vlan:", std::to_string(key.vlanId().value()));
+      break;
+    case Fib::mcastGroup_:
+      line("group kind:", std::to_string(key.mcastGroup().kind()));
+      line("group index:", std::to_string(key.mcastGroup().index()));
+      break;
+    default:
+      break;
+  }
+  return os.str();
+}
+
+IpGenRouteKey keyOf(const Args& args) {
+  auto want = [&args](size_t n) {
+    if (args.size() != n) {
+      throw InputError("'" + std::string(args[0]) + "' takes " + std::to_string(n - 1) + " argument" +
+                       (n == 2 ? "" : "s") + " (see mroutectl key --help)");
+    }
+  };
+  std::string_view what = args[0];
+  if (what == "vlan-floodset") {
+    want(2);
+    return Fib::makeRouteKeyVlanFloodset(vlan(args[1]));
+  }
+  if (what == "multicast-floodset") {
+    want(2);
+    return Fib::makeRouteKeyMulticastFloodset(vlan(args[1]));
+  }
+  if (what == "vxlan-floodset") {
+    want(2);
+    return Fib::makeRouteKeyVxlanCoreSideFloodset(vlan(args[1]));
+  }
+  if (what == "eth-group") {
+    want(3);
+    auto id = vlan(args[1]);
+    auto eth = checked("Ethernet address", args[2], [&args] { return Orvet::EthAddr::fromText(args[2]); });
+    return Fib::makeRouteKeyEthGroup(id, eth);
+  }
+  if (what == "mcast-group") {
+    want(3);
+    auto kind = static_cast<uint16_t>(number("group kind", args[1], 0xffff));
+    auto index = static_cast<uint16_t>(number("group index", args[2], 0xffff));
+    return Fib::makeRouteKeyMcastGroup(::Multicast::Group::GroupKey(kind, index));
+  }
+  if (what == "--parse") {
+    want(2);
+    return parseTextForm(args[1]);
+  }
+  if (what == "--raw") {
+    want(3);
+    return parseRaw(args[1], args[2]);
+  }
+  if (what.starts_with("-") || what.find('(') == std::string_view::npos) {
+    throw InputError("unknown key command '" + std::string(what) + "' (see mroutectl key --help)");
+  }
+  want(1);
+  return parseDisplay(what);
+}
+
+int runKey(const Args& args, std::ostream& out, std::ostream& err) {
+  if (args.empty()) {
+    keyUsage(err);
+    return kExitUsage;
+  }
+  try {
+    IpGenRouteKey key = keyOf(args);
+    out << checked("key", key.s().text() + " " + key.g().text(), [&key] { return report(key); });
+    return kExitOk;
+  } catch (const InputError& e) {
+    err << "mroutectl key: " << e.what() << "\n";
+    return kExitUsage;
+  }
+}
+
+}  // namespace
+
+const Subcommand keyCommand = {"key", "print, parse and convert route keys", &keyUsage, &runKey};
+
+}  // namespace Mroutectl
