@@ -1,0 +1,71 @@
+// Keyed collections of generated entities (Kiv::HashMap or Kiv::RbTreeMap
+// from K to a plain value V). Each generated member is one call, e.g.
+//   void Config::counterRouteIs(const IpGenRouteKey& k, bool v) {
+//     Kiv::collIs<NotifieeConst>(*this, kCounterRouteId, counterRoute_, k, v, &NotifieeConst::onCounterRoute);
+//   }
+// Every change tells notifiees onX(key) once; setting a member to the value
+// it has tells nobody; removing an absent key does nothing.
+//
+// Thread-safety: on the entity's event loop only.
+#pragma once
+
+#include "mroute/runtime/kiv/entity.h"
+
+namespace Kiv {
+
+template <class N, class Map>
+void collNotify(const Entity& e, AttrId id, const Map&, const typename Map::key_type& k,
+                void (N::*on)(const typename Map::key_type&)) {
+  e.notify<N>(id, [&k, on](N& n) { (n.*on)(k); });
+}
+
+// Creates the member, or replaces its value, and notifies.
+template <class N, class Map>
+void collNew(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
+             const typename Map::mapped_type& v, void (N::*on)(const typename Map::key_type&)) {
+  m.insert_or_assign(k, v);
+  collNotify(e, id, m, k, on);
+}
+
+template <class N, class Map>
+void collIs(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
+            const typename Map::mapped_type& v, void (N::*on)(const typename Map::key_type&)) {
+  const auto* old = m.lookup(k);
+  if (old && *old == v) return;
+  collNew(e, id, m, k, v, on);
+}
+
+// Removes the member at `it` and notifies with its key.
+template <class N, class Map>
+void collDel(const Entity& e, AttrId id, Map& m, typename Map::const_iterator it,
+             void (N::*on)(const typename Map::key_type&)) {
+  typename Map::key_type k = it->first;  // the member goes before the callbacks run
+  m.erase(it);
+  collNotify(e, id, m, k, on);
+}
+
+// Returns whether the key was present.
+template <class N, class Map>
+bool collDel(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
+             void (N::*on)(const typename Map::key_type&)) {
+  auto it = m.find(k);
+  if (it == m.end()) return false;
+  collDel(e, id, m, typename Map::const_iterator(it), on);
+  return true;
+}
+
+// Removes every member one at a time, each with its own notification. A
+// callback may change the collection: the walk restarts from the front.
+template <class N, class Map>
+void collDelAll(const Entity& e, AttrId id, Map& m, void (N::*on)(const typename Map::key_type&)) {
+  while (!m.empty()) collDel(e, id, m, m.cbegin(), on);
+}
+
+// The member's value, or V's default when the key is absent.
+template <class Map>
+typename Map::mapped_type collValue(const Map& m, const typename Map::key_type& k) {
+  const auto* v = m.lookup(k);
+  return v ? *v : typename Map::mapped_type{};
+}
+
+}  // namespace Kiv

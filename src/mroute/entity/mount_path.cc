@@ -1,0 +1,18 @@
+#include "mroute/entity/mount_path.h"
+
+#include "mroute/runtime/assert.h"
+
+namespace Kiv {
+
+std::string familyPath(uint32_t family, std::string_view ipv4Path, std::string_view ipv6Path) {
+  switch (family) {
+    case 1:
+      return std::string(ipv4Path);
+    case 2:
+      return std::string(ipv6Path);
+    default:
+      MROUTE_ASSERT(false && "Unsupported address family");
+  }
+}
+
+}  // namespace Kiv

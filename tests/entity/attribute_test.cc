@@ -1,0 +1,101 @@
+// Scalar, counter and constant attributes, reset/isDefault and mount paths
+// of a generated entity.
+#include <gtest/gtest.h>
+
+#include "testing/expect_assert.h"
+#include "recorder.h"
+
+namespace {
+
+using EntityTest::Log;
+using EntityTest::Recorder;
+using Sample::Holder;
+
+class AttributeTest : public testing::Test {
+ protected:
+  void SetUp() override { rec.notifierIs(holder); }
+  Kiv::Ptr<Holder> holder = Sample::HolderIs("h");
+  Log log;
+  Recorder rec{&log};
+};
+
+TEST_F(AttributeTest, FreshEntityHoldsDefaults) {
+  EXPECT_TRUE(holder->flag());
+  EXPECT_EQ(holder->mode(), Holder::Mode::on);
+  EXPECT_EQ(holder->ticks(), 0);
+  EXPECT_TRUE(Holder::flagDefault());
+  EXPECT_EQ(holder->span(), Sample::Span());
+  EXPECT_TRUE(holder->isDefault());
+  EXPECT_EQ(holder->name(), "h");
+  EXPECT_EQ(holder->fwkType().name, "Sample::Holder");
+}
+
+TEST_F(AttributeTest, SetterNotifiesOnlyOnChange) {
+  holder->flagIs(true);
+  holder->modeIs(Holder::Mode::on);
+  EXPECT_TRUE(log.empty());
+  holder->flagIs(false);
+  holder->flagIs(false);
+  holder->spanIs(Sample::Span(3, 4, Sample::Volume::loud, "x"));
+  EXPECT_EQ(log, (Log{"flag", "span"}));
+  EXPECT_FALSE(holder->flag());
+}
+
+TEST_F(AttributeTest, CounterWrapsAt256AndNotifies) {
+  holder->ticksIs(255);
+  log.clear();
+  holder->ticksInc(1);
+  EXPECT_EQ(holder->ticks(), 0);
+  EXPECT_EQ(log, (Log{"ticks"}));
+  holder->ticksInc(0);  // no change, no notification
+  EXPECT_EQ(log.size(), 1u);
+}
+
+// reset() covers what the description lists (flag, mode, item), through the
+// setters, and nothing else.
+TEST_F(AttributeTest, ResetCoversOnlyListedMembers) {
+  holder->flagIs(false);
+  holder->itemIs(1, "one");
+  holder->ticksIs(9);
+  EXPECT_FALSE(holder->isDefault());
+  log.clear();
+  holder->reset();
+  EXPECT_EQ(log, (Log{"flag", "item 1"}));
+  EXPECT_TRUE(holder->isDefault());
+  EXPECT_EQ(holder->ticks(), 9);
+  EXPECT_EQ(holder->leaf().size(), 1u);
+}
+
+TEST_F(AttributeTest, AttributeIdsCountFrom258IncludingConstants) {
+  EXPECT_EQ(Holder::kFlagId, 258);
+  EXPECT_EQ(Holder::kFlagDefaultId, 260);
+  EXPECT_EQ(Holder::kSpanId, 265);
+}
+
+TEST_F(AttributeTest, NotificationCarriesTheAttributeId) {
+  struct IdProbe : Holder::NotifieeConst {
+    void onTicks() override { seen = notifier()->notifieeList().attrInDelivery(); }
+    Kiv::AttrId seen = 0;
+  } probe;
+  probe.notifierIs(holder);
+  holder->ticksInc(2);
+  EXPECT_EQ(probe.seen, Holder::kTicksId);
+}
+
+TEST(MountPathTest, PathsByFamilyAndAssertionOtherwise) {
+  EXPECT_EQ(Holder::mountPath(Orvet::ipv4()), "sample/holder");
+  EXPECT_EQ(Holder::mountPath(Orvet::ipv6()), "sample6/holder");
+  EXPECT_ASSERTION(Holder::mountPath(Orvet::AddressFamily(3)), "false && \"Unsupported address family\"");
+  EXPECT_ASSERTION(Holder::mountPath(Orvet::afUnknown()), "false && \"Unsupported address family\"");
+}
+
+TEST(TypeRegistrationTest, EveryTypeIsRegisteredAtLoadInUnitOrder) {
+  std::vector<std::string> names;
+  for (const Kiv::TypeRecord* r : Kiv::registeredTypes()) {
+    if (r->name.starts_with("Sample::")) names.push_back(r->name);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"Sample::Volume", "Sample::Span", "Sample::Marks", "Sample::Leaf",
+                                             "Sample::Holder", "Sample::Holder::Mode"}));
+}
+
+}  // namespace
