@@ -1,0 +1,145 @@
+#include "mroute/kernel/mrt_notify_pam_manager.h"
+
+#include "mroute/kernel/mrt_brevet.h"
+#include "mroute/kernel/mrt_constants.h"
+#include "mroute/kernel/mrt_notify_socket_pam.h"
+#include "mroute/kernel/mrt_stock_socket_pam.h"
+#include "mroute/kernel/mrt_upcall.h"
+#include "mroute/runtime/assert.h"
+#include "mroute/runtime/trace.h"
+
+namespace Routing::Multicast::Notify {
+namespace {
+
+const Mroute::Trace::Facility& fac() {
+  static const Mroute::Trace::Facility& f = Mroute::Trace::facility("Mroute::MrtNotify");
+  return f;
+}
+
+}  // namespace
+
+Kiv::Ptr<MrtNotifyPamManager> MrtNotifyPamManager::MrtNotifyPamManagerIs(Orvet::AddressFamily af,
+                                                                         const Orvet::NamespaceName& netNs,
+                                                                         Mroute::Loop::EventLoop& loop,
+                                                                         MrtUpcallSource source,
+                                                                         Mroute::Brevet& brevet) {
+  return new MrtNotifyPamManager(af, netNs, loop, source, brevet);
+}
+
+MrtNotifyPamManager::MrtNotifyPamManager(Orvet::AddressFamily af, const Orvet::NamespaceName& netNs,
+                                         Mroute::Loop::EventLoop& loop, MrtUpcallSource source,
+                                         Mroute::Brevet& brevet)
+    : Kiv::Entity("MrtNotifyPamManager"),
+      af_(af),
+      netNs_(netNs),
+      loop_(loop),
+      source_(source),
+      brevet_(brevet),
+      noCacheMessage_(NoCacheMessage::NoCacheMessageIs("noCacheMessage")),
+      wrongVifMessage_(WrongVifMessage::WrongVifMessageIs("wrongVifMessage")),
+      wholePktMessage_(WholePktMessage::WholePktMessageIs("wholePktMessage")) {}
+
+const Kiv::TypeRecord& MrtNotifyPamManager::fwkType() const {
+  static const Kiv::TypeRecord& type =
+      Kiv::registerType("Routing::Multicast::Notify::MrtNotifyPamManager", Kiv::TypeKind::entity);
+  return type;
+}
+
+void MrtNotifyPamManager::pamIs(Kiv::Ptr<MrtSocketPam> pam) {
+  if (pam == pam_) return;
+  pam_ = std::move(pam);
+  notify<NotifieeConst>(kPamId, [](NotifieeConst& n) { n.onPam(); });
+}
+
+void MrtNotifyPamManager::handlePamInit() {
+  MROUTE_TRACE(fac(), 8, "void Routing::Multicast::Notify::MrtNotifyPamManager::handlePamInit()");
+  if (af_ == Orvet::ipv4()) {
+    MROUTE_TRACE(fac(), 8, "Initializing Pam for IPv4");
+    if (source_ == MrtUpcallSource::stockKernel) {
+      pamIs(MrtStockSocketPam::MrtStockSocketPamIs("MrtNotify"));
+    } else {
+      pamIs(MrtNotifySocketPam::MrtNotifySocketPamIs("MrtNotify"));
+    }
+    MROUTE_ASSERT(pam_);
+    pam_->eventLoopIs(&loop_);
+    pam_->netNsIs(netNs_);
+  } else if (af_ == Orvet::ipv6()) {
+    MROUTE_TRACE(fac(), 8, "Ignoring initializing Pam for IPv6");
+  } else {
+    MROUTE_ASSERT(0 && "Unsupported address family.");
+  }
+}
+
+void MrtNotifyPamManager::noCacheCounterIs(uint32_t v) {
+  Kiv::attrIs(*this, kNoCacheCounterId, noCacheCounter_, v, &NotifieeConst::onNoCacheCounter);
+}
+uint32_t MrtNotifyPamManager::noCacheCounterInc(uint32_t n) {
+  Kiv::attrInc(*this, kNoCacheCounterId, noCacheCounter_, n, &NotifieeConst::onNoCacheCounter);
+  return noCacheCounter_;
+}
+void MrtNotifyPamManager::wrongVifCounterIs(uint32_t v) {
+  Kiv::attrIs(*this, kWrongVifCounterId, wrongVifCounter_, v, &NotifieeConst::onWrongVifCounter);
+}
+uint32_t MrtNotifyPamManager::wrongVifCounterInc(uint32_t n) {
+  Kiv::attrInc(*this, kWrongVifCounterId, wrongVifCounter_, n, &NotifieeConst::onWrongVifCounter);
+  return wrongVifCounter_;
+}
+void MrtNotifyPamManager::wholePktCounterIs(uint32_t v) {
+  Kiv::attrIs(*this, kWholePktCounterId, wholePktCounter_, v, &NotifieeConst::onWholePktCounter);
+}
+uint32_t MrtNotifyPamManager::wholePktCounterInc(uint32_t n) {
+  Kiv::attrInc(*this, kWholePktCounterId, wholePktCounter_, n, &NotifieeConst::onWholePktCounter);
+  return wholePktCounter_;
+}
+
+void MrtNotifyPamManager::readMrtMessage(const Kiv::Ptr<Orvet::Pkt>& pkt,
+                                         const Routing::KernelMfib::VifIntfMap& vifStatus) {
+  if (af_ == Orvet::ipv6()) return;
+  if (af_ != Orvet::ipv4()) MROUTE_ASSERT(0 && "Unknown address family not supported");
+  std::optional<UpcallHeader> h = parseUpcall(pkt->data(), pkt->size());
+  if (!h) {
+    ++truncated_;
+    MROUTE_TRACE(fac(), 2, "MrtNotify Rcv: upcall of " << pkt->size() << " bytes has no valid header");
+    return;
+  }
+  MROUTE_TRACE(fac(), 9, "ipproto: " << unsigned(h->ipProto));
+  MROUTE_TRACE(fac(), 9, "igmpmsg type: " << unsigned(h->msgType));
+  MROUTE_TRACE(fac(), 9, "Headerbytes: " << h->headerBytes);
+  MROUTE_TRACE(fac(), 9, "sAddr: " << h->source << " gAddr: " << h->group << " vif " << h->vif);
+  Orvet::IntfId intf = vifStatus.intfIdColl(h->vif);
+
+  switch (h->msgType) {
+    case kIgmpMsgNoCache:
+      MROUTE_TRACE(fac(), 9, "NoCacheMessage");
+      noCacheMessage_->sourceIs(h->source);
+      noCacheMessage_->groupIs(h->group);
+      noCacheMessage_->intfIdIs(intf);
+      recordUpcall(brevet_, kBrevetNoCache, intf, h->source, h->group);
+      noCacheCounterInc(1);
+      break;
+    case kIgmpMsgWrongVif:
+      MROUTE_TRACE(fac(), 9, "WrongVifMessage");
+      wrongVifMessage_->sourceIs(h->source);
+      wrongVifMessage_->groupIs(h->group);
+      wrongVifMessage_->intfIdIs(intf);
+      recordUpcall(brevet_, kBrevetWrongVif, intf, h->source, h->group);
+      wrongVifCounterInc(1);
+      break;
+    case kIgmpMsgWholePkt:
+      MROUTE_TRACE(fac(), 9, "WholePktMessage");
+      pkt->headDel(h->headerBytes);
+      wholePktMessage_->rcvdPktIs(pkt);
+      wholePktMessage_->intfIdIs(intf);
+      wholePktMessage_->sourceIs(h->source);
+      wholePktMessage_->groupIs(h->group);
+      MROUTE_TRACE(fac(), 9, "src: " << h->source << "dst: " << h->group << " iif: " << intf);
+      recordUpcall(brevet_, kBrevetWholePkt, intf, h->source, h->group);
+      wholePktCounterInc(1);
+      break;
+    default:
+      MROUTE_TRACE(fac(), 9, "MrtNotify Rcv: Invalid igmp Alert");
+      break;
+  }
+}
+
+}  // namespace Routing::Multicast::Notify

@@ -1,0 +1,114 @@
+// Routing::Multicast::Notify::MrtNotifyPamManager: owns the upcall socket of
+// one address family and namespace and decodes its upcalls.
+//
+// readMrtMessage() turns one upcall datagram into the attributes of the
+// message entity of its kind (noCacheMessage, wrongVifMessage,
+// wholePktMessage - created once and rewritten for every event), counts it
+// in that kind's counter and records it in Brevet. IPv6 upcalls are not
+// decoded.
+//
+// The socket is the device kernel's notification socket or, on a stock
+// kernel, the standard multicast-routing socket (MrtUpcallSource).
+//
+// Thread-safety: single-threaded, on the agent's event loop.
+#pragma once
+
+#include <cstdint>
+
+#include "mroute/entity/attribute.h"
+#include "mroute/entity/notifiee.h"
+#include "mroute/kernel/mrt_message.h"
+#include "mroute/kernel/mrt_socket_pam.h"
+#include "mroute/kernel/vif_intf_map.h"
+#include "mroute/runtime/brevet.h"
+#include "mroute/runtime/kiv/entity.h"
+#include "mroute/runtime/net/address_family.h"
+#include "mroute/runtime/net/namespace_name.h"
+
+namespace Mroute::Loop {
+class EventLoop;
+}
+
+namespace Routing::Multicast::Notify {
+
+enum class MrtUpcallSource : uint8_t {
+  deviceKernel,  // MrtNotifySocketPam: MRT_NOTIFY_INIT and per-kind switches
+  stockKernel,   // MrtStockSocketPam: MRT_INIT, kinds filtered in user space
+};
+
+class MrtNotifyPamManager : public Kiv::Entity {
+ public:
+  class NotifieeConst : public Kiv::NotifieeConstOf<MrtNotifyPamManager> {
+   public:
+    virtual void onPam() {}
+    virtual void onNoCacheCounter() {}
+    virtual void onWrongVifCounter() {}
+    virtual void onWholePktCounter() {}
+  };
+  static constexpr Kiv::AttrId kPamId = Kiv::kFirstAttrId;
+  static constexpr Kiv::AttrId kNoCacheCounterId = kPamId + 4;
+  static constexpr Kiv::AttrId kWrongVifCounterId = kPamId + 5;
+  static constexpr Kiv::AttrId kWholePktCounterId = kPamId + 6;
+
+  // `loop` is the event loop on which the socket is watched.
+  static Kiv::Ptr<MrtNotifyPamManager> MrtNotifyPamManagerIs(
+      Orvet::AddressFamily af, const Orvet::NamespaceName& netNs, Mroute::Loop::EventLoop& loop,
+      MrtUpcallSource source = MrtUpcallSource::deviceKernel,
+      Mroute::Brevet& brevet = Mroute::Brevet::process());
+
+  const Kiv::TypeRecord& fwkType() const override;
+
+  Orvet::AddressFamily af() const { return af_; }
+  const Orvet::NamespaceName& netNs() const { return netNs_; }
+  MrtUpcallSource source() const { return source_; }
+
+  const Kiv::Ptr<MrtSocketPam>& pam() const { return pam_; }
+  void pamIs(Kiv::Ptr<MrtSocketPam> pam);
+  // Creates the socket object "MrtNotify" for IPv4 (in this manager's
+  // namespace, on its loop); IPv6 creates nothing; any other family is fatal.
+  void handlePamInit();
+
+  const Kiv::Ptr<NoCacheMessage>& noCacheMessage() const { return noCacheMessage_; }
+  const Kiv::Ptr<WrongVifMessage>& wrongVifMessage() const { return wrongVifMessage_; }
+  const Kiv::Ptr<WholePktMessage>& wholePktMessage() const { return wholePktMessage_; }
+
+  // Counters of decoded upcalls; Inc adds in 32-bit arithmetic (wrapping)
+  // and returns the new value.
+  uint32_t noCacheCounter() const { return noCacheCounter_; }
+  void noCacheCounterIs(uint32_t v);
+  uint32_t noCacheCounterInc(uint32_t n);
+  uint32_t wrongVifCounter() const { return wrongVifCounter_; }
+  void wrongVifCounterIs(uint32_t v);
+  uint32_t wrongVifCounterInc(uint32_t n);
+  uint32_t wholePktCounter() const { return wholePktCounter_; }
+  void wholePktCounterIs(uint32_t v);
+  uint32_t wholePktCounterInc(uint32_t n);
+
+  // Decodes one upcall datagram; `vifStatus` maps its vif to an interface.
+  // A whole-packet upcall keeps `pkt` (its header removed) in
+  // wholePktMessage.
+  void readMrtMessage(const Kiv::Ptr<Orvet::Pkt>& pkt, const Routing::KernelMfib::VifIntfMap& vifStatus);
+
+  // Datagrams too short to hold an upcall header.
+  uint64_t truncated() const { return truncated_; }
+
+ private:
+  MrtNotifyPamManager(Orvet::AddressFamily af, const Orvet::NamespaceName& netNs,
+                      Mroute::Loop::EventLoop& loop, MrtUpcallSource source, Mroute::Brevet& brevet);
+
+  Orvet::AddressFamily af_;
+  Orvet::NamespaceName netNs_;
+  Mroute::Loop::EventLoop& loop_;
+  MrtUpcallSource source_;
+  Mroute::Brevet& brevet_;
+  Kiv::Ptr<MrtSocketPam> pam_;
+  Kiv::Ptr<NoCacheMessage> noCacheMessage_;
+  Kiv::Ptr<WrongVifMessage> wrongVifMessage_;
+  Kiv::Ptr<WholePktMessage> wholePktMessage_;
+  uint32_t noCacheCounter_ = 0;
+  uint32_t wrongVifCounter_ = 0;
+  uint32_t wholePktCounter_ = 0;
+  uint64_t truncated_ = 0;
+};
+
+}  // namespace Routing::Multicast::Notify

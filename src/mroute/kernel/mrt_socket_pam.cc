@@ -1,0 +1,225 @@
+#include "mroute/kernel/mrt_socket_pam.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iomanip>
+
+#include "mroute/runtime/assert.h"
+#include "mroute/runtime/error.h"
+
+namespace Routing::Multicast::Notify {
+namespace {
+
+// Room for exactly one packet-information record (24 bytes on the 32-bit
+// ABI the layout was drawn for, 32 on LP64).
+constexpr size_t kRxControlBytes = CMSG_SPACE(sizeof(in_pktinfo));
+
+std::string hex(uint32_t v) {
+  std::ostringstream os;
+  os << std::hex << v;
+  return os.str();
+}
+
+std::string systemMessage(int err) { return Mroute::ErrnoException("", err).what() + 2; }
+
+}  // namespace
+
+MrtSocketPam::MrtSocketPam(const Kiv::Name& name, std::string typeName)
+    : Orvet::Pam(name),
+      typeName_(std::move(typeName)),
+      facility_(Mroute::Trace::facility("Mroute::MrtPam")),
+      sys_(&MrtSys::real()),
+      pktManager_(&Orvet::PktManager::global()),
+      rxFlags_(MSG_DONTWAIT) {}
+
+MrtSocketPam::~MrtSocketPam() {
+  handleCleanup();
+  fdSm_ = nullptr;
+  fileDesc_ = nullptr;
+}
+
+void MrtSocketPam::trace(int level, std::string_view op, std::string_view arg, std::string_view text) const {
+  MROUTE_TRACE(facility_, level,
+               "void " << typeName_ << "::" << op << '(' << arg << ") NS:" << netNs_
+                       << (text.empty() ? "" : " ") << text);
+}
+
+void MrtSocketPam::netNsIs(const Orvet::NamespaceName& ns) {
+  if (ns == netNs_) return;
+  netNs_ = ns;
+  handleNetNs();
+}
+
+void MrtSocketPam::handleNetNs() {
+  trace(9, "handleNetNs()", "", "");
+  if (!enabled_) return;
+  enabledIs(false);
+  enabledIs(true);
+}
+
+int MrtSocketPam::openSocket(std::string_view op, std::string_view arg, int protocol) {
+  MROUTE_ASSERT(eventLoop());
+  int fd = sys_->socketAt(AF_INET, SOCK_RAW, protocol, netNs_);
+  if (fd < 0) {
+    int err = errno;
+    trace(9, op, arg, "socket open error");
+    throw Mroute::ErrnoException("socket", err);
+  }
+  return fd;
+}
+
+int MrtSocketPam::setIntOption(int fd, int option, int value) {
+  return sys_->setsockopt(fd, IPPROTO_IP, option, &value, sizeof value) < 0 ? errno : 0;
+}
+
+void MrtSocketPam::closeAndThrow(int fd, std::string_view context, int err) {
+  sys_->close(fd);
+  throw Mroute::ErrnoException(context, err);
+}
+
+void MrtSocketPam::finishEnable(std::string_view op, std::string_view arg, int fd) {
+  Kiv::Ptr<Orvet::FileDesc> fileDesc(new Orvet::FileDesc(name()));
+  fileDesc->descriptorIs(fd);
+  try {
+    fdSm_ = new Orvet::PamFdSm(*eventLoop(), fileDesc, this);
+  } catch (const Mroute::ErrnoException& e) {
+    closeAndThrow(fd, e.context(), e.errnum());
+  }
+  fileDesc_ = fileDesc;
+  trace(9, op, arg, "Mrt pam is enabled");
+  enabled_ = true;
+}
+
+void MrtSocketPam::disable(std::string_view op, std::string_view arg) {
+  MROUTE_ASSERT(fileDesc());
+  // Stop watching first so that the loop never sees a closed descriptor.
+  fdSm_ = nullptr;
+  sys_->close(fileDesc_->descriptor());
+  fileDesc_->descriptorIs(-1);
+  fileDesc_ = nullptr;
+  trace(9, op, arg, "Mrt pam is disabled");
+  enabled_ = false;
+}
+
+uint32_t MrtSocketPam::traceOptionChange(std::string_view op, std::string_view arg, uint32_t newOptions) {
+  uint32_t changed = options_ ^ newOptions;
+  if (tracing(9)) {
+    trace(9, op, arg, "oldOptions=" + hex(options_) + "newOptions=" + hex(newOptions));
+    trace(9, op, arg, "changedOptions=" + hex(changed));
+  }
+  return changed;
+}
+
+void MrtSocketPam::handleCleanup() {
+  trace(9, "handleCleanup()", "", "");
+  if (!enabled_) return;
+  MROUTE_ASSERT(fileDesc());
+  fdSm_ = nullptr;
+  sys_->close(fileDesc_->descriptor());
+  fileDesc_->descriptorIs(-1);
+  enabled_ = false;
+}
+
+bool MrtSocketPam::acceptRx(Orvet::Pkt&) { return true; }
+
+void MrtSocketPam::doGetRxPkt() {
+  constexpr std::string_view s = "doGetRxPkt()";
+  if (!enabled_) {
+    trace(9, s, "", "IpSocketPam not enabled. Aborting action");
+    return;
+  }
+  if (rxPktHolder()) {
+    // The reader stopped before taking it (its pass ran out of time).
+    rxPktHolderRenotify();
+    return;
+  }
+  Kiv::Ptr<Orvet::Pkt> pkt = pktManager_->newPkt(maxRxPktData_);
+  if (!pkt) {
+    trace(9, s, "", "Failed to obtain new packet object");
+    return;
+  }
+  size_t maxSize = pkt->maxSize();
+  MROUTE_ASSERT(maxSize >= maxRxPktData());
+
+  sockaddr_in from{};
+  static_assert(sizeof from == 16);
+  iovec iov{pkt->data(), maxRxPktData_};
+  alignas(cmsghdr) unsigned char control[kRxControlBytes] = {};
+  cmsghdr* first = reinterpret_cast<cmsghdr*>(control);
+  first->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+  first->cmsg_level = IPPROTO_IP;
+  first->cmsg_type = IP_PKTINFO;
+  msghdr msg{};
+  msg.msg_name = &from;
+  msg.msg_namelen = sizeof from;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+
+  ssize_t n = sys_->recvmsg(fileDesc_->descriptor(), &msg, rxFlags_);
+  if (n < 0) {
+    int err = errno;
+    if (err == EAGAIN) return;
+    if (tracing(2)) {
+      trace(2, s, "", "recvmsg failed with " + std::to_string(err) + " (" + systemMessage(err) + ")");
+    }
+    rxErrorsInc(1);
+    return;
+  }
+  // MSG_TRUNC in rxFlags makes recvmsg report the datagram's full length.
+  size_t length = std::min(static_cast<size_t>(n), static_cast<size_t>(maxRxPktData_));
+  deliver(pkt, length, msg);
+}
+
+void MrtSocketPam::deliver(const Kiv::Ptr<Orvet::Pkt>& pkt, size_t length, const msghdr& msg) {
+  constexpr std::string_view s = "doGetRxPkt()";
+  if (tracing(9)) trace(9, s, "", "Received packet of size " + std::to_string(length));
+  bool sawPktInfo = false;
+  for (const cmsghdr* c = CMSG_FIRSTHDR(&msg); c;
+       c = CMSG_NXTHDR(const_cast<msghdr*>(&msg), const_cast<cmsghdr*>(c))) {
+    if (c->cmsg_level != IPPROTO_IP) continue;
+    const unsigned char* data = CMSG_DATA(c);
+    size_t dataLen = c->cmsg_len - CMSG_LEN(0);
+    if (c->cmsg_type == IP_PKTINFO && dataLen >= sizeof(in_pktinfo)) {
+      in_pktinfo info;
+      std::memcpy(&info, data, sizeof info);
+      rxIfIndex_ = static_cast<uint32_t>(info.ipi_ifindex);
+      rxDstIpAddr_ = Orvet::IpAddr::fromNetwork(info.ipi_addr.s_addr);
+      sawPktInfo = true;
+      if (tracing(9)) {
+        trace(9, s, "",
+              "Packet arrived on interface index " + std::to_string(rxIfIndex_) + " with destination IP of " +
+                  rxDstIpAddr_.text());
+      }
+    } else if (c->cmsg_type == IP_ORIGDSTADDR && dataLen >= sizeof(sockaddr_in)) {
+      sockaddr_in orig;
+      std::memcpy(&orig, data, sizeof orig);
+      rxOrigDstIpAddr_ = Orvet::IpAddr::fromNetwork(orig.sin_addr.s_addr);
+      if (tracing(9)) trace(9, s, "", "Original destination IP is " + rxOrigDstIpAddr_.text());
+    } else if (c->cmsg_type == IP_TOS && dataLen >= 1) {
+      rxTOS_ = data[0];
+      if (tracing(9)) trace(9, s, "", "TOS of received packet is 0x" + hex(rxTOS_));
+    } else if (c->cmsg_type == IP_TTL && dataLen >= sizeof(int)) {
+      int ttl;
+      std::memcpy(&ttl, data, sizeof ttl);
+      rxTTL_ = static_cast<uint8_t>(ttl);
+      if (tracing(9)) trace(9, s, "", "TTL of received packet is 0x" + hex(rxTTL_));
+    }
+  }
+  if (!sawPktInfo) trace(9, s, "", "recvmsg failed to retrieve ifindex");
+
+  rxPktCountInc(1);
+  pkt->sizeIs(length);
+  if (length == 0) {
+    trace(9, s, "", "Discarding empty packet");
+    return;
+  }
+  if (!acceptRx(*pkt)) return;
+  rxPktHolderIs(pkt);
+}
+
+}  // namespace Routing::Multicast::Notify

@@ -1,0 +1,60 @@
+#include "mroute/kernel/mrt_stock_socket_pam.h"
+
+#include <netinet/in.h>
+
+#include <string>
+
+#include "mroute/kernel/mrt_upcall.h"
+
+namespace Routing::Multicast::Notify {
+namespace {
+
+const char* const kType = "Routing::Multicast::Notify::MrtStockSocketPam";
+
+}  // namespace
+
+MrtStockSocketPam::MrtStockSocketPam(const Kiv::Name& name) : MrtSocketPam(name, kType) {}
+
+const Kiv::TypeRecord& MrtStockSocketPam::fwkType() const {
+  static const Kiv::TypeRecord& type = Kiv::registerType(kType, Kiv::TypeKind::entity);
+  return type;
+}
+
+void MrtStockSocketPam::enabledIs(bool on) {
+  constexpr std::string_view op = "enabledIs(bool)";
+  const char* arg = on ? "1" : "0";
+  trace(9, op, arg, "");
+  if (on == enabled()) return;
+  if (!on) {
+    disable(op, arg);
+    return;
+  }
+  int fd = openSocket(op, arg, IPPROTO_IGMP);
+  if (int err = setIntOption(fd, kMrtInit, 1)) closeAndThrow(fd, "setsockopt(MRT_INIT)", err);
+  finishEnable(op, arg, fd);
+}
+
+void MrtStockSocketPam::optionsIs(uint32_t newOptions) {
+  constexpr std::string_view op = "optionsIs(uint32_t)";
+  const std::string arg = std::to_string(newOptions);
+  trace(9, op, arg, "");
+  if (enabled()) traceOptionChange(op, arg, newOptions);
+  optionsStore(newOptions);
+}
+
+bool MrtStockSocketPam::acceptRx(Orvet::Pkt& pkt) {
+  std::optional<UpcallHeader> h = parseUpcall(pkt.data(), pkt.size());
+  // Upcalls carry zero in the protocol byte; IGMP packets carry 2.
+  if (!h || h->ipProto != 0) {
+    ++rxNotUpcall_;
+    return false;
+  }
+  MrtNotifyOption bit = optionOfKind(h->msgType);
+  if (bit == none || !(options() & bit)) {
+    ++rxFiltered_;
+    return false;
+  }
+  return true;
+}
+
+}  // namespace Routing::Multicast::Notify

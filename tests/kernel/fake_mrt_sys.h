@@ -1,0 +1,147 @@
+// A recording MrtSys for tests: logs every socket call as text, fails the
+// calls it is told to, and serves queued datagrams (with ancillary records)
+// to recvmsg. The socket it "opens" is a real eventfd so that the event
+// loop can watch it; datagramsIs/push make it readable.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "mroute/kernel/mrt_sys.h"
+#include "mroute/runtime/net/ip_addr.h"
+
+namespace Routing::Multicast::Notify::fake {
+
+struct Datagram {
+  std::string bytes;
+  int err = 0;                        // recvmsg fails with this errno instead
+  std::vector<std::string> controls;  // whole cmsg records, packed in order
+};
+
+// A cmsg record at level IPPROTO_IP carrying `payload`.
+inline std::string cmsgRecord(int type, const void* payload, size_t len) {
+  std::string rec(CMSG_SPACE(len), '\0');
+  cmsghdr h{};
+  h.cmsg_len = CMSG_LEN(len);
+  h.cmsg_level = IPPROTO_IP;
+  h.cmsg_type = type;
+  std::memcpy(rec.data(), &h, sizeof h);
+  std::memcpy(rec.data() + (CMSG_DATA(reinterpret_cast<cmsghdr*>(rec.data())) -
+                            reinterpret_cast<unsigned char*>(rec.data())),
+              payload, len);
+  return rec;
+}
+
+// An upcall: IPv4-header-shaped, `ihl` words of header, then `tail`.
+inline std::string upcall(uint8_t type, uint16_t vif, Orvet::IpAddr src, Orvet::IpAddr grp, int ihl = 5,
+                          const std::string& tail = "", uint8_t proto = 0) {
+  std::string b(static_cast<size_t>(ihl) * 4, '\0');
+  b[0] = static_cast<char>(0x40 | ihl);
+  b[8] = static_cast<char>(type);
+  b[9] = static_cast<char>(proto);
+  b[10] = static_cast<char>(vif & 0xff);
+  b[11] = static_cast<char>(vif >> 8);
+  uint32_t s = src.value(), g = grp.value();
+  std::memcpy(b.data() + 12, &s, 4);
+  std::memcpy(b.data() + 16, &g, 4);
+  return b + tail;
+}
+
+class FakeMrtSys : public MrtSys {
+ public:
+  ~FakeMrtSys() override {
+    for (int fd : open_) ::close(fd);
+  }
+
+  std::vector<std::string> calls;
+  int failSocket = 0;
+  std::map<std::pair<int, int>, int> failOption;  // (option, value) -> errno
+  std::deque<Datagram> queue;
+  // What the last recvmsg was given, for layout checks.
+  socklen_t lastNameLen = 0;
+  size_t lastControlLen = 0;
+  size_t lastCmsgLen = 0;
+  int lastCmsgLevel = -1;
+  int lastCmsgType = -1;
+  size_t lastIovLen = 0;
+  int lastFlags = 0;
+
+  void push(Datagram d) {
+    queue.push_back(std::move(d));
+    uint64_t one = 1;
+    for (int fd : open_) (void)::write(fd, &one, sizeof one);
+  }
+
+  int socketAt(int domain, int type, int protocol, const Orvet::NamespaceName& ns) override {
+    calls.push_back("socket(" + std::to_string(domain) + "," + std::to_string(type) + "," +
+                    std::to_string(protocol) + "," + ns.str() + ")");
+    if (failSocket) {
+      errno = failSocket;
+      return -1;
+    }
+    int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    open_.push_back(fd);
+    return fd;
+  }
+  int setsockopt(int, int level, int option, const void* value, socklen_t len) override {
+    int v = 0;
+    if (len == sizeof v) std::memcpy(&v, value, sizeof v);
+    calls.push_back("setsockopt(" + std::to_string(level) + "," + std::to_string(option) + "," +
+                    std::to_string(v) + ")");
+    auto it = failOption.find({option, v});
+    if (it != failOption.end()) {
+      errno = it->second;
+      return -1;
+    }
+    return 0;
+  }
+  ssize_t recvmsg(int fd, msghdr* msg, int flags) override {
+    lastNameLen = msg->msg_namelen;
+    lastControlLen = msg->msg_controllen;
+    cmsghdr first;
+    std::memcpy(&first, msg->msg_control, sizeof first);
+    lastCmsgLen = first.cmsg_len;
+    lastCmsgLevel = first.cmsg_level;
+    lastCmsgType = first.cmsg_type;
+    lastIovLen = msg->msg_iov[0].iov_len;
+    lastFlags = flags;
+    if (queue.empty()) {
+      uint64_t drain;
+      (void)::read(fd, &drain, sizeof drain);
+      errno = EAGAIN;
+      return -1;
+    }
+    Datagram d = std::move(queue.front());
+    queue.pop_front();
+    if (d.err) {
+      errno = d.err;
+      return -1;
+    }
+    std::string control;
+    for (const std::string& c : d.controls) control += c;
+    if (control.size() > msg->msg_controllen) control.resize(0);
+    std::memcpy(msg->msg_control, control.data(), control.size());
+    msg->msg_controllen = control.size();
+    size_t n = std::min(d.bytes.size(), msg->msg_iov[0].iov_len);
+    std::memcpy(msg->msg_iov[0].iov_base, d.bytes.data(), n);
+    return static_cast<ssize_t>(n);
+  }
+  int close(int fd) override {
+    calls.push_back("close");
+    std::erase(open_, fd);
+    return ::close(fd);
+  }
+
+ private:
+  std::vector<int> open_;
+};
+
+}  // namespace Routing::Multicast::Notify::fake

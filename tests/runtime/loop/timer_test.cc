@@ -1,0 +1,88 @@
+#include "mroute/runtime/loop/timer.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace Mroute::Loop {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Runs the loop until `done` or the time limit; returns whether done.
+template <typename Pred>
+bool runUntil(EventLoop& loop, Pred done, milliseconds limit = milliseconds(2000)) {
+  auto end = EventLoop::Clock::now() + limit;
+  while (!done() && EventLoop::Clock::now() < end) loop.runOnce(milliseconds(10));
+  return done();
+}
+
+TEST(TimerTest, OneShotFiresOnceAndDisarms) {
+  EventLoop loop;
+  int fired = 0;
+  Timer t(loop, [&] { ++fired; });
+  EXPECT_FALSE(t.armed());
+  t.startOneShot(milliseconds(5));
+  EXPECT_TRUE(t.armed());
+  ASSERT_TRUE(runUntil(loop, [&] { return fired == 1; }));
+  EXPECT_FALSE(t.armed());
+  loop.runOnce(milliseconds(30));
+  EXPECT_EQ(fired, 1);
+}
+
+TEST(TimerTest, PeriodicRepeatsUntilCancelledFromItsCallback) {
+  EventLoop loop;
+  int fired = 0;
+  std::unique_ptr<Timer> t;
+  t = std::make_unique<Timer>(loop, [&] {
+    if (++fired == 3) t->cancel();
+  });
+  t->startPeriodic(milliseconds(3));
+  ASSERT_TRUE(runUntil(loop, [&] { return fired == 3; }));
+  EXPECT_FALSE(t->armed());
+  loop.runOnce(milliseconds(20));
+  EXPECT_EQ(fired, 3);
+}
+
+TEST(TimerTest, CancelAfterExpiryBeforeDispatchSuppressesCallback) {
+  EventLoop loop;
+  int fired = 0;
+  Timer t(loop, [&] { ++fired; });
+  t.startOneShot(milliseconds(1));
+  ::usleep(5'000);  // expired; readiness pending in the kernel
+  t.cancel();
+  loop.runOnce(milliseconds(10));
+  EXPECT_EQ(fired, 0);
+}
+
+TEST(TimerTest, RearmPushesExpiryBack) {
+  EventLoop loop;
+  int fired = 0;
+  Timer t(loop, [&] { ++fired; });
+  t.startOneShot(milliseconds(5));
+  t.startOneShot(milliseconds(300));
+  loop.runOnce(milliseconds(40));
+  EXPECT_EQ(fired, 0);
+  EXPECT_TRUE(t.armed());
+  t.startOneShot(milliseconds(1));  // and forward again
+  EXPECT_TRUE(runUntil(loop, [&] { return fired == 1; }));
+}
+
+TEST(TimerTest, DestroyedInsideItsCallback) {
+  EventLoop loop;
+  int fired = 0;
+  std::unique_ptr<Timer> t;
+  t = std::make_unique<Timer>(loop, [&] {
+    ++fired;
+    t.reset();
+  });
+  t->startPeriodic(milliseconds(2));
+  ASSERT_TRUE(runUntil(loop, [&] { return t == nullptr; }));
+  loop.runOnce(milliseconds(10));
+  EXPECT_EQ(fired, 1);
+  EXPECT_EQ(loop.watchCount(), 0u);
+}
+
+}  // namespace
+}  // namespace Mroute::Loop
