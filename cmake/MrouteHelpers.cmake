@@ -19,13 +19,20 @@ endfunction()
 
 # mroute_test(<name> SOURCES ... [DEPS ...] [LABELS ...])
 # A GoogleTest executable registered with ctest. Label "concurrency" marks the
-# tests that the ThreadSanitizer job runs.
+# tests that the ThreadSanitizer job runs; target mroute_concurrency_tests
+# builds just those. Every test reuses one precompiled GoogleTest header.
 function(mroute_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} mroute_testing GTest::gtest GTest::gmock)
+  if(TARGET mroute_testing_pch)
+    target_precompile_headers(${name} REUSE_FROM mroute_testing_pch)
+  endif()
   add_test(NAME ${name} COMMAND ${name})
   if(ARG_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
+  endif()
+  if("concurrency" IN_LIST ARG_LABELS)
+    add_dependencies(mroute_concurrency_tests ${name})
   endif()
 endfunction()
