@@ -94,8 +94,9 @@ TEST(TypeRegistrationTest, EveryTypeIsRegisteredAtLoadInUnitOrder) {
   for (const Kiv::TypeRecord* r : Kiv::registeredTypes()) {
     if (r->name.starts_with("Sample::")) names.push_back(r->name);
   }
-  EXPECT_EQ(names, (std::vector<std::string>{"Sample::Volume", "Sample::Span", "Sample::Marks", "Sample::Leaf",
-                                             "Sample::Holder", "Sample::Holder::Mode"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"Sample::Volume", "Sample::Span", "Sample::Marks", "Sample::Octet",
+                                             "Sample::Holder::Lone", "Sample::Slot", "Sample::Weight",
+                                             "Sample::Leaf", "Sample::Holder", "Sample::Holder::Mode"}));
 }
 
 }  // namespace

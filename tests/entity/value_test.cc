@@ -9,9 +9,13 @@
 
 namespace {
 
+using Sample::Lone;
 using Sample::Marks;
+using Sample::Octet;
+using Sample::Slot;
 using Sample::Span;
 using Sample::Volume;
+using Sample::Weight;
 
 TEST(ValueTest, ConstructorAndSettersCheckRanges) {
   EXPECT_THROW_TEXT(Span(0, 1, Volume::quiet, ""), Kiv::RangeException, "Span::low < 1 or > 4094 not allowed");
@@ -57,6 +61,59 @@ TEST(FlagSetTest, FlagsPrintByNameAndLimitIsChecked) {
   EXPECT_EQ(os.str(), "Value('Sample::Marks', ** {'first': False, 'second': True})");
   EXPECT_EQ(Marks::fromText(os.str()), m);
   EXPECT_THROW_TEXT(Marks(4), Kiv::RangeException, "Marks::value > 0x3 not allowed");
+  EXPECT_THROW_TEXT(Marks::fromText("4"), Kiv::RangeException, "Marks::value > 0x3 not allowed");
+  EXPECT_LT(Marks(1), Marks(2));
+  std::unordered_set<Marks> set{Marks(1), Marks(2), Marks(1)};
+  EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(FlagSetTest, FlagsMayFillTheWholeWord) {
+  Octet o(0xff);
+  EXPECT_TRUE(o.b0() && o.b7());
+  o.b7Is(false);
+  EXPECT_EQ(o.value(), 0x7f);
+  EXPECT_EQ(Octet::fromText("255"), Octet(0xff));
+  EXPECT_THROW_TEXT(Octet::fromText("256"), Kiv::RangeException, "Octet::value > 0xff not allowed");
+}
+
+TEST(FlagSetTest, BareFlagPrintsAsItsBooleanUnderItsOwnName) {
+  Lone l;
+  l.onlyIs(true);
+  std::ostringstream os;
+  os << l;
+  EXPECT_EQ(os.str(), "True");
+  EXPECT_EQ(Lone::fromText("True"), l);
+  EXPECT_EQ(Lone::fromText("False"), Lone());
+  EXPECT_THROW_TEXT(Lone(2), Kiv::RangeException, "Lone::value > 0x1 not allowed");
+  EXPECT_EQ(Lone::type().name, "Sample::Holder::Lone");
+  EXPECT_EQ(Marks::type().name, "Sample::Marks");
+}
+
+TEST(BoundedValueTest, DefaultConstantsAndNamedRangeError) {
+  EXPECT_EQ(Slot(), Slot::none);
+  EXPECT_TRUE(Slot().isNone());
+  EXPECT_FALSE(Slot::first.isNone());
+  EXPECT_EQ(Slot::first.value(), 0);
+  static_assert(Slot::kUsable == 9 && Slot::none.value() == 9);
+  const char* error = "Slot::value < Slot::first or > Slot::none not allowed";
+  EXPECT_THROW_TEXT(Slot(10), Kiv::RangeException, error);
+  EXPECT_THROW_TEXT(Slot::fromText("10"), Kiv::RangeException, error);
+  Slot s(3);
+  EXPECT_THROW_TEXT(s.valueIs(200), Kiv::RangeException, error);
+  EXPECT_EQ(s.value(), 3);  // nothing stored on failure
+  std::ostringstream os;
+  os << s;
+  EXPECT_EQ(os.str(), "3");
+  EXPECT_EQ(Slot::fromText(os.str()), s);
+}
+
+TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
+  EXPECT_EQ(Weight().value(), 0);
+  EXPECT_EQ(Weight(1000).value(), 1000);
+  EXPECT_THROW_TEXT(Weight(1001), Kiv::RangeException, "Weight::value < 0 or > 1000 not allowed");
+  EXPECT_LT(Weight(2), Weight(300));
+  std::unordered_set<Weight> set{Weight(7), Weight(7), Weight(8)};
+  EXPECT_EQ(set.size(), 2u);
 }
 
 TEST(GeneratedEnumTest, InstanceLiteralAndStream) {

@@ -24,8 +24,24 @@ A description (*.ent) holds a namespace, the headers it needs, and types:
     value Pair                                # a value type
       field low: u16 = 1 range 1..4094        # checked: "Pair::low < 1 or > 4094 not allowed"
       field high: u8 max 0x3f                 # checked: "Pair::high > 0x3f not allowed"
-    flags HwFlags: u8 noRoute noIntfs         # flag set, bit 0 first
+    flags HwFlags: u8 noRoute noIntfs         # flag word over Kiv::FlagSet, bit 0 first
+    flags IifFlags: u32 noRpf
+      name Brume::Multicast::Fib::Route::IifFlags   # text-form and registry name, if not <namespace>::<type>
+      text bare                               # prints as the boolean of its only flag
 
+    # The index of an outgoing interface.
+    bounded OifIndex: u16 = 512 range 0..512  # one number over Kiv::BoundedValue; prints as the number
+      error "OifIndex::value < OifIndex::min or > OifIndex::null not allowed"
+      const min = 0                           # static const OifIndex min
+      const null = 512 test isNull            # ... and bool isNull() const
+      # Bitmap positions.                     <- comment lines above a member
+      number kPositions = 512                 #    become its comment; static constexpr uint16_t
+    bounded RoutePriority: u8 = 1             # range 0..255: "RoutePriority::value < 0 or > 255 not allowed"
+
+Flag words and bounded numbers take an unsigned word (u8, u16, u32, u64). A
+bounded number takes `range low..high` or `max high` like a field; without
+them its range is the whole word, and without `= default` its default is the
+low end. Without `error` the range error is the one the template writes.
 Attribute ids count from 258 in declaration order within each entity.
 Every generated member is one call into mroute/entity/*.h.
 Standard library only: this is a build tool.
@@ -37,6 +53,7 @@ import os
 import re
 import sys
 
+UNSIGNED_BITS = {'u8': 8, 'u16': 16, 'u32': 32, 'u64': 64}
 SHORT_TYPES = {'u8': 'uint8_t', 'u16': 'uint16_t', 'u32': 'uint32_t', 'u64': 'uint64_t',
                'i8': 'int8_t', 'i16': 'int16_t', 'i32': 'int32_t', 'i64': 'int64_t'}
 BY_VALUE = {'bool', 'double', 'float'} | set(SHORT_TYPES.values())
@@ -65,7 +82,6 @@ HEADER = '''\
 // event loop; values and enumerations are plain copies.
 #pragma once
 
-#include "mroute/entity/entity_support.h"
 {{INCLUDES}}
 namespace {{NS}} {
 {{DECLS}}
@@ -269,12 +285,53 @@ std::ostream& operator<<(std::ostream& os, const {{NAME}}& v) {
 }
 '''
 
+FLAGS_DECL = '''
+{{DOC}}class {{NAME}} : public Kiv::FlagSet<{{NAME}}, {{WORD}}, {{COUNT}}> {
+ public:
+  using FlagSet::FlagSet;
+  static constexpr std::string_view kTypeName = "{{QNAME}}";
+  static constexpr std::string_view kShortName = "{{NAME}}";
+  static constexpr std::array<std::string_view, {{COUNT}}> kFlagNames = {{{FLAG_NAMES}}};{{BARE}}
+  static const Kiv::TypeRecord& type();
+{{FLAGS}}
+};
+{{LAYOUT}}'''
+FLAG_DECL = '''  bool {{x}}() const { return flag({{BIT}}); }
+  void {{x}}Is(bool v) { flagIs({{BIT}}, v); }'''
+BARE_TEXT = '''
+  static constexpr bool kBareFlagText = true;'''
+
+BOUNDED_DECL = '''
+{{DOC}}class {{NAME}} : public Kiv::BoundedValue<{{NAME}}, {{WORD}}, {{MIN}}, {{MAX}}, {{DEFAULT}}> {
+ public:
+  using BoundedValue::BoundedValue;
+  static constexpr std::string_view kShortName = "{{NAME}}";{{ERROR}}
+  static const Kiv::TypeRecord& type();
+{{CONSTS}}};
+{{CONST_DEFS}}{{LAYOUT}}'''
+RANGE_ERROR = '''
+  static constexpr std::string_view kRangeError = "{{TEXT}}";'''
+NAMED_CONST = '''{{DOC}}  static const {{NAME}} {{x}};'''
+CONST_TEST = '''  constexpr bool {{TEST}}() const { return value() == {{V}}; }'''
+NUMBER_CONST = '''{{DOC}}  static constexpr {{WORD}} {{x}} = {{V}};'''
+CONST_DEF = '''inline constexpr {{NAME}} {{NAME}}::{{x}}{{{V}}};
+'''
+
+# A flag word or bounded number is exactly its word: it is copied byte for byte.
+LAYOUT = '''
+static_assert(sizeof({{NAME}}) == sizeof({{WORD}}) && std::is_trivially_copyable_v<{{NAME}}>);
+'''
+
+TYPE_DEF = '''
+const Kiv::TypeRecord& {{NAME}}::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("{{QNAME}}", Kiv::TypeKind::value);
+  return record;
+}
+'''
+
 FIELD_DECL = '''
   {{R}} {{x}}() const { return {{x}}_; }
   void {{x}}Is({{P}} v) {{{CHECK}} {{x}}_ = v; }'''
-FLAG_DECL = '''
-  bool {{x}}() const { return value_ & {{BIT}}; }
-  void {{x}}Is(bool on) { value_ = static_cast<{{T}}>(on ? value_ | {{BIT}} : value_ & ~{{BIT}}); }'''
 
 
 # ---------------------------------------------------------------- model
@@ -285,6 +342,7 @@ class Member:
         self.key, self.ordered = key, ordered
         self.check = (None, None)  # ('range', '1..4094') or ('max', '0x3f')
         self.id = 0
+        self.doc, self.test = [], None  # bounded constants: comment lines, is...() predicate
 
 
 class Type:
@@ -292,6 +350,8 @@ class Type:
         self.kind, self.name, self.doc = kind, name, doc
         self.members, self.enums, self.reset, self.mount = [], [], [], None
         self.init, self.factory, self.literals, self.base = None, True, [], None
+        self.qname, self.bare, self.error = None, False, None  # flags and bounded values
+        self.low = self.high = self.initial = None  # bounded values, as numbers
 
 
 def ctype(t):
@@ -303,21 +363,21 @@ def param(t, enums):
 
 
 def parse(text):
-    ns, includes, types, doc, cur = None, [], [], [], None
+    ns, includes, types, doc, member_doc, cur = None, [], [], [], [], None
     for number, raw in enumerate(text.splitlines(), 1):
         line = raw.rstrip()
         try:
             if not line.strip():
-                doc = []
+                doc, member_doc = [], []
                 continue
             if line.lstrip().startswith('#'):
-                if not raw[0].isspace():
-                    doc.append(line.lstrip()[1:].strip())
+                (member_doc if raw[0].isspace() else doc).append(line.lstrip()[1:].strip())
                 continue
             if raw[0].isspace():
                 if cur is None:
                     raise DescriptionError('member outside a type')
-                parse_member(cur, line.strip())
+                parse_member(cur, line.strip(), member_doc)
+                member_doc = []
                 continue
             word, _, rest = line.partition(' ')
             if word == 'namespace':
@@ -332,8 +392,13 @@ def parse(text):
                 cur = Type(word, name.strip(), doc)
                 words = lits.split()
                 if word == 'flags':
-                    cur.base, words = ctype(words[0]), words[1:]
+                    cur.base, bits, words = unsigned_word(words[0]), UNSIGNED_BITS[words[0]], words[1:]
+                    if not 1 <= len(words) <= bits:
+                        raise DescriptionError('a flag word needs 1 to %d flags' % bits)
                 cur.literals = words
+                types.append(cur)
+            elif word == 'bounded':
+                cur = parse_bounded(rest, doc)
                 types.append(cur)
             else:
                 raise DescriptionError('unknown word %r' % word)
@@ -344,18 +409,58 @@ def parse(text):
         raise DescriptionError('no namespace')
     for t in types:
         number_attributes(t)
+        if t.bare and len(t.literals) != 1:
+            raise DescriptionError('%s: "text bare" needs exactly one flag' % t.name)
+        t.qname = t.qname or '%s::%s' % (ns, t.name)
     return ns, includes, types
+
+
+def unsigned_word(t):
+    if t not in UNSIGNED_BITS:
+        raise DescriptionError('%r is not an unsigned word (u8, u16, u32, u64)' % t)
+    return ctype(t)
+
+
+def number(text):
+    return int(text, 0)
+
+
+BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
+
+
+def parse_bounded(rest, doc):
+    """bounded Name: word [= default] [range low..high | max high]"""
+    m = BOUNDED.match(rest.strip())
+    if not m:
+        raise DescriptionError('cannot read bounded value')
+    name, word, default, check, limit = m.groups()
+    t = Type('bounded', name, doc)
+    t.base = unsigned_word(word)
+    t.low, t.high = 0, (1 << UNSIGNED_BITS[word]) - 1
+    if check == 'range':
+        low, high = limit.split('..')
+        t.low, t.high = number(low), number(high)
+    elif check == 'max':
+        t.high = number(limit)
+    t.initial = t.low if default is None else number(default)
+    if not 0 <= t.low <= t.initial <= t.high < 1 << UNSIGNED_BITS[word]:
+        raise DescriptionError('need 0 <= low <= default <= high within the word')
+    return t
 
 
 MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
 ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child'},
-           'value': {'field'}}
+           'value': {'field'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
+NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)\s*=\s*(\w+)(?:\s+test\s+(\w+))?$')
 
 
-def parse_member(t, line):
+def parse_member(t, line, doc):
     word, _, rest = line.partition(' ')
     if word not in ALLOWED.get(t.kind, ()):
         raise DescriptionError('%r does not belong in %s %s' % (word, t.kind, t.name))
+    if t.kind in ('flags', 'bounded'):
+        parse_word_member(t, line, doc)
+        return
     if word == 'reset':
         t.reset = rest.split()
         return
@@ -397,6 +502,33 @@ def parse_member(t, line):
         raise DescriptionError('%s is declared twice' % name)
 
 
+def parse_word_member(t, line, doc):
+    word, _, rest = line.partition(' ')
+    rest = rest.strip()
+    if word == 'name':
+        t.qname = rest
+    elif word == 'text':
+        if rest != 'bare':
+            raise DescriptionError('the only text option is "bare"')
+        t.bare = True
+    elif word == 'error':
+        if not re.fullmatch(r'"[^"\\]*"', rest):
+            raise DescriptionError('error needs one double-quoted text')
+        t.error = rest[1:-1]
+    else:
+        m = NAMED_NUMBER.match(line)
+        if not m or (m.group(1) == 'number' and m.group(4)):
+            raise DescriptionError('cannot read %s' % word)
+        kind, name, value, test = m.groups()
+        member = Member(kind, name, t.base, value)
+        member.doc, member.test = list(doc), test
+        if kind == 'const' and not t.low <= number(value) <= t.high:
+            raise DescriptionError('%s = %s lies outside %d..%d' % (name, value, t.low, t.high))
+        if any(c.name == name for c in t.members):
+            raise DescriptionError('%s is declared twice' % name)
+        t.members.append(member)
+
+
 def number_attributes(t):
     for i, m in enumerate(t.members):
         m.id = 258 + i
@@ -404,8 +536,8 @@ def number_attributes(t):
 
 # ---------------------------------------------------------------- emitters
 
-def doc_comment(doc):
-    return ''.join('// %s\n' % d if d else '//\n' for d in doc)
+def doc_comment(doc, indent=''):
+    return ''.join(indent + ('// %s\n' % d if d else '//\n') for d in doc)
 
 
 def enum_names(types):
@@ -491,10 +623,6 @@ def emit_entity(ns, t, enums):
 
 def emit_value(ns, t, enums):
     fields = t.members
-    if t.kind == 'flags':
-        limit = (1 << len(t.literals)) - 1
-        fields = [Member('field', 'value', t.base)]
-        fields[0].check = ('max', '0x%x' % limit)
     members, storage, sets, writes, reads = [], [], [], [], []
     for f in fields:
         check, limit = f.check
@@ -506,21 +634,13 @@ def emit_value(ns, t, enums):
         elif check == 'max':
             text = '%s::%s > %s not allowed' % (t.name, f.name, limit)
             call = ' Kiv::checkMax<%s>(v, %s, "%s");' % (f.type, limit, text)
-        if t.kind != 'flags':
-            members.append(fill(FIELD_DECL, x=f.name, T=f.type, P=param(f.type, enums), R=param(f.type, enums),
-                                CHECK=call))
-            writes.append('\n      .field("%s", v.%s())' % (f.name, f.name))
-            reads.append('\n  Kiv::readInto<%s>(r, "%s", [&v](%s x) { v.%sIs(x); });'
-                         % (f.type, f.name, param(f.type, enums), f.name))
-        else:
-            members.append(fill(FIELD_DECL, x=f.name, T=f.type, P=f.type, R=f.type, CHECK=call))
+        members.append(fill(FIELD_DECL, x=f.name, T=f.type, P=param(f.type, enums), R=param(f.type, enums),
+                            CHECK=call))
+        writes.append('\n      .field("%s", v.%s())' % (f.name, f.name))
+        reads.append('\n  Kiv::readInto<%s>(r, "%s", [&v](%s x) { v.%sIs(x); });'
+                     % (f.type, f.name, param(f.type, enums), f.name))
         storage.append('  %s %s_ = %s;' % (f.type, f.name, f.default or '{}'))
         sets.append('\n  %sIs(%s);' % (f.name, f.name))
-    if t.kind == 'flags':
-        for bit, flag in enumerate(t.literals):
-            members.append(fill(FLAG_DECL, x=flag, T=t.base, BIT='%du' % (1 << bit)))
-            writes.append('\n      .field("%s", v.%s())' % (flag, flag))
-            reads.append('\n  v.%sIs(r.field<bool>("%s"));' % (flag, flag))
     params = ', '.join('%s %s' % (param(f.type, enums), f.name) for f in fields)
     tie = lambda o: 'std::tie(%s)' % ', '.join('%s.%s_' % (o, f.name) for f in fields)
     decl = fill(VALUE_DECL, DOC=doc_comment(t.doc), NAME=t.name, PARAMS=params,
@@ -532,11 +652,68 @@ def emit_value(ns, t, enums):
     return decl, after, definition
 
 
+def emit_flags(t):
+    """A thin class over Kiv::FlagSet: names, and one getter/setter pair a flag."""
+    flags = [fill(FLAG_DECL, x=flag, BIT=bit) for bit, flag in enumerate(t.literals)]
+    decl = fill(FLAGS_DECL, DOC=doc_comment(t.doc), NAME=t.name, WORD=t.base, COUNT=len(t.literals),
+                QNAME=t.qname, FLAG_NAMES=', '.join('"%s"' % f for f in t.literals),
+                BARE=BARE_TEXT if t.bare else '', FLAGS='\n' + '\n'.join(flags),
+                LAYOUT=fill(LAYOUT, NAME=t.name, WORD=t.base))
+    return decl, fill(TYPE_DEF, NAME=t.name, QNAME=t.qname)
+
+
+def literal(n):
+    """A template argument or constant; past int's range it needs the suffix."""
+    return '%d' % n if n <= 0x7fffffff else '%dull' % n
+
+
+def emit_bounded(t):
+    """A thin class over Kiv::BoundedValue: its range, named constants and tests."""
+    consts, defs = [], []
+    for c in t.members:
+        holes = dict(DOC=doc_comment(c.doc, '  '), NAME=t.name, WORD=t.base, x=c.name,
+                     V=literal(number(c.default)), TEST=c.test)
+        if c.kind == 'number':
+            consts.append(fill(NUMBER_CONST, **holes))
+            continue
+        consts.append(fill(NAMED_CONST, **holes))
+        if c.test:
+            consts.append(fill(CONST_TEST, **holes))
+        defs.append(fill(CONST_DEF, **holes))
+    decl = fill(BOUNDED_DECL, DOC=doc_comment(t.doc), NAME=t.name, WORD=t.base, MIN=literal(t.low),
+                MAX=literal(t.high), DEFAULT=literal(t.initial),
+                ERROR=fill(RANGE_ERROR, TEXT=t.error) if t.error else '',
+                CONSTS=''.join('\n' + c for c in consts) + ('\n' if consts else ''),
+                CONST_DEFS=('\n' + ''.join(defs)) if defs else '',
+                LAYOUT=fill(LAYOUT, NAME=t.name, WORD=t.base))
+    return decl, fill(TYPE_DEF, NAME=t.name, QNAME=t.qname)
+
+
+def include_lines(types, includes):
+    """The headers the generated code calls into, then the description's own."""
+    kinds = {t.kind for t in types}
+    system, project = [], []
+    if kinds & {'flags', 'bounded'}:
+        system = ['cstdint', 'string_view', 'type_traits']
+    if kinds & {'entity', 'enum', 'value'}:
+        project.append('mroute/entity/entity_support.h')
+    if 'flags' in kinds:
+        project.append('mroute/entity/flag_set.h')
+    if 'bounded' in kinds:
+        project.append('mroute/entity/bounded_value.h')
+    if 'mroute/entity/entity_support.h' not in project:
+        project.append('mroute/runtime/kiv/type_registry.h')
+    project += includes
+    if any(t.mount for t in types):
+        project.append('mroute/runtime/net/address_family.h')
+    lines = ''.join('#include <%s>\n' % h for h in system)
+    return lines + ('\n' if lines else '') + ''.join('#include "%s"\n' % h for h in project)
+
+
 def generate(text, source_name, header_path):
     ns, includes, types = parse(text)
     enums = enum_names(types)
     decls, infos, funcs, hashes, defs, kiv_defs, registers = [], [], [], [], [], [], []
-    needs_af = any(t.mount for t in types)
     for t in types:
         if t.kind == 'enum':
             d, info, f, typedef = emit_enum(ns, t, None)
@@ -554,20 +731,22 @@ def generate(text, source_name, header_path):
             defs.append(definition)
             kiv_defs.extend(enum_defs)
             registers.extend(regs)
+        elif t.kind in ('flags', 'bounded'):
+            d, definition = (emit_flags if t.kind == 'flags' else emit_bounded)(t)
+            decls.append(d)
+            defs.append(definition)
+            registers.append('%s::type()' % t.name)
         else:
             d, h, definition = emit_value(ns, t, enums)
             decls.append(d)
             hashes.append(h)
             defs.append(definition)
             registers.append('%s::type()' % t.name)
-    include_lines = list(includes)
-    if needs_af:
-        include_lines.append('mroute/runtime/net/address_family.h')
     after = ''.join(infos) + ''.join(hashes)
     if funcs:
         after += '\nnamespace %s {\n%s\n}  // namespace %s\n' % (ns, ''.join(funcs), ns)
     header = fill(HEADER, SOURCE=source_name, NS=ns, DECLS=''.join(decls), AFTER=after,
-                  INCLUDES=''.join('#include "%s"\n' % i for i in include_lines))
+                  INCLUDES=include_lines(types, includes))
     source = fill(SOURCE, SOURCE=source_name, HEADER=header_path, NS=ns, DEFS=''.join(defs),
                   REGISTER=', '.join(registers), AFTER=''.join(kiv_defs))
     return header, source

@@ -1,15 +1,19 @@
 // BoundedValue: the shape shared by the small index and number value types.
 //
-// An unsigned value with an inclusive range [Min, Max] and a default. A
-// concrete type derives from it and supplies, as static members,
+// An unsigned value with an inclusive range [Min, Max] and a default. The
+// concrete types are not written by hand: entitygen emits one from a
+// description line such as `bounded RoutePriority: u8 = 1` as a thin class
+// that derives from BoundedValue and supplies, as static members,
 //   kShortName    the name used in its range error ("VlanId")
 //   kRangeError   (optional) the full range-error text; when absent the text is
 //                 "<kShortName>::value < <Min> or > <Max> not allowed"
+// plus the named constants of its description (OifIndex::null):
 //
 //   class OifIndex : public Kiv::BoundedValue<OifIndex, uint16_t, 0, 512, 512> {
 //    public:
 //     using BoundedValue::BoundedValue;
 //     static constexpr std::string_view kShortName = "OifIndex";
+//     ...
 //   };
 //
 // Construction, valueIs() and fromText() throw Kiv::RangeException outside the

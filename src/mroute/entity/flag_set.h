@@ -1,7 +1,9 @@
 // FlagSet: the shape shared by every flag word of the entity model.
 //
 // A flag word is an unsigned integer of which the low N bits are named flags.
-// A concrete type derives from FlagSet and supplies, as static members,
+// Flag words are not written by hand: entitygen emits one from a description
+// line such as `flags IntfFlags: u32 forward accept notify noRpf fastdrop frr`
+// as a thin class that derives from FlagSet and supplies, as static members,
 //   kTypeName    the qualified type name of its text form
 //   kShortName   the name used in its range error ("RouteFlags")
 //   kFlagNames   std::array of the N flag names, bit 0 first
@@ -10,6 +12,7 @@
 //   class IntfFlags : public Kiv::FlagSet<IntfFlags, uint32_t, 6> {
 //    public:
 //     using FlagSet::FlagSet;
+//     ...
 //     bool forward() const { return flag(0); }
 //     void forwardIs(bool v) { flagIs(0, v); }
 //     ...
@@ -29,6 +32,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <compare>
 #include <concepts>
@@ -51,12 +55,13 @@ struct FlagSetTag {};
 
 template <class Derived, std::unsigned_integral Word, unsigned N>
 class FlagSet : public FlagSetTag {
-  static_assert(N >= 1 && N < sizeof(Word) * CHAR_BIT, "a flag word needs a spare top bit");
+  static_assert(N >= 1 && N <= sizeof(Word) * CHAR_BIT, "a flag word has 1 to all of its bits as flags");
 
  public:
   using WordType = Word;
   static constexpr unsigned kFlags = N;
-  static constexpr Word kMaxValue = static_cast<Word>((Word{1} << N) - 1);
+  // Shifted in two steps so that N equal to the word's width stays defined.
+  static constexpr Word kMaxValue = static_cast<Word>((Word{1} << (N - 1) << 1) - 1);
 
   constexpr FlagSet() = default;
   constexpr explicit FlagSet(Word value) : value_(checked(value)) {}

@@ -1,6 +1,9 @@
-// Helpers of generated value types: range checks whose message names the
-// limit as the description writes it ("IntfFlags::value > 0x3f not
-// allowed"), and the hash over fields in declaration order.
+// Helpers of generated record value types (`value` in a description): field
+// range checks whose message names the limit as the description writes it
+// ("Span::high > 0x3f not allowed"), reading a field through its checked
+// setter, and the hash over fields in declaration order. Flag words and
+// single bounded numbers have their own shapes, flag_set.h and
+// bounded_value.h.
 //
 // Thread-safety: pure functions.
 #pragma once

@@ -35,29 +35,29 @@ Span Span::fromText(std::string_view text) {
   return v;
 }
 
-Marks::Marks(uint8_t value) {
-  valueIs(value);
-}
-
 const Kiv::TypeRecord& Marks::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Marks", Kiv::TypeKind::value);
   return record;
 }
 
-std::ostream& operator<<(std::ostream& os, const Marks& v) {
-  Kiv::ValueWriter(os, "Sample::Marks")
-      .field("first", v.first())
-      .field("second", v.second()).end();
-  return os;
+const Kiv::TypeRecord& Octet::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Octet", Kiv::TypeKind::value);
+  return record;
 }
 
-Marks Marks::fromText(std::string_view text) {
-  Kiv::ValueReader r(text, "Sample::Marks");
-  Marks v;
-  v.firstIs(r.field<bool>("first"));
-  v.secondIs(r.field<bool>("second"));
-  r.end();
-  return v;
+const Kiv::TypeRecord& Lone::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder::Lone", Kiv::TypeKind::value);
+  return record;
+}
+
+const Kiv::TypeRecord& Slot::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Slot", Kiv::TypeKind::value);
+  return record;
+}
+
+const Kiv::TypeRecord& Weight::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Weight", Kiv::TypeKind::value);
+  return record;
 }
 
 Leaf::Leaf(const Kiv::Name& name) : Kiv::Entity(name) {}
@@ -128,7 +128,7 @@ Kiv::Ptr<Holder> HolderIs(const Kiv::Name& name) { return new Holder(name); }
 
 namespace {
 // Registers the types of this unit, in declaration order, at load.
-[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), true);
+[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Octet::type(), Lone::type(), Slot::type(), Weight::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), true);
 }  // namespace
 
 }  // namespace Sample

@@ -4,7 +4,13 @@
 // event loop; values and enumerations are plain copies.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+#include <type_traits>
+
 #include "mroute/entity/entity_support.h"
+#include "mroute/entity/flag_set.h"
+#include "mroute/entity/bounded_value.h"
 #include "mroute/runtime/net/address_family.h"
 
 namespace Sample {
@@ -45,31 +51,95 @@ class Span {
 
 std::ostream& operator<<(std::ostream& os, const Span& v);
 
-class Marks {
+class Marks : public Kiv::FlagSet<Marks, uint8_t, 2> {
  public:
-  Marks() = default;
-  explicit Marks(uint8_t value);
-
-  uint8_t value() const { return value_; }
-  void valueIs(uint8_t v) { Kiv::checkMax<uint8_t>(v, 0x3, "Marks::value > 0x3 not allowed"); value_ = v; }
-
-  bool first() const { return value_ & 1u; }
-  void firstIs(bool on) { value_ = static_cast<uint8_t>(on ? value_ | 1u : value_ & ~1u); }
-
-  bool second() const { return value_ & 2u; }
-  void secondIs(bool on) { value_ = static_cast<uint8_t>(on ? value_ | 2u : value_ & ~2u); }
-
-  friend bool operator==(const Marks&, const Marks&) = default;
-  friend bool operator<(const Marks& a, const Marks& b) { return std::tie(a.value_) < std::tie(b.value_); }
-  // Reads the text that operator<< writes.
-  static Marks fromText(std::string_view text);
+  using FlagSet::FlagSet;
+  static constexpr std::string_view kTypeName = "Sample::Marks";
+  static constexpr std::string_view kShortName = "Marks";
+  static constexpr std::array<std::string_view, 2> kFlagNames = {"first", "second"};
   static const Kiv::TypeRecord& type();
 
- private:
-  uint8_t value_ = {};
+  bool first() const { return flag(0); }
+  void firstIs(bool v) { flagIs(0, v); }
+  bool second() const { return flag(1); }
+  void secondIs(bool v) { flagIs(1, v); }
 };
 
-std::ostream& operator<<(std::ostream& os, const Marks& v);
+static_assert(sizeof(Marks) == sizeof(uint8_t) && std::is_trivially_copyable_v<Marks>);
+
+// Every bit of its word is a flag.
+class Octet : public Kiv::FlagSet<Octet, uint8_t, 8> {
+ public:
+  using FlagSet::FlagSet;
+  static constexpr std::string_view kTypeName = "Sample::Octet";
+  static constexpr std::string_view kShortName = "Octet";
+  static constexpr std::array<std::string_view, 8> kFlagNames = {"b0", "b1", "b2", "b3", "b4", "b5", "b6", "b7"};
+  static const Kiv::TypeRecord& type();
+
+  bool b0() const { return flag(0); }
+  void b0Is(bool v) { flagIs(0, v); }
+  bool b1() const { return flag(1); }
+  void b1Is(bool v) { flagIs(1, v); }
+  bool b2() const { return flag(2); }
+  void b2Is(bool v) { flagIs(2, v); }
+  bool b3() const { return flag(3); }
+  void b3Is(bool v) { flagIs(3, v); }
+  bool b4() const { return flag(4); }
+  void b4Is(bool v) { flagIs(4, v); }
+  bool b5() const { return flag(5); }
+  void b5Is(bool v) { flagIs(5, v); }
+  bool b6() const { return flag(6); }
+  void b6Is(bool v) { flagIs(6, v); }
+  bool b7() const { return flag(7); }
+  void b7Is(bool v) { flagIs(7, v); }
+};
+
+static_assert(sizeof(Octet) == sizeof(uint8_t) && std::is_trivially_copyable_v<Octet>);
+
+// Prints as the boolean of its one flag, under its holder's name.
+class Lone : public Kiv::FlagSet<Lone, uint32_t, 1> {
+ public:
+  using FlagSet::FlagSet;
+  static constexpr std::string_view kTypeName = "Sample::Holder::Lone";
+  static constexpr std::string_view kShortName = "Lone";
+  static constexpr std::array<std::string_view, 1> kFlagNames = {"only"};
+  static constexpr bool kBareFlagText = true;
+  static const Kiv::TypeRecord& type();
+
+  bool only() const { return flag(0); }
+  void onlyIs(bool v) { flagIs(0, v); }
+};
+
+static_assert(sizeof(Lone) == sizeof(uint32_t) && std::is_trivially_copyable_v<Lone>);
+
+// A slot of a tray of nine; none is the slot of nothing.
+class Slot : public Kiv::BoundedValue<Slot, uint8_t, 0, 9, 9> {
+ public:
+  using BoundedValue::BoundedValue;
+  static constexpr std::string_view kShortName = "Slot";
+  static constexpr std::string_view kRangeError = "Slot::value < Slot::first or > Slot::none not allowed";
+  static const Kiv::TypeRecord& type();
+
+  static const Slot first;
+  static const Slot none;
+  constexpr bool isNone() const { return value() == 9; }
+  // Slots that can hold something.
+  static constexpr uint8_t kUsable = 9;
+};
+
+inline constexpr Slot Slot::first{0};
+inline constexpr Slot Slot::none{9};
+
+static_assert(sizeof(Slot) == sizeof(uint8_t) && std::is_trivially_copyable_v<Slot>);
+
+class Weight : public Kiv::BoundedValue<Weight, uint16_t, 0, 1000, 0> {
+ public:
+  using BoundedValue::BoundedValue;
+  static constexpr std::string_view kShortName = "Weight";
+  static const Kiv::TypeRecord& type();
+};
+
+static_assert(sizeof(Weight) == sizeof(uint16_t) && std::is_trivially_copyable_v<Weight>);
 
 // A child of Holder.
 class Leaf : public Kiv::Entity {
@@ -218,11 +288,6 @@ struct Kiv::EnumInfo<Sample::Holder::Mode> {
 template <>
 struct std::hash<Sample::Span> {
   size_t operator()(const Sample::Span& v) const { return Kiv::hashFields(v.low(), v.high(), v.volume(), v.label()); }
-};
-
-template <>
-struct std::hash<Sample::Marks> {
-  size_t operator()(const Sample::Marks& v) const { return Kiv::hashFields(v.value()); }
 };
 
 namespace Sample {
