@@ -1,0 +1,141 @@
+// Table files in the shared-memory file system: open, create, size, map,
+// remap, unmap, unlink.
+//
+// All operating-system access of the table code goes through Mem::ShmFs, a
+// narrow seam whose default implementation makes the real system calls; tests
+// derive from SystemShmFs and override one call to inject a failure.
+//
+// Mem::ShmFile is one named file of a table directory and its mapping: shared
+// and read-write for the writer, shared and read-only for readers. A reader
+// maps no more than the file holds (touching a mapping past the end of a file
+// faults), so it maps what the header says and remaps when the writer grew
+// the file.
+//
+// Thread-safety: a ShmFile is used by one thread. The mapped bytes are shared
+// with other processes; their protocol is the business of the table code.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Mem {
+
+// Modes of what the writer creates: readers in the writer's group may map the
+// table files; nobody else may read or write them.
+inline constexpr mode_t kTableFileMode = 0640;
+inline constexpr mode_t kTableDirMode = 0750;
+inline constexpr mode_t kLockFileMode = 0600;
+
+// The system calls behind the table files. Each returns what the system call
+// returns (-1 or MAP_FAILED with errno set on failure).
+class ShmFs {
+ public:
+  virtual ~ShmFs() = default;
+  virtual int open(const char* path, int flags, mode_t mode) = 0;
+  virtual int close(int fd) = 0;
+  virtual int fstat(int fd, struct stat* st) = 0;
+  virtual int fchmod(int fd, mode_t mode) = 0;
+  virtual int ftruncate(int fd, off_t length) = 0;
+  // MAP_SHARED mapping of [0, length) of fd.
+  virtual void* mmap(size_t length, int prot, int fd) = 0;
+  // Resizes a mapping, allowing it to move (MREMAP_MAYMOVE).
+  virtual void* mremap(void* old, size_t oldLength, size_t newLength) = 0;
+  virtual int munmap(void* addr, size_t length) = 0;
+  virtual int unlink(const char* path) = 0;
+  virtual int mkdir(const char* path, mode_t mode) = 0;
+  virtual int flock(int fd, int operation) = 0;
+};
+
+// The real system calls.
+class SystemShmFs : public ShmFs {
+ public:
+  int open(const char* path, int flags, mode_t mode) override;
+  int close(int fd) override;
+  int fstat(int fd, struct stat* st) override;
+  int fchmod(int fd, mode_t mode) override;
+  int ftruncate(int fd, off_t length) override;
+  void* mmap(size_t length, int prot, int fd) override;
+  void* mremap(void* old, size_t oldLength, size_t newLength) override;
+  int munmap(void* addr, size_t length) override;
+  int unlink(const char* path) override;
+  int mkdir(const char* path, mode_t mode) override;
+  int flock(int fd, int operation) override;
+};
+
+// The process's SystemShmFs.
+ShmFs& systemShmFs();
+
+enum class ShmAccess { readOnly, readWrite };
+
+class ShmFile {
+ public:
+  explicit ShmFile(ShmFs& fs = systemShmFs()) : fs_(&fs) {}
+  ~ShmFile() { close(); }
+  ShmFile(const ShmFile&) = delete;
+  ShmFile& operator=(const ShmFile&) = delete;
+  ShmFile(ShmFile&& other) noexcept;
+  ShmFile& operator=(ShmFile&& other) noexcept;
+
+  // Opens an existing file. False when it is missing (error() then starts
+  // with "no such file") or cannot be opened.
+  // REQUIRES: !isOpen()
+  bool open(const std::string& path, ShmAccess access);
+  // Writer: opens the file read-write, creating it with `mode` when missing;
+  // *created tells which happened. A created file is empty.
+  // REQUIRES: !isOpen()
+  bool openOrCreate(const std::string& path, bool* created, mode_t mode = kTableFileMode);
+
+  // Length of the file now (another process may change it), or -1.
+  int64_t fileSize() const;
+  // Writer: sets the length of the file; new bytes read as zero.
+  bool truncate(uint64_t bytes);
+
+  // Maps [0, bytes) of the file.
+  // REQUIRES: isOpen() && !isMapped() && bytes > 0
+  // Fails without mapping when the file is shorter than `bytes`.
+  bool map(size_t bytes);
+  // Maps [0, bytes) instead of the current range; the base may move.
+  // REQUIRES: isMapped() && bytes > 0; fails, keeping the old mapping, when
+  // the file is shorter than `bytes`.
+  bool remap(size_t bytes);
+  void unmap();
+  // Unmaps and closes.
+  void close();
+
+  bool isOpen() const { return fd_ >= 0; }
+  bool isMapped() const { return base_ != nullptr; }
+  bool writable() const { return access_ == ShmAccess::readWrite; }
+  uint8_t* base() const { return base_; }
+  size_t mappedSize() const { return mapped_; }
+  const std::string& path() const { return path_; }
+  // Why the last failed call failed, e.g. "mmap(/dev/shm/t/slots): Cannot
+  // allocate memory".
+  const std::string& error() const { return error_; }
+
+ private:
+  bool fail(const char* call);
+
+  ShmFs* fs_;
+  int fd_ = -1;
+  ShmAccess access_ = ShmAccess::readOnly;
+  uint8_t* base_ = nullptr;
+  size_t mapped_ = 0;
+  std::string path_;
+  std::string error_;
+};
+
+// Removes a file from its directory; processes that map it keep their
+// mapping. A missing file counts as removed.
+bool unlinkShmFile(ShmFs& fs, const std::string& path, std::string* error);
+
+// Creates `path` and any missing parents with kTableDirMode.
+bool makeDirectories(ShmFs& fs, const std::string& path, std::string* error);
+
+// "<directory>/<name>" without doubling the slash.
+std::string joinPath(const std::string& directory, const std::string& name);
+
+}  // namespace Mem

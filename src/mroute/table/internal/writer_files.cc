@@ -1,0 +1,200 @@
+#include "mroute/table/internal/writer_files.h"
+
+#include <algorithm>
+
+#include "mroute/runtime/error.h"
+#include "mroute/table/internal/brume_trace.h"
+#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/internal/validator.h"
+
+namespace Brume {
+
+namespace {
+
+SlotParams slotParams(const TableConfig& c, uint32_t valueSize, const void* defaultValue) {
+  if (c.initialSize == 0) {
+    throw Pavo::InvalidInitializeException("BrumeMap::init() 0 is not a valid initialization size");
+  }
+  SlotParams p;
+  p.name = c.name;
+  p.valueType = c.valueType;
+  p.classType = c.classType;
+  p.valueSize = valueSize;
+  p.defaultValue = defaultValue;
+  p.initialSlots = c.initialSize;
+  p.maxSlots = std::max(c.maxSize, c.initialSize);
+  p.minSlots = std::max<uint32_t>(1, std::min(c.minSize, c.initialSize));
+  p.config = (c.fixedCapacity ? kConfigFixedCapacity : 0) | (c.shrinkSlots ? kConfigShrinkSlots : 0) |
+             (c.pruneConquer ? kConfigPruneConquer : 0);
+  return p;
+}
+
+bool isPowerOfTwo(uint32_t n) { return n != 0 && (n & (n - 1)) == 0; }
+
+}  // namespace
+
+WriterFiles::WriterFiles(const Mem::RootPath& root, const TableConfig& config, uint32_t valueSize,
+                         const void* defaultValue, std::function<uint32_t(const unsigned char*)> rhashOf,
+                         Mem::ShmFs& fs)
+    : root_(root),
+      config_(config),
+      rhashOf_(std::move(rhashOf)),
+      fs_(&fs),
+      slots_(fs, root, slotParams(config, valueSize, defaultValue)),
+      buckets_(fs, root),
+      lock_(root.dir(), fs) {
+  MROUTE_TRACE(brumeTrace(), kTraceSize,
+               config.name << " fixedCapacity:" << config.fixedCapacity << " shrinkSlots:" << config.shrinkSlots
+                           << " pruneConquer:" << config.pruneConquer);
+}
+
+WriterFiles::~WriterFiles() { detach(); }
+
+uint32_t WriterFiles::bucketsFor(uint32_t n) {
+  uint32_t b = 1;
+  while (b < n && b < BucketTable::kMaxBuckets) b *= 2;
+  return b;
+}
+
+bool WriterFiles::attachFiles(bool reformat, bool* existed, std::string* why) {
+  bool slotsExisted = false;
+  bool bucketsExisted = false;
+  if (!slots_.attach(ember_, reformat, &slotsExisted, why)) return false;
+  if (!buckets_.attach(ember_, bucketsFor(config_.initialSize), reformat, &bucketsExisted, why)) return false;
+  *existed = slotsExisted || bucketsExisted;
+  if (config_.notifications) {
+    conquer_ = std::make_unique<ConquerWriter>(root_.dir(), ConquerConfig{config_.pruneConquer, true}, *fs_);
+    // Notifications of a re-formatted table name slots that no longer hold
+    // what they did: start the queue afresh too.
+    if (reformat) conquer_->cleanup();
+    uint32_t numSlots = slots_.params().initialSlots;
+    std::string ignored;
+    if (slotsExisted && slots_.validateHeader(ember_, &ignored)) numSlots = slots_.numSlots();
+    if (!conquer_->attachConquer(std::max<uint32_t>(numSlots, 1), ember_)) {
+      *why = "BrumeWriter::attach() cannot attach the notification queue";
+      return false;
+    }
+  }
+  return true;
+}
+
+bool WriterFiles::configMatches(std::string* why) const {
+  const SlotTable::Header* h = slots_.header();
+  const SlotParams& p = slots_.params();
+  if (h->maxSlots != p.maxSlots || h->config != p.config || std::string(h->valueType) != p.valueType ||
+      std::string(h->classType) != p.classType) {
+    *why = "BrumeWriter::attach() configuration changed, valueType:" + std::string(h->valueType) +
+           " classType:" + std::string(h->classType) + " maxSlots:" + std::to_string(h->maxSlots) +
+           " config:" + std::to_string(h->config);
+    MROUTE_TRACE(brumeTrace(), kTraceError, *why);
+    return false;
+  }
+  return true;
+}
+
+bool WriterFiles::attach() {
+  if (attached_) return true;
+  std::string why;
+  if (!Mem::makeDirectories(*fs_, root_.dir(), &why)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot make " << root_.dir() << ": " << why);
+    return false;
+  }
+  autoLock_ = std::make_unique<Mem::WriterLock::AutoLock>(lock_);
+  if (!autoLock_->locked()) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot lock: " << lock_.error());
+    autoLock_.reset();
+    return false;
+  }
+  if (!readEmber(*fs_, root_, &ember_)) {
+    ember_ = processEmberId();
+    if (!writeEmber(*fs_, root_, ember_, &why)) {
+      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot write ember file: " << why);
+      detach();
+      return false;
+    }
+  }
+  bool existed = false;
+  if (!attachFiles(false, &existed, &why)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, why);
+    detach();
+    return false;
+  }
+  if (existed && !(validateFiles(&why) && configMatches(&why) && validate(&why))) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "BrumeWriter::attach() failed, all entries from " << root_.dir() << " will be lost");
+    detachFiles();
+    if (!attachFiles(true, &existed, &why)) {
+      MROUTE_TRACE(brumeTrace(), kTraceError, why);
+      detach();
+      return false;
+    }
+    if (!validate(&why)) {
+      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() failed validation");
+      detach();
+      return false;
+    }
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeWriter::attach(): re-formatted successfully");
+  }
+  removeCorruptionMarker(*fs_, root_);
+  attached_ = true;
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "BrumeWriter::attach() success " << root_.dir() << " capacity: " << slots_.numSlots()
+                                                << " emberId: " << ember_);
+  return true;
+}
+
+bool WriterFiles::validateFiles(std::string* why) const {
+  std::string local;
+  std::string* w = why != nullptr ? why : &local;
+  if (!slots_.validateHeader(ember_, w) || !buckets_.validateHeader(ember_, w)) return false;
+  const uint32_t n = buckets_.numBuckets();
+  if (!isPowerOfTwo(n)) {
+    *w = "BucketTable::validate() bad numBuckets:" + std::to_string(n);
+    MROUTE_TRACE(brumeTrace(), kTraceError, *w);
+    return false;
+  }
+  if (conquer_ != nullptr && !conquer_->validateFile(w)) return false;
+  return true;
+}
+
+bool WriterFiles::validate(std::string* why) const {
+  if (!validateFiles(why)) return false;
+  std::string local;
+  std::string* w = why != nullptr ? why : &local;
+  NotificationView view;
+  const NotificationView* viewPtr = nullptr;
+  if (conquer_ != nullptr) {
+    view.size = conquer_->currentPos();
+    ConquerWriter* q = conquer_.get();
+    view.positionOf = [q](uint32_t slot) { return q->position(slot); };
+    viewPtr = &view;
+  }
+  Validator validator(slots_.header(), slots_.slotSize(), buckets_.header(), viewPtr, rhashOf_);
+  if (!validator.validate(w)) return false;
+  return conquer_ == nullptr || conquer_->validate(w);
+}
+
+void WriterFiles::detachFiles() {
+  slots_.detach();
+  buckets_.detach();
+  if (conquer_ != nullptr) conquer_->detach();
+  conquer_.reset();
+}
+
+void WriterFiles::detach() {
+  detachFiles();
+  autoLock_.reset();
+  attached_ = false;
+}
+
+void WriterFiles::cleanup() {
+  MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeWriter::cleanup() removing Brume files");
+  slots_.cleanup();
+  buckets_.cleanup();
+  if (conquer_ != nullptr) conquer_->cleanup();
+  Mem::unlinkShmFile(*fs_, root_.file(kEmberFileName), nullptr);
+  removeCorruptionMarker(*fs_, root_);
+  detach();
+}
+
+}  // namespace Brume

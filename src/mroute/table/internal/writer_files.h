@@ -1,0 +1,74 @@
+// WriterFiles: the files of one table as its writer holds them: the writer
+// lock, the ember, the slot and bucket files and the notification queue; how
+// they are attached (created, re-used when valid, re-formatted when not),
+// validated and removed. The key-dependent work on them is BrumeWriter's.
+//
+// Thread-safety: the table's one writer thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "mroute/table/conquer_writer.h"
+#include "mroute/table/internal/bucket_writer.h"
+#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/internal/slot_writer.h"
+#include "mroute/table/internal/writer_lock.h"
+#include "mroute/table/root_path.h"
+#include "mroute/table/table_config.h"
+
+namespace Brume {
+
+class WriterFiles {
+ public:
+  // valueSize and defaultValue describe the stored wrapper.
+  // rhashOf recomputes a stored value's reversed key hash for the deep
+  // validator.
+  WriterFiles(const Mem::RootPath& root, const TableConfig& config, uint32_t valueSize, const void* defaultValue,
+              std::function<uint32_t(const unsigned char* value)> rhashOf, Mem::ShmFs& fs);
+  ~WriterFiles();
+  WriterFiles(const WriterFiles&) = delete;
+  WriterFiles& operator=(const WriterFiles&) = delete;
+
+  // Takes the writer lock and attaches every file (see BrumeWriter::attach).
+  bool attach();
+  // Header checks of every file.
+  bool validateFiles(std::string* why = nullptr) const;
+  // validateFiles() and the deep validator.
+  bool validate(std::string* why = nullptr) const;
+  void detach();
+  void cleanup();
+
+  bool attached() const { return attached_; }
+  SlotWriterTable& slots() { return slots_; }
+  BucketWriterTable& buckets() { return buckets_; }
+  ConquerWriter* conquer() { return conquer_.get(); }
+  uint32_t ember() const { return ember_; }
+  const Mem::RootPath& root() const { return root_; }
+  const TableConfig& config() const { return config_; }
+  Mem::ShmFs& fs() { return *fs_; }
+
+  // Buckets for a table of n slots: the next power of two.
+  static uint32_t bucketsFor(uint32_t n);
+
+ private:
+  bool attachFiles(bool reformat, bool* existed, std::string* why);
+  bool configMatches(std::string* why) const;
+  void detachFiles();
+
+  Mem::RootPath root_;
+  TableConfig config_;
+  std::function<uint32_t(const unsigned char*)> rhashOf_;
+  Mem::ShmFs* fs_;
+  SlotWriterTable slots_;
+  BucketWriterTable buckets_;
+  std::unique_ptr<ConquerWriter> conquer_;
+  Mem::WriterLock lock_;
+  std::unique_ptr<Mem::WriterLock::AutoLock> autoLock_;
+  uint32_t ember_ = 0;
+  bool attached_ = false;
+};
+
+}  // namespace Brume

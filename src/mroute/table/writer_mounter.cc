@@ -1,0 +1,50 @@
+#include "mroute/table/writer_mounter.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "mroute/runtime/error.h"
+#include "mroute/table/internal/brume_trace.h"
+#include "mroute/table/internal/ember_file.h"
+
+namespace Brume {
+
+WriterMounter::WriterMounter(Front& front, const Mem::RootPath& root)
+    : front_(front), emberPath_(root.file(kEmberFileName)), markerPath_(root.dir() + "/" + kCorruptionMarkerName) {}
+
+std::string WriterMounter::readMarker() const {
+  std::ifstream in(markerPath_);
+  if (!in) return {};
+  std::ostringstream text;
+  text << in.rdbuf();
+  std::string s = text.str();
+  while (!s.empty() && (s.back() == '\n' || s.back() == '\0')) s.pop_back();
+  return s;
+}
+
+void WriterMounter::notify(std::string_view eventName) {
+  MROUTE_TRACE(brumeTrace(), kTraceInfo, "WriterMounter::notify() " << eventName);
+  const std::string report = readMarker();
+  if (!report.empty() && report != lastReport_) {
+    MROUTE_TRACE(brumeTrace(), 1, "WriterMounter::notify() corruptDetected: " << report);
+    lastReport_ = report;
+  }
+  std::string why;
+  if (!front_.validate(&why)) {
+    MROUTE_TRACE(brumeTrace(), 0, "WriterMounter::notify() failed brume validation " << why);
+    throw Pavo::CorruptionDetectedException(why);
+  }
+  std::string error;
+  if (!front_.rewriteEmber(&error)) {
+    MROUTE_TRACE(brumeTrace(), 1, "WriterMounter::notify() cannot rewrite " << emberPath_ << ": " << error);
+  }
+  if (!front_.resetEmberWatch()) {
+    MROUTE_TRACE(brumeTrace(), 1, "EmberWatcher::resetWatch() failed to reset watch on " << emberPath_);
+  }
+  if (!front_.validateEmber()) {
+    MROUTE_TRACE(brumeTrace(), 1, "WriterMounter::notify() ember file " << emberPath_ << " does not hold our id");
+  }
+  MROUTE_TRACE(brumeTrace(), 1, "WriterMounter::notify() brume validation ok");
+}
+
+}  // namespace Brume

@@ -1,0 +1,167 @@
+// The table front in one process: paths under the shared-memory root, the
+// four kinds, change callbacks, readiness, cleanup.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "brume_map_test_util.h"
+#include "testing/expect_assert.h"
+#include "mroute/table/shm_root.h"
+
+namespace {
+
+using Brume::BrumeType;
+using FrontTest::fastOptions;
+using FrontTest::RecordMap;
+using FrontTest::runUntil;
+using TableTest::value;
+
+TEST(ShmRootTest, RefusesPathsThatLeaveTheRoot) {
+  FrontTest::ShmRootScope scope;
+  EXPECT_THROW_TEXT(Brume::tableRoot("routing/../etc", "t"), Pavo::InvalidInitializeException,
+                    "BrumeMap mount path 'routing/../etc' has a '..' component");
+  EXPECT_THROW_TEXT(Brume::tableRoot("/etc", "t"), Pavo::InvalidInitializeException,
+                    "BrumeMap mount path '/etc' is absolute; it must be relative to the shared-memory root");
+  EXPECT_THROW_TEXT(Brume::tableRoot("a//b", "t"), Pavo::InvalidInitializeException,
+                    "BrumeMap mount path 'a//b' has an empty component");
+  EXPECT_THROW_TEXT(Brume::tableRoot("a/b/", "t"), Pavo::InvalidInitializeException,
+                    "BrumeMap mount path 'a/b/' has an empty component");
+  EXPECT_THROW_TEXT(Brume::tableRoot("", "t"), Pavo::InvalidInitializeException, "BrumeMap mount path '' is empty");
+  EXPECT_THROW_TEXT(Brume::tableRoot("a", ".."), Pavo::InvalidInitializeException,
+                    "BrumeMap table name '..' has a '..' component");
+  EXPECT_THROW_TEXT(Brume::tableRoot("a", "x/y"), Pavo::InvalidInitializeException,
+                    "BrumeMap table name 'x/y' must be a single component");
+  EXPECT_THROW_TEXT(Brume::tableRoot("a/./b", "t"), Pavo::InvalidInitializeException,
+                    "BrumeMap mount path 'a/./b' has a '.' component");
+  Mroute::Loop::EventLoop loop;
+  EXPECT_THROW(RecordMap(loop, "x/../../y", "t", BrumeType::reader, fastOptions()), Pavo::InvalidInitializeException);
+}
+
+TEST(ShmRootTest, RootFromEnvironmentAndChrootPrefix) {
+  ::unsetenv("MROUTE_SHM_ROOT");
+  EXPECT_EQ(Brume::shmRoot(), "/dev/shm/mroute");
+  EXPECT_EQ(Brume::tableRoot("routing/multicast/fib", "route").dir(), "/dev/shm/mroute/routing/multicast/fib/route");
+  ::setenv("MROUTE_SHM_ROOT", "/dev/shm/elsewhere/", 1);
+  EXPECT_EQ(Brume::tableRoot("a", "b").dir(), "/dev/shm/elsewhere/a/b");
+  ::setenv("Q9_CHROOT", "/chroot/x", 1);
+  const Mem::RootPath chrooted = Brume::tableRoot("a", "b");
+  EXPECT_EQ(chrooted.dir(), "/chroot/x/dev/shm/elsewhere/a/b");
+  EXPECT_TRUE(chrooted.chrooted());
+  ::unsetenv("Q9_CHROOT");
+  ::setenv("MROUTE_SHM_ROOT", "relative/root", 1);
+  EXPECT_THROW_TEXT(Brume::shmRoot(), Pavo::InvalidInitializeException,
+                    "BrumeMap MROUTE_SHM_ROOT 'relative/root' must be an absolute path");
+  ::setenv("MROUTE_SHM_ROOT", "/dev/shm/../etc", 1);
+  EXPECT_THROW(Brume::shmRoot(), Pavo::InvalidInitializeException);
+  ::unsetenv("MROUTE_SHM_ROOT");
+}
+
+// Collects the keys a front reports.
+struct Changes {
+  std::vector<uint64_t> keys;
+  void attach(RecordMap& m) {
+    m.onChangeIs([this](const uint64_t& k) { keys.push_back(k); });
+  }
+  std::set<uint64_t> set() const { return {keys.begin(), keys.end()}; }
+};
+
+class BrumeMapFrontTest : public ::testing::Test {
+ protected:
+  FrontTest::ShmRootScope scope_;
+  Mroute::Loop::EventLoop loop_;
+};
+
+TEST_F(BrumeMapFrontTest, ReaderKindsFollowTheWriter) {
+  RecordMap writer(loop_, "routing/multicast/fib", "route", BrumeType::writer, fastOptions());
+  ASSERT_TRUE(writer.ready());
+  for (uint64_t k = 1; k <= 5; ++k) writer.write(value(k, 1));
+  RecordMap shadow(loop_, "routing/multicast/fib", "route", BrumeType::shadow, fastOptions());
+  RecordMap keys(loop_, "routing/multicast/fib", "route", BrumeType::keyshadow, fastOptions());
+  RecordMap reader(loop_, "routing/multicast/fib", "route", BrumeType::reader, fastOptions());
+  ASSERT_TRUE(shadow.ready() && keys.ready() && reader.ready());
+  EXPECT_EQ(shadow.attachState(), 2);
+  EXPECT_EQ(keys.attachState(), 2);
+  EXPECT_EQ(reader.attachState(), 1);
+  EXPECT_EQ(shadow.emberId(), writer.emberId());
+  EXPECT_EQ(shadow.members(), 5u);
+  EXPECT_TRUE(keys.containsKey(3));
+  ASSERT_TRUE(runUntil(loop_, [&] { return writer.numReaders() == 3; }));
+
+  Changes s, k, r;
+  s.attach(shadow);
+  k.attach(keys);
+  r.attach(reader);
+  writer.write(value(2, 7));   // update
+  writer.remove(4);            // removal
+  writer.write(value(9, 1));   // insert
+  const std::set<uint64_t> expected{2, 4, 9};
+  ASSERT_TRUE(runUntil(loop_, [&] { return s.set() == expected && k.set() == expected && r.set() == expected; }));
+  EXPECT_EQ(shadow.lookup(2)->value.version, 7u);
+  EXPECT_FALSE(shadow.lookup(4).has_value());
+  EXPECT_FALSE(keys.containsKey(4));
+  EXPECT_TRUE(keys.containsKey(9));
+  EXPECT_EQ(reader.lookup(9)->value.key, 9u);
+  EXPECT_EQ(shadow.members(), 5u);
+
+  // Acknowledgements reached the writer: nothing is left unacknowledged.
+  ASSERT_TRUE(runUntil(loop_, [&] { return !writer.writer()->conquer()->waitingForReaders(); }));
+}
+
+TEST_F(BrumeMapFrontTest, ReaderBeforeWriterAttachesWhenTheWriterAppears) {
+  RecordMap shadow(loop_, "apps", "t", BrumeType::shadow, fastOptions());
+  EXPECT_FALSE(shadow.ready());
+  EXPECT_EQ(shadow.emberId(), 0u);
+  bool readyCalled = false;
+  shadow.onReadyIs([&](bool r) { readyCalled = r; });
+  Changes s;
+  s.attach(shadow);
+  RecordMap writer(loop_, "apps", "t", BrumeType::writer, fastOptions());
+  writer.write(value(11, 1));
+  ASSERT_TRUE(runUntil(loop_, [&] { return shadow.ready() && shadow.lookup(11).has_value(); }));
+  EXPECT_TRUE(readyCalled);
+  EXPECT_EQ(shadow.emberId(), writer.emberId());
+  EXPECT_TRUE(shadow.channelConnected());
+}
+
+TEST_F(BrumeMapFrontTest, WriterOnlyOperationsAndCleanup) {
+  RecordMap writer(loop_, "a", "t", BrumeType::writer, fastOptions());
+  RecordMap reader(loop_, "a", "t", BrumeType::reader, fastOptions());
+  EXPECT_THROW_TEXT(reader.write(value(1)), Pavo::NoPermissionException, "write to read-only Brume table");
+  EXPECT_THROW_TEXT(reader.remove(1), Pavo::NoPermissionException, "remove to read-only Brume table");
+  EXPECT_THROW_TEXT(reader.cleanup(), Pavo::NoPermissionException, "cleanup to read-only Brume table");
+
+  struct stat st {};
+  ASSERT_EQ(::stat((writer.root().dir() + "/notify.sock").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  ASSERT_EQ(::stat((writer.root().dir() + "/slots").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+
+  writer.cleanup();
+  EXPECT_FALSE(writer.ready());
+  EXPECT_FALSE(std::filesystem::exists(writer.root().dir() + "/slots"));
+  EXPECT_FALSE(std::filesystem::exists(writer.root().dir() + "/notify.sock"));
+  EXPECT_FALSE(std::filesystem::exists(writer.root().dir() + "/ember"));
+  // The ember file went away: the reader lets go of the files.
+  ASSERT_TRUE(runUntil(loop_, [&] { return !reader.ready(); }));
+}
+
+TEST_F(BrumeMapFrontTest, PausedFrontIsNotCalledBack) {
+  RecordMap writer(loop_, "a", "t", BrumeType::writer, fastOptions());
+  RecordMap shadow(loop_, "a", "t", BrumeType::shadow, fastOptions());
+  ASSERT_TRUE(runUntil(loop_, [&] { return writer.numReaders() == 1; }));
+  Changes s;
+  s.attach(shadow);
+  shadow.notifyingIs(false);
+  writer.write(value(5));
+  for (int i = 0; i < 20; ++i) loop_.runOnce(std::chrono::milliseconds(2));
+  EXPECT_TRUE(s.keys.empty());
+  shadow.notifyingIs(true);
+  writer.write(value(6));
+  ASSERT_TRUE(runUntil(loop_, [&] { return s.set().count(6) == 1; }));
+}
+
+}  // namespace

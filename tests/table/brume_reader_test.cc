@@ -1,0 +1,244 @@
+// BrumeReader against a writer in the same process: lookups, iteration over
+// splits and joins, safeValue, remapping after growth, detached behaviour,
+// initialisation failures and the corruption checks of a walk.
+#include "mroute/table/brume_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "mroute/runtime/trace.h"
+#include "mroute/table/brume_writer.h"
+#include "mroute/table/internal/ember_file.h"
+#include "table/table_test_util.h"
+#include "testing/expect_assert.h"
+
+namespace {
+
+using TableTest::RecordOps;
+using TableTest::RecordValue;
+using TableTest::value;
+using Writer = Brume::BrumeWriter<RecordOps>;
+using Reader = Brume::BrumeReader<RecordOps>;
+
+Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
+  Brume::TableConfig c;
+  c.name = "test";
+  c.initialSize = initial;
+  c.maxSize = max;
+  return c;
+}
+
+class BrumeReaderTest : public ::testing::Test {
+ protected:
+  TableTest::TempRoot dir_{"reader"};
+};
+
+TEST_F(BrumeReaderTest, FindsWhatTheWriterWroteAcrossGrowth) {
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  for (uint64_t k = 0; k < 1000; ++k) w.write(value(k, k + 1));
+  // The reader mapped 4 slots and 4 buckets; it remaps as it meets more.
+  RecordValue out;
+  for (uint64_t k = 0; k < 1000; ++k) {
+    ASSERT_TRUE(r.lookup(k, out)) << k;
+    EXPECT_EQ(out.value.key, k);
+    EXPECT_EQ(out.value.version, k + 1);
+    EXPECT_TRUE(out.value.check());
+  }
+  EXPECT_FALSE(r.lookup(5000, out));
+  EXPECT_EQ(r.capacity(), w.capacity());
+  EXPECT_EQ(r.members(), 1000u);
+}
+
+TEST_F(BrumeReaderTest, IterationReturnsEveryEntryOnceInBucketOrder) {
+  Writer w(dir_.root(), config(16));
+  ASSERT_TRUE(w.attach());
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  RecordValue out;
+  EXPECT_FALSE(r.first(out));
+  for (uint64_t k = 0; k < 300; ++k) w.write(value(k));
+  std::vector<uint64_t> order;
+  for (bool more = r.first(out); more; more = r.next(out.value.key, out)) order.push_back(out.value.key);
+  ASSERT_EQ(order.size(), 300u);
+  EXPECT_EQ(std::set<uint64_t>(order.begin(), order.end()).size(), 300u);
+  // Same order as the writer's own walk.
+  std::vector<uint64_t> writerOrder;
+  for (const RecordValue* v = w.first(); v != nullptr; v = w.next(v->value.key)) writerOrder.push_back(v->value.key);
+  EXPECT_EQ(order, writerOrder);
+  // next() of a key removed meanwhile continues after where it was.
+  const uint64_t middle = order[150];
+  w.remove(middle);
+  ASSERT_TRUE(r.next(middle, out));
+  EXPECT_EQ(out.value.key, order[151]);
+}
+
+TEST_F(BrumeReaderTest, SafeValueReadsOccupiedSlotsOnly) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  w.write(value(11, 3));
+  w.write(value(12, 3));
+  w.remove(12);
+  RecordValue out;
+  ASSERT_TRUE(r.safeValue(0, out));
+  EXPECT_EQ(out.value.key, 11u);
+  EXPECT_FALSE(r.safeValue(1, out));
+  EXPECT_FALSE(r.safeValue(4, out));
+  EXPECT_TRUE(sink.contains("Mroute::Brume",
+                            "BrumeReader::safeValue() unable to retrieve slotIndex:4 shmemCapacity:4, returning not found"));
+  // A slot beyond the first mapping is reached after a remap.
+  for (uint64_t k = 100; k < 110; ++k) w.write(value(k));
+  EXPECT_TRUE(r.safeValue(9, out));
+}
+
+TEST_F(BrumeReaderTest, DetachedReaderAnswersNotFound) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/39");
+  Reader r(dir_.root());
+  RecordValue out;
+  EXPECT_FALSE(r.lookup(1, out));
+  EXPECT_FALSE(r.first(out));
+  EXPECT_FALSE(r.safeValue(0, out));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::doLookup() bucket table detached"));
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  w.write(value(1));
+  ASSERT_TRUE(r.initialize());
+  EXPECT_TRUE(r.lookup(1, out));
+  r.detach();
+  EXPECT_FALSE(r.lookup(1, out));
+  r.detach();
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::detach() already detached"));
+}
+
+TEST_F(BrumeReaderTest, InitializeRefusesMissingAndInvalidFiles) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
+  Reader r(dir_.root());
+  EXPECT_FALSE(r.initialize());
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::initialize() failed to attach to buckets"));
+  {
+    Writer w(dir_.root(), config(4));
+    ASSERT_TRUE(w.attach());
+  }
+  {
+    TableTest::RawFile slots(dir_.file("slots"));
+    *slots.at<uint32_t>(8) = 9;  // version
+  }
+  EXPECT_FALSE(r.initialize());
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "SlotTable::Header::validate() bad version: 9"));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::initialize() failed to validate slots"));
+  EXPECT_TRUE(Brume::corruptionMarkerPresent(Mem::systemShmFs(), dir_.root()));
+  // Files of another incarnation are refused too.
+  {
+    Writer w(dir_.root(), config(4));
+    ASSERT_TRUE(w.attach());  // re-formats and removes the marker
+    EXPECT_FALSE(Brume::corruptionMarkerPresent(Mem::systemShmFs(), dir_.root()));
+    std::string error;
+    ASSERT_TRUE(Brume::writeEmber(Mem::systemShmFs(), dir_.root(), w.emberId() + 1, &error));
+  }
+  EXPECT_FALSE(r.initialize());
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::initialize() failed to validate buckets"));
+}
+
+class ReaderCorruption : public BrumeReaderTest {
+ protected:
+  void SetUp() override {
+    w_ = std::make_unique<Writer>(dir_.root(), config(64));
+    ASSERT_TRUE(w_->attach());
+    // Three keys of one bucket, chained in (rhash, key) order.
+    for (uint64_t k = 0; keys_.size() < 3; ++k) {
+      if ((RecordOps::hash(k) & 63) == 9) keys_.push_back(k);
+    }
+    for (uint64_t k : keys_) w_->write(value(k));
+    std::sort(keys_.begin(), keys_.end(), [](uint64_t a, uint64_t b) {
+      return Brume::bitReverse(RecordOps::hash(a)) < Brume::bitReverse(RecordOps::hash(b));
+    });
+    raw_ = std::make_unique<TableTest::RawFile>(dir_.file("slots"));
+    ASSERT_TRUE(r_.initialize());
+  }
+  // Slot of keys_[i]: written in the original order to slots 0, 1, 2.
+  Brume::Slot* slotOf(uint64_t key) {
+    for (uint32_t i = 0; i < 3; ++i) {
+      auto* s = raw_->at<Brume::Slot>(184 + slotSize_ + i * slotSize_);
+      if (reinterpret_cast<RecordValue*>(s->value())->value.key == key) return s;
+    }
+    return nullptr;
+  }
+  void iterateAll() {
+    RecordValue out;
+    for (bool more = r_.first(out); more; more = r_.next(out.value.key, out)) {
+    }
+  }
+  uint32_t indexOf(uint64_t key) {
+    return static_cast<uint32_t>((reinterpret_cast<uint8_t*>(slotOf(key)) - raw_->base() - 184 - slotSize_) /
+                                 slotSize_);
+  }
+
+  const uint32_t slotSize_ = 16 + sizeof(RecordValue);
+  std::unique_ptr<Writer> w_;
+  std::vector<uint64_t> keys_;
+  std::unique_ptr<TableTest::RawFile> raw_;
+  Reader r_{dir_.root()};
+};
+
+TEST_F(ReaderCorruption, ChainCycleIsReportedAndMarked) {
+  // The last slot of the chain points back to the first.
+  slotOf(keys_[2])->next.init(0, indexOf(keys_[0]));
+  RecordValue out;
+  EXPECT_TRUE(r_.lookup(keys_[2], out));
+  try {
+    r_.lookup(1000003, out);
+    // The searched key may sort before the chain's entries.
+    if ((RecordOps::hash(1000003) & 63) == 9) ADD_FAILURE() << "cycle not detected";
+  } catch (const Pavo::CorruptionDetectedException&) {
+  }
+  uint64_t absent = 0;
+  for (uint64_t k = 5000;; ++k) {
+    if ((RecordOps::hash(k) & 63) == 9 &&
+        Brume::bitReverse(RecordOps::hash(k)) > Brume::bitReverse(RecordOps::hash(keys_[2]))) {
+      absent = k;
+      break;
+    }
+  }
+  try {
+    r_.lookup(absent, out);
+    ADD_FAILURE() << "cycle not detected";
+  } catch (const Pavo::CorruptionDetectedException& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("BrumeReader::doLookup() hash chain cycle detected, slotCount:65", 0), 0u)
+        << e.what();
+  }
+  EXPECT_TRUE(Brume::corruptionMarkerPresent(Mem::systemShmFs(), dir_.root()));
+  EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
+}
+
+TEST_F(ReaderCorruption, KeyInTheWrongBucketIsReported) {
+  // The middle entry claims a hash of another bucket.
+  Brume::Slot* s = slotOf(keys_[1]);
+  s->rhash = Brume::bitReverse(Brume::bitReverse(s->rhash) ^ 1);
+  RecordValue out;
+  EXPECT_THROW(r_.lookup(keys_[2], out), Pavo::CorruptionDetectedException);
+  EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
+}
+
+TEST_F(ReaderCorruption, RetryOnResizeRemapsOnlyWhenTheFilesGrew) {
+  int calls = 0;
+  auto op = [&] {
+    if (++calls == 1) throw Pavo::CorruptionDetectedException("stale");
+    return calls;
+  };
+  // Nothing grew: the error stands.
+  EXPECT_THROW(r_.retryOnResize(op), Pavo::CorruptionDetectedException);
+  for (uint64_t k = 100; k < 200; ++k) w_->write(value(k));
+  calls = 0;
+  EXPECT_EQ(r_.retryOnResize(op), 2);
+}
+
+}  // namespace

@@ -1,0 +1,376 @@
+// BrumeWriter: insert/update/remove, growth at the soft maximum, fixed
+// capacity, bucket split and join, slot shrinking with moves and the corral,
+// direct write pairing, attach re-use and re-format, the validator's
+// findings, the writer lock.
+#include "mroute/table/brume_writer.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "mroute/runtime/trace.h"
+#include "mroute/table/brume_reader.h"
+#include "mroute/table/internal/ember_file.h"
+#include "table/table_test_util.h"
+#include "testing/expect_assert.h"
+
+namespace {
+
+using TableTest::RecordOps;
+using TableTest::RecordValue;
+using TableTest::value;
+using Writer = Brume::BrumeWriter<RecordOps>;
+using Reader = Brume::BrumeReader<RecordOps>;
+
+Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
+  Brume::TableConfig c;
+  c.name = "test";
+  c.initialSize = initial;
+  c.maxSize = max;
+  return c;
+}
+
+class BrumeWriterTest : public ::testing::Test {
+ protected:
+  // Every key is found by the writer and by a fresh reader, with its
+  // version, and an iteration returns each exactly once.
+  void expectContents(Writer& w, uint64_t from, uint64_t to, uint64_t version) {
+    Reader r(dir_.root());
+    ASSERT_TRUE(r.initialize());
+    RecordValue out;
+    for (uint64_t k = from; k < to; ++k) {
+      ASSERT_NE(w.lookup(k), nullptr) << k;
+      ASSERT_TRUE(r.lookup(k, out)) << k;
+      EXPECT_EQ(out.value.version, version);
+      EXPECT_TRUE(out.value.check());
+    }
+    std::set<uint64_t> seen;
+    for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
+      EXPECT_TRUE(seen.insert(out.value.key).second) << "returned twice: " << out.value.key;
+    }
+    EXPECT_EQ(seen.size(), to - from);
+    std::string why;
+    EXPECT_TRUE(w.validate(&why)) << why;
+  }
+
+  TableTest::TempRoot dir_{"writer"};
+};
+
+TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
+  Writer w(dir_.root(), config(8));
+  ASSERT_TRUE(w.attach());
+  const auto* first = w.write(value(7, 1));
+  const auto* slot = reinterpret_cast<const Brume::Slot*>(reinterpret_cast<const unsigned char*>(first) - 16);
+  const uint32_t status = slot->status;
+  EXPECT_EQ(status & 3u, Brume::kOccupied);
+  EXPECT_EQ(w.write(value(7, 2)), first);
+  EXPECT_EQ(slot->status, status + 4);
+  EXPECT_EQ(w.members(), 1u);
+  EXPECT_EQ(w.lookup(7)->value.version, 2u);
+  EXPECT_EQ(w.write(value(7, 3), false)->value.version, 2u);
+  EXPECT_TRUE(w.remove(7));
+  EXPECT_FALSE(w.remove(7));
+  EXPECT_EQ(w.lookup(7), nullptr);
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_EQ(w.writerCounters().writes, 1u);
+  EXPECT_EQ(w.writerCounters().updates, 1u);
+  EXPECT_TRUE(w.validate());
+}
+
+TEST_F(BrumeWriterTest, ChurnLongerThanTheNotificationQueue) {
+  // Many more changes than the queue holds: it prunes and compacts as it
+  // fills, with or without readers connected.
+  Writer w(dir_.root(), config(16));
+  ASSERT_TRUE(w.attach());
+  for (uint64_t i = 0; i < 20000; ++i) {
+    w.write(value(i % 40, i));
+    if (i % 3 == 0) w.remove((i + 7) % 40);
+  }
+  EXPECT_GT(w.sequence(), 20000u);
+  std::string why;
+  EXPECT_TRUE(w.validate(&why)) << why;
+}
+
+TEST_F(BrumeWriterTest, ZeroInitialSizeIsRefused) {
+  EXPECT_THROW_TEXT(Writer(dir_.root(), config(0)), Pavo::InvalidInitializeException,
+                    "BrumeMap::init() 0 is not a valid initialization size");
+}
+
+TEST_F(BrumeWriterTest, DoublesUpToTheSoftMaximumThenGrowsByATenth) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/3");
+  Writer w(dir_.root(), config(4, 100));
+  ASSERT_TRUE(w.attach());
+  std::vector<uint32_t> sizes{w.capacity()};
+  for (uint64_t k = 0; k < 122; ++k) {
+    w.write(value(k));
+    if (w.capacity() != sizes.back()) sizes.push_back(w.capacity());
+  }
+  EXPECT_EQ(sizes, (std::vector<uint32_t>{4, 8, 16, 32, 64, 100, 110, 121, 133}));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "SlotWriter::resize() overflowing by 10"));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "SlotWriter::grow() test from 100 slots to 110"));
+  expectContents(w, 0, 122, 1);
+}
+
+TEST_F(BrumeWriterTest, FixedCapacityRaisesTableFullAndChangesNothing) {
+  auto c = config(4, 4);
+  c.fixedCapacity = true;
+  Writer w(dir_.root(), c);
+  ASSERT_TRUE(w.attach());
+  for (uint64_t k = 0; k < 4; ++k) w.write(value(k));
+  EXPECT_THROW_TEXT(w.write(value(99)), Brume::TableFullException,
+                    "SlotWriter::alloc() Brume table full (occupancy:4 tableSize:4) test");
+  EXPECT_EQ(w.capacity(), 4u);
+  EXPECT_EQ(w.lookup(99), nullptr);
+  // Updates of present keys need no slot.
+  w.write(value(2, 5));
+  EXPECT_EQ(w.lookup(2)->value.version, 5u);
+  EXPECT_TRUE(w.validate());
+}
+
+TEST_F(BrumeWriterTest, BucketsDoubleAndHalveKeepingEveryKeyReachable) {
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  EXPECT_EQ(w.numBuckets(), 4u);
+  for (uint64_t k = 0; k < 600; ++k) w.write(value(k));
+  // Doubled whenever the entries outnumbered the buckets.
+  EXPECT_EQ(w.numBuckets(), 1024u);
+  expectContents(w, 0, 600, 1);
+  // Halved whenever the entries fell below a quarter of the buckets.
+  for (uint64_t k = 0; k < 560; ++k) ASSERT_TRUE(w.remove(k));
+  EXPECT_EQ(w.numBuckets(), 128u);
+  expectContents(w, 560, 600, 1);
+  for (uint64_t k = 560; k < 600; ++k) ASSERT_TRUE(w.remove(k));
+  EXPECT_EQ(w.numBuckets(), 2u);
+  expectContents(w, 0, 0, 1);
+}
+
+TEST_F(BrumeWriterTest, LongChainsSplitAndJoinInOrder) {
+  // Keys whose hashes share the low 6 bits pile into one chain of a 64-bucket
+  // table; each doubling splits it, each halving joins it back.
+  Writer w(dir_.root(), config(64));
+  ASSERT_TRUE(w.attach());
+  std::vector<uint64_t> keys;
+  for (uint64_t k = 0; keys.size() < 200; ++k) {
+    if ((RecordOps::hash(k) & 63) == 5) keys.push_back(k);
+  }
+  for (uint64_t k : keys) w.write(value(k, 3));
+  EXPECT_EQ(w.numBuckets(), 256u);
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  RecordValue out;
+  for (uint64_t k : keys) ASSERT_TRUE(r.lookup(k, out)) << k;
+  std::string why;
+  EXPECT_TRUE(w.validate(&why)) << why;
+  for (size_t i = 0; i < keys.size(); i += 2) ASSERT_TRUE(w.remove(keys[i]));
+  for (size_t i = 0; i < 180; i += 2) ASSERT_TRUE(w.remove(keys[i + 1]));
+  EXPECT_LT(w.numBuckets(), 256u);
+  for (size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(r.lookup(keys[i], out), i >= 181 && i % 2 == 1) << i;
+  }
+  EXPECT_TRUE(w.validate(&why)) << why;
+}
+
+TEST_F(BrumeWriterTest, ShrinkMovesEntriesBelowTheTargetAndCorralsTheirNotifications) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/39");
+  auto c = config(16, 1024);
+  c.minSize = 16;
+  c.shrinkSlots = true;
+  Writer w(dir_.root(), c);
+  ASSERT_TRUE(w.attach());
+  // One reader is connected and acknowledges nothing until told to.
+  Brume::ConquerWriter* q = w.conquer();
+  ASSERT_NE(q, nullptr);
+  q->updateNumReaders(1);
+  q->updateSequence(Brume::ConquerWriter::kNoAck, 0);
+  for (uint64_t k = 0; k < 256; ++k) w.write(value(k, 2));
+  ASSERT_EQ(w.capacity(), 256u);
+  EXPECT_EQ(w.shrinkThreshold(), 128u);
+  // Keep the entries in the highest slots so that they must move.
+  for (uint64_t k = 0; k < 192; ++k) ASSERT_TRUE(w.remove(k));
+  EXPECT_EQ(w.capacity(), 256u);
+  const uint64_t before = w.sequence();
+  ASSERT_TRUE(w.remove(192));  // 63 left: below 128 / 2
+  // target = max(minSlots, 4 * 32) = 128
+  EXPECT_EQ(w.capacity(), 128u);
+  EXPECT_EQ(w.writerCounters().moves, 63u);
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeWriter::doMaybeShrinkSlots() threshold:128 shrinkThreshold:128"));
+  EXPECT_EQ(q->corralStart(), before + 2);  // after the removal's own notification
+  EXPECT_EQ(q->corralEnd(), w.sequence());
+  EXPECT_EQ(w.sequence() - before, 1u + 63u);
+  expectContents(w, 193, 256, 2);
+  // The next shrink waits until the readers caught up over the corral.
+  EXPECT_TRUE(w.shrinkInProgress());
+  for (uint64_t k = 193; k < 225; ++k) ASSERT_TRUE(w.remove(k));
+  EXPECT_EQ(w.capacity(), 128u);
+  EXPECT_TRUE(sink.contains("Mroute::Brume",
+                            "BrumeWriter::doMaybeShrinkSlots() shrink started, ignoring shrinkThreshold:64"));
+  // The reader's acknowledgement past the corral ends the shrink.
+  q->updateSequence(0, q->sequence());
+  EXPECT_FALSE(w.shrinkInProgress());
+  w.shrink();  // 31 entries: target max(16, 4 * 16) = 64
+  EXPECT_EQ(w.capacity(), 64u);
+  expectContents(w, 225, 256, 2);
+}
+
+TEST_F(BrumeWriterTest, DirectWriteFillsInPlaceAndMustBePaired) {
+  Writer w(dir_.root(), config(8));
+  ASSERT_TRUE(w.attach());
+  w.write(value(1, 1));
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  RecordValue* v = w.directWrite(1);
+  *v = value(1, 2);
+  // Until the commit a reader is served the previous value from the
+  // lookaside slot.
+  RecordValue out;
+  ASSERT_TRUE(r.lookup(1, out));
+  EXPECT_EQ(out.value.version, 1u);
+  EXPECT_EQ(r.readerCounters().lookasideReads, 1u);
+  EXPECT_ASSERTION(w.directWrite(2),
+                   "BrumeWriter::directWrite() unbalanced directSlot:0 containing value:1 when modifying key:2"
+                   " - Make sure the DirectIs/Commit are properly paired!");
+  EXPECT_ASSERTION(w.write(value(3)),
+                   "BrumeWriter::write() unbalanced directSlot:0 containing value:1 when writing value:3"
+                   " - Make sure the DirectIs/Commit are properly paired!");
+  EXPECT_ASSERTION(w.remove(1),
+                   "BrumeWriter::remove() unbalanced directSlot:0 containing value:1 when removing key:1"
+                   " - Make sure the DirectIs/Commit are properly paired!");
+  EXPECT_ASSERTION(w.detach(), "BrumeWriter::detach() unbalanced directSlot:0");
+  w.directCommit();
+  ASSERT_TRUE(r.lookup(1, out));
+  EXPECT_EQ(out.value.version, 2u);
+  EXPECT_ASSERTION(w.directCommit(),
+                   "BrumeWriter::directCommit() not in direct mode! Make sure the DirectIs/Commit are properly paired!");
+  // A new key: reachable only after the commit.
+  *w.directWrite(9) = value(9, 4);
+  EXPECT_FALSE(r.lookup(9, out));
+  w.directCommit();
+  ASSERT_TRUE(r.lookup(9, out));
+  EXPECT_EQ(out.value.version, 4u);
+  EXPECT_TRUE(w.validate());
+}
+
+TEST_F(BrumeWriterTest, AttachReusesValidFilesAndReformatsCorruptOnes) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/13");
+  uint32_t ember;
+  {
+    Writer w(dir_.root(), config(8));
+    ASSERT_TRUE(w.attach());
+    for (uint64_t k = 0; k < 20; ++k) w.write(value(k, 6));
+    ember = w.emberId();
+  }
+  {
+    Writer w(dir_.root(), config(8));
+    ASSERT_TRUE(w.attach());
+    EXPECT_EQ(w.emberId(), ember);
+    EXPECT_EQ(w.members(), 20u);
+    expectContents(w, 0, 20, 6);
+  }
+  // A reader that finds the files corrupt leaves the marker; a stuck
+  // LOOKASIDE bit fails the deep validation, so the writer starts afresh.
+  Brume::writeCorruptionMarker(Mem::systemShmFs(), dir_.root(), "test");
+  {
+    TableTest::RawFile slots(dir_.file("slots"));
+    const uint32_t slotSize = 16 + sizeof(RecordValue);
+    *slots.at<uint32_t>(184 + slotSize + 8) |= Brume::kLookaside;
+  }
+  Writer w(dir_.root(), config(8));
+  ASSERT_TRUE(w.attach());
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeWriter::attach() failed, all entries from " + dir_.dir() +
+                                                 " will be lost"));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeWriter::attach(): re-formatted successfully"));
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_FALSE(Brume::corruptionMarkerPresent(Mem::systemShmFs(), dir_.root()));
+  w.cleanup();
+  EXPECT_FALSE(std::filesystem::exists(dir_.file("slots")));
+  EXPECT_FALSE(std::filesystem::exists(dir_.file("buckets")));
+}
+
+class ValidatorFindings : public BrumeWriterTest {
+ protected:
+  void SetUp() override {
+    w_ = std::make_unique<Writer>(dir_.root(), config(8));
+    ASSERT_TRUE(w_->attach());
+    for (uint64_t k = 0; k < 4; ++k) w_->write(value(k));
+    raw_ = std::make_unique<TableTest::RawFile>(dir_.file("slots"));
+  }
+  Brume::Slot* slot(uint32_t i) { return raw_->at<Brume::Slot>(184 + slotSize_ + i * slotSize_); }
+  Brume::SlotTable::Header* header() { return raw_->at<Brume::SlotTable::Header>(0); }
+  std::string finding() {
+    std::string why;
+    EXPECT_FALSE(w_->validate(&why));
+    return why;
+  }
+
+  const uint32_t slotSize_ = 16 + sizeof(RecordValue);
+  std::unique_ptr<Writer> w_;
+  std::unique_ptr<TableTest::RawFile> raw_;
+};
+
+TEST_F(ValidatorFindings, FreeListFaults) {
+  // Slots 0-3 are occupied, 4-7 free (4 -> 5 -> 6 -> 7).
+  slot(7)->next.init(0, 5);
+  EXPECT_EQ(finding(), "Validator::walkFreeSlots() duplicate freeSlot detected:5");
+  slot(7)->next.init(0, 8);
+  EXPECT_EQ(finding(), "Validator::walkFreeSlots() corrupted free slot detected with out of bound index:8");
+  slot(7)->next.init(0, Brume::kNoRef);
+  slot(6)->status |= Brume::kOccupied;
+  EXPECT_EQ(finding(), "Validator::walkFreeSlots() corrupted free slot not marked as empty:6");
+  slot(6)->status &= ~Brume::kOccupied;
+  EXPECT_TRUE(w_->validate());
+}
+
+TEST_F(ValidatorFindings, OccupiedSlotFaults) {
+  slot(2)->status &= ~Brume::kOccupied;
+  EXPECT_EQ(finding(), "Validator::markOccupied() missing OCCUPIED bit: 0x4");
+  slot(2)->status |= Brume::kOccupied | Brume::kLookaside;
+  EXPECT_EQ(finding(), "Validator::markOccupied() stuck LOOKASIDE bit: 0x7");
+  slot(2)->status &= ~Brume::kLookaside;
+  header()->occupiedSlots = 3;
+  EXPECT_EQ(finding(), "Validator::walkOccupiedSlots() walkedSlots:4is greater than header->occupiedSlots:3");
+  header()->occupiedSlots = 5;
+  EXPECT_EQ(finding(), "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:5 walkedSlots:4");
+  header()->occupiedSlots = 4;
+  // A free slot linked into a chain is met twice.
+  const uint32_t end = slot(3)->next.load().ref;
+  slot(3)->next.init(0, 4);
+  slot(4)->next.init(0, end);
+  slot(4)->status = Brume::kOccupied;
+  EXPECT_EQ(finding(), "Validator::walkFreeSlots() corrupted free slot not marked as empty:4");
+}
+
+TEST_F(ValidatorFindings, SlotsThatDoNotBelongWhereTheyAre) {
+  // A key changed under its stored rhash.
+  reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 77;
+  EXPECT_EQ(finding(), "Validator::walkOccupiedSlots() slot:1 rhash does not match its key");
+  reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 1;
+  EXPECT_TRUE(w_->validate());
+  // An rhash of another bucket.
+  slot(1)->rhash ^= 0x80000000u;
+  EXPECT_EQ(finding().rfind("Validator::walkOccupiedSlots() slot:1 out of place in bucket:", 0), 0u);
+}
+
+TEST_F(BrumeWriterTest, WriterLockKeepsASecondWriterOffUntilTheFirstDies) {
+  Writer first(dir_.root(), config(8));
+  ASSERT_TRUE(first.attach());
+  Writer second(dir_.root(), config(8));
+  EXPECT_FALSE(second.attach());
+  first.detach();
+  EXPECT_TRUE(second.attach());
+  second.detach();
+  // A writer process that dies holding the lock releases it.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    Writer w(dir_.root(), config(8));
+    ::_exit(w.attach() ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(second.attach());
+}
+
+}  // namespace

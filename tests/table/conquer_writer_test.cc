@@ -1,0 +1,256 @@
+#include "mroute/table/conquer_writer.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mroute/runtime/error.h"
+#include "mroute/runtime/trace.h"
+#include "shm_test_dir.h"
+#include "testing/expect_assert.h"
+
+namespace {
+
+using Brume::ConquerWriter;
+using Mroute::Trace::CaptureSink;
+using Entries = std::vector<std::pair<uint64_t, uint32_t>>;
+
+constexpr uint32_t kEmber = 0xE1;
+constexpr uint32_t kTomb = Brume::ConquerTable::kTombstone;
+constexpr const char* kFac = "Mroute::Brume";
+
+class QueueTest : public table_test::ShmDirTest {
+ protected:
+  void SetUp() override {
+    ShmDirTest::SetUp();
+    w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
+    ASSERT_TRUE(w_->attachConquer(16, kEmber));
+  }
+  Entries entries() const {
+    Entries out;
+    for (uint32_t p = 0; p < w_->currentPos(); ++p) out.push_back(w_->entry(p));
+    return out;
+  }
+  std::unique_ptr<ConquerWriter> w_;
+  CaptureSink sink_{"Mroute::Brume/0-9"};
+};
+
+TEST_F(QueueTest, RewritingASlotLeavesOnlyTheNewestEntryLive) {
+  for (uint32_t slot : {5, 7, 5, 5}) w_->notify(slot);
+  EXPECT_EQ(entries(), (Entries{{1, kTomb}, {2, 7}, {3, kTomb}, {4, 5}}));
+  EXPECT_EQ(w_->position(5), 3u);
+  EXPECT_EQ(w_->position(6), ConquerWriter::kNoPosition);
+  EXPECT_EQ(w_->counters().uniqueNotifications, 2u);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::tombstone() tombstoning 2 with sequence:3 for slot 5 currentPos 3"));
+  std::string why;
+  EXPECT_TRUE(w_->validate(&why)) << why;
+}
+
+TEST_F(QueueTest, CorralEntriesAreNeverTombstonedOlderOnesAre) {
+  int completed = 0;
+  w_->shrinkCompleteIs([&] { ++completed; });
+  w_->markShrinkStart();
+  w_->markShrinkEnd();  // nothing posted: the corral is cleared at once
+  EXPECT_EQ(completed, 1);
+  EXPECT_EQ(w_->corralStart(), 0u);
+  w_->notify(1);  // seq 1, before the shrink
+  w_->markShrinkStart();
+  EXPECT_EQ(w_->corralStart(), 2u);
+  w_->notify(1);  // seq 2: seq 1 lies outside the corral
+  w_->notify(1);  // seq 3: seq 2 lies in the open corral and stays live
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::tombstone() ignoring tomb.seq:2 corralStart:2 corralEnd: 0"));
+  w_->updateNumReaders(1);
+  w_->updateSequence(ConquerWriter::kNoAck, 1);  // a reader that is behind
+  w_->markShrinkEnd();
+  EXPECT_EQ(w_->corralEnd(), 3u);
+  w_->notify(1);  // seq 4: 3 lies in the closed corral [2, 3]
+  w_->notify(1);  // seq 5: 4 is after it
+  EXPECT_EQ(entries(), (Entries{{1, kTomb}, {2, 1}, {3, 1}, {4, kTomb}, {5, 1}}));
+  EXPECT_EQ(completed, 1);
+  // With no reader connected, nobody needs the corral: the shrink is over
+  // as soon as it ends.
+  w_->readerGone(1);
+  w_->updateNumReaders(0);
+  w_->markShrinkStart();
+  w_->notify(2);
+  w_->markShrinkEnd();
+  EXPECT_EQ(w_->corralStart(), 0u);
+  EXPECT_EQ(completed, 2);
+}
+
+TEST_F(QueueTest, PruneFollowsTheSlowestReader) {
+  for (uint32_t s = 0; s < 8; ++s) w_->notify(s);
+  w_->updateNumReaders(2);
+  EXPECT_EQ(w_->prune(), 0u);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::prune() cannot prune, waiting for readers"));
+  w_->updateSequence(ConquerWriter::kNoAck, 5);
+  w_->updateSequence(ConquerWriter::kNoAck, 3);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::updateNumReaders() waitingForReaders:0 readers:2 numReaders:2"));
+  EXPECT_EQ(w_->prune(), 3u);
+  w_->updateSequence(3, 7);
+  EXPECT_EQ(w_->prune(), 5u);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::prune() pruning up to minSeq:5 (old minSeq:3) current sequence: 8"));
+  w_->readerGone(5);
+  w_->readerGone(7);
+  w_->updateNumReaders(0);
+  EXPECT_EQ(w_->prune(), 8u) << "with no reader connected prune reaches the sequence";
+}
+
+TEST_F(QueueTest, FullQueuePrunesAndCompactsIntoTheOtherFile) {
+  ASSERT_EQ(w_->capacity(), 64u);
+  w_->updateNumReaders(1);
+  w_->updateSequence(ConquerWriter::kNoAck, 40);  // holds minSeq at 40
+  // 64 notifications over slots 0..31 fill the file; the live entries are
+  // sequences 33..64.
+  for (uint32_t i = 0; i < 64; ++i) w_->notify(i % 32);
+  EXPECT_EQ(w_->notify(3), 65u);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::compact() compacting secondary table conquerPos:64 minSeq:40"));
+  Entries want;
+  for (uint64_t s = 41; s <= 64; ++s) want.emplace_back(s, static_cast<uint32_t>((s - 1) % 32));
+  want.emplace_back(65, 3);
+  EXPECT_EQ(entries(), want);
+  EXPECT_EQ(w_->position(8), 0u);
+  EXPECT_EQ(w_->position(3), 24u);
+  EXPECT_EQ(w_->position(0), ConquerWriter::kNoPosition) << "its entry was pruned";
+  Raw raw0, raw1;
+  openRaw(0, &raw0);
+  openRaw(1, &raw1);
+  EXPECT_EQ(raw0.header().currentTable, 1u) << "both files name the new current one";
+  EXPECT_EQ(raw1.header().currentTable, 1u);
+  EXPECT_EQ(raw1.header().minSeq, 40u);
+
+  // Inside a corral nothing is tombstoned: a compaction that may drop no
+  // entry doubles its target.
+  w_->markShrinkStart();
+  while (w_->currentTable() == 1) w_->notify(0);
+  EXPECT_EQ(w_->capacity(), 128u);
+  std::string why;
+  EXPECT_TRUE(w_->validate(&why)) << why;
+}
+
+TEST_F(QueueTest, AcknowledgementCrossingTheCorralCompletesTheShrink) {
+  int completed = 0;
+  w_->shrinkCompleteIs([&] { ++completed; });
+  w_->updateNumReaders(2);
+  w_->updateSequence(ConquerWriter::kNoAck, 0);
+  w_->updateSequence(ConquerWriter::kNoAck, 0);
+  w_->notify(9);
+  w_->markShrinkStart();
+  for (uint32_t slot : {1, 2, 3}) w_->notify(slot);
+  w_->markShrinkEnd();  // corral [2, 4]
+  w_->updateSequence(0, 4);  // crosses corralEnd, but the other reader holds 0
+  EXPECT_TRUE(sink_.contains(
+      kFac, "ConquerWriter::updateSequence() updated seq:4 from reader NOT prune entire corralEnd:4 via pruneSeq:0"));
+  w_->updateSequence(0, 3);
+  EXPECT_EQ(w_->prune(), 3u);
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::adjustCorral() adjusted corralStart from:2 to:3 minSeq:3"));
+  EXPECT_EQ(completed, 0);
+  w_->updateSequence(3, 4);
+  EXPECT_TRUE(sink_.contains(
+      kFac, "ConquerWriter::updateSequence() updated seq:4 from reader will prune entire corralEnd:4 via pruneSeq:4"));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::adjustCorral() cleared corralStart:3 corralEnd:4 minSeq:4"));
+  EXPECT_EQ(completed, 1);
+  EXPECT_EQ(w_->currentTable(), 1u);
+  EXPECT_EQ(w_->currentPos(), 0u) << "everything was acknowledged";
+}
+
+TEST_F(QueueTest, CorruptEntriesRaiseCorruption) {
+  for (uint32_t slot : {5, 6, 7}) w_->notify(slot);
+  Raw raw;
+  openRaw(0, &raw);
+  raw.entry(0).slot = 9;
+  EXPECT_THROW_TEXT(w_->notify(5), Pavo::CorruptionDetectedException,
+                    "ConquerWriter::tombstone() conquer slot mismatch, slot:5 index:0");
+  std::string why;
+  EXPECT_FALSE(w_->validate(&why));
+  EXPECT_EQ(why, "ConquerWriter::validate() slot:5 bad conquer position:0");
+  raw.entry(0).slot = 5;
+  raw.entry(2).seqLow = 1;
+  EXPECT_FALSE(w_->validate(&why));
+  EXPECT_EQ(why, "ConquerWriter::validate() position:2 sequence:1 not above:2");
+  EXPECT_THROW_TEXT(w_->compact(0), Pavo::CorruptionDetectedException,
+                    "ConquerWriter::compact() prevNot:2 not in ascending order n.sequence:1 at position:2");
+}
+
+TEST_F(QueueTest, AttachReusesValidFilesAndReformatsOthers) {
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() to new file " + dir_ + "/conquer.2"));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerTable::Header() magic:BRUMECQR version:7 ember:0xe1 numReaders:0 "
+                                   "currentTable:0 notifications:64 currentPos:0 corralStart:0 corralEnd:0"));
+  w_->notify(3);
+  w_->notify(4);
+  // A restarted writer of the same incarnation continues the queue; a larger
+  // table enlarges the current file.
+  w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
+  ASSERT_TRUE(w_->attachConquer(40, kEmber));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() to existing " + dir_));
+  EXPECT_EQ(w_->capacity(), 80u);
+  EXPECT_EQ(w_->notify(3), 3u);
+  EXPECT_EQ(entries(), (Entries{{1, kTomb}, {2, 4}, {3, 3}}));
+
+  const std::vector<std::pair<std::string, std::function<void(Raw&)>>> faults = {
+      {"magic", [](Raw& r) { r.header().magic[0] = 'X'; }},
+      {"files disagree", [](Raw& r) { r.header().currentTable = 1; }},
+      {"currentPos", [](Raw& r) { r.header().currentPos = 81; }},
+      {"ember", [](Raw& r) { r.header().ember = 7; }},
+  };
+  for (const auto& [what, fault] : faults) {
+    {
+      Raw raw;
+      openRaw(0, &raw);
+      fault(raw);
+    }
+    sink_.clear();
+    w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
+    ASSERT_TRUE(w_->attachConquer(16, kEmber)) << what;
+    EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() re-formatted " + dir_ + "/conquer.1")) << what;
+    EXPECT_EQ(w_->currentPos(), 0u) << what;
+    w_->notify(1);
+  }
+}
+
+// Fails ftruncate or mmap on demand.
+class FailingFs : public Mem::SystemShmFs {
+ public:
+  bool failTruncate = false;
+  bool failMmap = false;
+  int ftruncate(int fd, off_t n) override { return failTruncate ? (errno = ENOSPC, -1) : SystemShmFs::ftruncate(fd, n); }
+  void* mmap(size_t n, int prot, int fd) override {
+    return failMmap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
+  }
+};
+
+TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {
+  w_->cleanup();
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::cleanup() removing file:" + dir_ + "/conquer.2"));
+  EXPECT_FALSE(w_->attachConquer(0, kEmber));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() unable to calculate notifications"));
+  EXPECT_FALSE(w_->attachConquer(0x10000000u, kEmber));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() " + dir_ + " initial size of 6442451016 bytes "
+                                   "exceeds 2147483648 bytes for 536870912 notifications "));
+  FailingFs fs;
+  w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{}, fs);
+  fs.failTruncate = true;
+  EXPECT_FALSE(w_->attachConquer(16, kEmber));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() failed to resize " + dir_ + "/conquer.1 to size 840"));
+  fs.failTruncate = false;
+  fs.failMmap = true;
+  EXPECT_FALSE(w_->attachConquer(16, kEmber));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() cannot attach to shmem " + dir_ +
+                                       "/conquer.1 of size:840"));
+  fs.failMmap = false;
+  ASSERT_TRUE(w_->attachConquer(16, kEmber));
+  fs.failTruncate = true;
+  EXPECT_FALSE(w_->resize(100));
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::resize() failed to resize"));
+  fs.failTruncate = false;
+  EXPECT_TRUE(w_->resize(100));
+  EXPECT_EQ(w_->capacity(), 200u);
+  w_.reset();  // before fs goes
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+#include "mroute/table/internal/shm_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "shm_test_dir.h"
+#include "mroute/table/internal/writer_lock.h"
+#include "mroute/table/versioned_ref.h"
+
+namespace {
+
+using Mem::ShmAccess;
+using Mem::ShmFile;
+
+class ShmFileTest : public table_test::ShmDirTest {
+ protected:
+  std::string path(const char* name) const { return Mem::joinPath(dir_, name); }
+};
+
+// Fails ftruncate, mmap or mremap on demand; everything else is real.
+class FailingFs : public Mem::SystemShmFs {
+ public:
+  int failing = 0;  // 1 ftruncate, 2 mmap, 3 mremap
+  int ftruncate(int fd, off_t n) override { return failing == 1 ? (errno = ENOMEM, -1) : SystemShmFs::ftruncate(fd, n); }
+  void* mmap(size_t n, int prot, int fd) override {
+    return failing == 2 ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
+  }
+  void* mremap(void* p, size_t o, size_t n) override {
+    return failing == 3 ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mremap(p, o, n);
+  }
+};
+
+TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
+  const mode_t old = umask(077);
+  ShmFile w;
+  bool created = false;
+  ASSERT_TRUE(w.openOrCreate(path("buckets"), &created)) << w.error();
+  umask(old);
+  ASSERT_TRUE(created);
+  struct stat st {};
+  ASSERT_EQ(stat(path("buckets").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u) << "readers of the group must be able to map it despite the umask";
+  ASSERT_TRUE(w.truncate(4096));
+  ASSERT_TRUE(w.map(4096));
+  std::memcpy(w.base(), "BRUMEBKT", 8);
+
+  ShmFile r;
+  EXPECT_FALSE(r.open(path("nothere"), ShmAccess::readOnly));
+  EXPECT_EQ(r.error(), "no such file: " + path("nothere"));
+  ASSERT_TRUE(r.open(path("buckets"), ShmAccess::readOnly));
+  EXPECT_FALSE(r.map(8192));
+  EXPECT_EQ(r.error(), "mmap(" + path("buckets") + "): file holds 4096 bytes, 8192 wanted");
+  ASSERT_TRUE(r.map(4096));
+  ASSERT_TRUE(w.truncate(1 << 20));
+  ASSERT_TRUE(w.remap(1 << 20));
+  w.base()[(1 << 20) - 1] = 7;
+  ASSERT_TRUE(r.remap(1 << 20));
+  EXPECT_EQ(std::memcmp(r.base(), "BRUMEBKT", 8), 0);
+  EXPECT_EQ(r.base()[(1 << 20) - 2], 0);
+  EXPECT_EQ(r.base()[(1 << 20) - 1], 7);
+
+  EXPECT_TRUE(Mem::unlinkShmFile(Mem::systemShmFs(), path("buckets"), nullptr));
+  EXPECT_TRUE(Mem::unlinkShmFile(Mem::systemShmFs(), path("buckets"), nullptr)) << "missing counts as removed";
+  EXPECT_EQ(r.base()[(1 << 20) - 1], 7) << "mappings outlive the name";
+}
+
+TEST_F(ShmFileTest, InjectedFailuresAreReportedAndKeepTheOldMapping) {
+  FailingFs fs;
+  ShmFile f(fs);
+  bool created;
+  ASSERT_TRUE(f.openOrCreate(path("slots"), &created));
+  fs.failing = 1;
+  EXPECT_FALSE(f.truncate(4096));
+  EXPECT_EQ(f.error(), "ftruncate(" + path("slots") + "): " + std::strerror(ENOMEM));
+  fs.failing = 0;
+  ASSERT_TRUE(f.truncate(8192));
+  fs.failing = 2;
+  EXPECT_FALSE(f.map(4096));
+  EXPECT_FALSE(f.isMapped());
+  fs.failing = 0;
+  ASSERT_TRUE(f.map(4096));
+  f.base()[0] = 42;
+  fs.failing = 3;
+  EXPECT_FALSE(f.remap(8192));
+  EXPECT_EQ(f.mappedSize(), 4096u);
+  EXPECT_EQ(f.base()[0], 42);
+}
+
+TEST_F(ShmFileTest, WriterLockExcludesASecondWriterAndDiesWithItsProcess) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    Mem::WriterLock lock(dir_);
+    const char ok = lock.tryLock() ? 'y' : 'n';
+    (void)!write(ready[1], &ok, 1);
+    pause();
+    _exit(0);
+  }
+  char ok = 0;
+  ASSERT_EQ(read(ready[0], &ok, 1), 1);
+  ASSERT_EQ(ok, 'y');
+  Mem::WriterLock second(dir_);
+  {
+    Mem::WriterLock::AutoLock held(second);
+    EXPECT_FALSE(held.locked());
+  }
+  EXPECT_EQ(second.error(), "held by another writer: " + dir_ + "/writer.lock");
+  kill(child, SIGKILL);  // dies holding the lock
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(second.tryLock()) << second.error();
+  Mem::WriterLock third(dir_);
+  EXPECT_FALSE(third.tryLock()) << "two locks of one process exclude each other too";
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST(VersionedRef, VersionAndRefShareOneWordInFileLayout) {
+  alignas(8) unsigned char bytes[8];
+  auto* ref = new (bytes) Mem::VersionedRef(0xFFFFFFFEu, Mem::VersionedRef::kNoRef);
+  ref->setRefAtomic(17, 1);
+  ref->setRefAtomic(18, 4);  // the version wraps without touching the ref
+  uint32_t version, target;
+  std::memcpy(&version, bytes, 4);
+  std::memcpy(&target, bytes + 4, 4);
+  EXPECT_EQ(version, 3u);
+  EXPECT_EQ(target, 18u);
+  EXPECT_EQ(ref->load(), (Mem::VersionedRef::Value{3, 18}));
+}
+
+}  // namespace

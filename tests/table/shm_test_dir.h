@@ -1,0 +1,40 @@
+// Test support for the table tests: a fresh directory in the shared-memory
+// file system per test, and raw read-write access to a queue file behind the
+// writer's back (to corrupt it).
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "mroute/table/internal/conquer_file.h"
+#include "mroute/table/internal/shm_file.h"
+
+namespace table_test {
+
+class ShmDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = "/dev/shm/mroute-test-" + std::to_string(getpid()) + "-" +
+           ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    ASSERT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir_, nullptr));
+  }
+  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
+
+  struct Raw {
+    Mem::ShmFile file;
+    Brume::ConquerTable::Header& header() { return *Brume::ConquerTable::header(file.base()); }
+    Brume::ConquerTable::Entry& entry(uint32_t pos) { return *Brume::ConquerTable::entry(file.base(), pos); }
+  };
+  void openRaw(uint32_t table, Raw* raw) {
+    bool created;
+    ASSERT_TRUE(raw->file.openOrCreate(Mem::joinPath(dir_, Brume::ConquerTable::kFileNames[table]), &created));
+    ASSERT_TRUE(raw->file.map(raw->file.fileSize()));
+  }
+
+  std::string dir_;
+};
+
+}  // namespace table_test

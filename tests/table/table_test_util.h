@@ -1,0 +1,95 @@
+// Helpers of the table tests: a private table directory per test and a test
+// record that carries its key, a version and a checksum.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "mroute/table/brume_hash.h"
+#include "mroute/table/brume_ops.h"
+#include "mroute/table/root_path.h"
+#include "mroute/table/value_wrapper.h"
+
+namespace TableTest {
+
+// A fresh directory under /dev/shm, removed with everything in it at the end.
+class TempRoot {
+ public:
+  explicit TempRoot(const std::string& tag = "t") {
+    static std::atomic<int> counter{0};
+    dir_ = "/dev/shm/mroute-test-" + std::to_string(::getpid()) + "-" + tag + "-" + std::to_string(counter++);
+    std::filesystem::remove_all(dir_);
+  }
+  ~TempRoot() {
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& dir() const { return dir_; }
+  Mem::RootPath root() const { return Mem::RootPath(dir_); }
+  std::string file(const std::string& name) const { return dir_ + "/" + name; }
+
+ private:
+  std::string dir_;
+};
+
+// The value of the self-checking tests: every word of the payload is derived
+// from (key, version), so a torn copy or a value under the wrong key fails
+// check().
+struct Record {
+  uint64_t key = 0;
+  uint64_t version = 0;
+  uint64_t payload[8] = {};
+  uint64_t checksum = 0;
+
+  static Record make(uint64_t key, uint64_t version) {
+    Record r;
+    r.key = key;
+    r.version = version;
+    for (int i = 0; i < 8; ++i) r.payload[i] = (key * 0x9E3779B97F4A7C15ull) ^ (version + i);
+    r.checksum = r.sum();
+    return r;
+  }
+  uint64_t sum() const {
+    return Brume::bytesHash(this, offsetof(Record, checksum)) ^ (key << 32) ^ version;
+  }
+  bool check() const { return checksum == sum(); }
+  uint64_t recordKey() const { return key; }
+};
+
+using RecordValue = KivBrume::KivBrumeMapValueWrapper<Record, uint64_t, &Record::key>;
+using RecordOps = Brume::DefaultOps<uint64_t, RecordValue>;
+
+// The stored value of key at version.
+inline RecordValue value(uint64_t key, uint64_t version = 1) { return RecordValue(Record::make(key, version)); }
+
+}  // namespace TableTest
+
+#include "mroute/table/internal/shm_file.h"
+
+namespace TableTest {
+
+// A read-write mapping of one table file, to corrupt it on purpose.
+class RawFile {
+ public:
+  explicit RawFile(const std::string& path) {
+    if (file_.open(path, Mem::ShmAccess::readWrite)) file_.map(static_cast<size_t>(file_.fileSize()));
+  }
+  uint8_t* base() const { return file_.base(); }
+  size_t size() const { return file_.mappedSize(); }
+  template <typename T>
+  T* at(size_t offset) const {
+    return reinterpret_cast<T*>(file_.base() + offset);
+  }
+
+ private:
+  Mem::ShmFile file_;
+};
+
+}  // namespace TableTest

@@ -1,0 +1,207 @@
+#include "table/torture.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "mroute/runtime/error.h"
+#include "mroute/table/brume_reader.h"
+#include "mroute/table/brume_writer.h"
+#include "table/table_test_util.h"
+
+namespace TableTest {
+
+void TortureStats::add(const TortureStats& o) {
+  lookups += o.lookups;
+  found += o.found;
+  iterations += o.iterations;
+  restarts += o.restarts;
+  lookasideReads += o.lookasideReads;
+  torn += o.torn;
+  wrongKey += o.wrongKey;
+  backwards += o.backwards;
+  lost += o.lost;
+  missed += o.missed;
+  duplicates += o.duplicates;
+  corruption += o.corruption;
+  writes += o.writes;
+  removes += o.removes;
+  slotShrinks += o.slotShrinks;
+  bucketGrows += o.bucketGrows;
+  bucketShrinks += o.bucketShrinks;
+  cycles += o.cycles;
+}
+
+std::string TortureStats::summary() const {
+  std::ostringstream os;
+  os << "lookups: " << lookups << " found: " << found << " iterations: " << iterations << " restarts: " << restarts
+     << " lookaside reads: " << lookasideReads << " torn reads: " << torn << " wrong keys: " << wrongKey
+     << " backwards: " << backwards << " lost: " << lost << " missed: " << missed << " duplicates: " << duplicates
+     << " corruption: " << corruption << " | writes: " << writes << " removes: " << removes
+     << " slot shrinks: " << slotShrinks << " bucket grows: " << bucketGrows << " bucket shrinks: " << bucketShrinks
+     << " cycles: " << cycles;
+  return os.str();
+}
+
+double tortureSeconds(double fallback) {
+  const char* env = std::getenv("MROUTE_TORTURE_SECONDS");
+  if (env == nullptr || *env == '\0') return fallback;
+  return std::strtod(env, nullptr);
+}
+
+namespace {
+
+using Writer = Brume::BrumeWriter<RecordOps>;
+using Reader = Brume::BrumeReader<RecordOps>;
+
+Brume::TableConfig tortureConfig(const TortureShape& shape) {
+  Brume::TableConfig c;
+  c.name = "torture";
+  c.initialSize = shape.initialSize;
+  c.minSize = 64;
+  c.maxSize = shape.keySpace;  // growth goes past the soft maximum too
+  c.shrinkSlots = true;
+  return c;
+}
+
+}  // namespace
+
+void runTortureWriter(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
+                      std::atomic<bool>& ready, TortureStats& stats) {
+  Writer w(root, tortureConfig(shape));
+  if (!w.attach()) throw std::runtime_error("torture writer cannot attach");
+  // No reader is connected to the queue: pruning frees it (and the shrink
+  // corral) whenever it fills.
+  w.conquer()->updateNumReaders(0);
+  const uint64_t total = uint64_t{shape.keySpace} + shape.stableKeys;
+  std::vector<uint64_t> version(total, 0);
+  std::vector<uint64_t> present;  // churned keys now in the table
+  std::vector<uint32_t> where(shape.keySpace, UINT32_MAX);
+  std::mt19937_64 rng(12345);
+  auto put = [&](uint64_t k) {
+    w.write(value(k, ++version[k]));
+    ++stats.writes;
+  };
+  auto insert = [&](uint64_t k) {
+    where[k] = static_cast<uint32_t>(present.size());
+    present.push_back(k);
+    put(k);
+  };
+  auto removeAt = [&](size_t i) {
+    const uint64_t k = present[i];
+    present[i] = present.back();
+    where[present[i]] = static_cast<uint32_t>(i);
+    present.pop_back();
+    where[k] = UINT32_MAX;
+    // The version advances on removal too, so a re-inserted key never shows
+    // an older version than a reader may have seen.
+    ++version[k];
+    if (!w.remove(k)) throw std::runtime_error("torture writer lost a key");
+    ++stats.removes;
+  };
+  for (uint64_t k = shape.keySpace; k < total; ++k) put(k);
+  ready.store(true, std::memory_order_release);
+  auto stableUpdate = [&] { put(shape.keySpace + rng() % shape.stableKeys); };
+  while (!stop.load(std::memory_order_acquire)) {
+    // Fill: growth of slots (past the soft maximum) and buckets.
+    while (present.size() < shape.keySpace && !stop.load(std::memory_order_relaxed)) {
+      uint64_t k = rng() % shape.keySpace;
+      while (where[k] != UINT32_MAX) k = (k + 1) % shape.keySpace;
+      insert(k);
+      if (rng() % 4 == 0) stableUpdate();
+    }
+    // Churn.
+    for (int i = 0; i < 20000 && !stop.load(std::memory_order_relaxed); ++i) {
+      const uint64_t dice = rng() % 4;
+      const uint64_t k = rng() % shape.keySpace;
+      if (dice == 0 && !present.empty()) {
+        removeAt(rng() % present.size());
+      } else if (where[k] == UINT32_MAX) {
+        insert(k);
+      } else if (dice == 1) {
+        stableUpdate();
+      } else {
+        put(k);
+      }
+    }
+    // Drain: bucket halving and slot shrinking with moves.
+    while (present.size() > shape.keySpace / 64 && !stop.load(std::memory_order_relaxed)) {
+      removeAt(rng() % present.size());
+      if (rng() % 4 == 0) stableUpdate();
+    }
+    ++stats.cycles;
+  }
+  const Brume::WriterCounters& c = w.writerCounters();
+  stats.slotShrinks = c.slotShrinks;
+  stats.bucketGrows = c.bucketGrows;
+  stats.bucketShrinks = c.bucketShrinks;
+  std::string why;
+  if (!w.validate(&why)) throw std::runtime_error("torture table invalid at the end: " + why);
+  w.detach();
+}
+
+void runTortureReader(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
+                      const std::atomic<bool>& ready, uint64_t seed, TortureStats& stats) {
+  while (!ready.load(std::memory_order_acquire)) std::this_thread::yield();
+  Reader r(root);
+  if (!r.initialize()) throw std::runtime_error("torture reader cannot initialize");
+  const uint64_t total = uint64_t{shape.keySpace} + shape.stableKeys;
+  std::vector<uint64_t> lastVersion(total, 0);
+  std::vector<uint32_t> seenIn(total, 0);
+  std::mt19937_64 rng(seed);
+  RecordValue out;
+  auto check = [&](uint64_t expectedKey) {
+    if (!out.value.check()) {
+      ++stats.torn;
+      return false;
+    }
+    if (out.value.key != expectedKey) {
+      ++stats.wrongKey;
+      return false;
+    }
+    if (out.value.version < lastVersion[expectedKey]) ++stats.backwards;
+    lastVersion[expectedKey] = out.value.version;
+    return true;
+  };
+  uint32_t pass = 0;
+  while (!stop.load(std::memory_order_acquire)) {
+    try {
+      for (int i = 0; i < 4096; ++i) {
+        const uint64_t k = rng() % total;
+        ++stats.lookups;
+        if (r.lookup(k, out)) {
+          ++stats.found;
+          check(k);
+        } else if (k >= shape.keySpace) {
+          ++stats.lost;
+        }
+      }
+      // One whole iteration.
+      ++pass;
+      uint64_t stableSeen = 0;
+      for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
+        const uint64_t k = out.value.key;
+        if (!out.value.check() || k >= total) {
+          ++stats.torn;
+          break;
+        }
+        if (seenIn[k] == pass) ++stats.duplicates;
+        seenIn[k] = pass;
+        check(k);
+        stableSeen += k >= shape.keySpace;
+      }
+      if (stableSeen < shape.stableKeys) stats.missed += shape.stableKeys - stableSeen;
+      ++stats.iterations;
+    } catch (const Pavo::CorruptionDetectedException& e) {
+      ++stats.corruption;
+      std::fprintf(stderr, "torture reader: %s\n", e.what());
+    }
+  }
+  stats.restarts = r.readerCounters().restarts;
+  stats.lookasideReads = r.readerCounters().lookasideReads;
+}
+
+}  // namespace TableTest
