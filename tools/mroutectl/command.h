@@ -14,6 +14,10 @@ using Args = std::vector<std::string_view>;
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 2;  // bad arguments or bad input
 
+// Reads "--seconds N": a non-negative number of seconds, at most a day.
+// False when `text` is not one.
+bool parseSeconds(std::string_view text, double* seconds);
+
 struct Subcommand {
   std::string_view name;
   std::string_view summary;
@@ -23,5 +27,13 @@ struct Subcommand {
 
 // key_command.cc: print, parse and convert route keys.
 extern const Subcommand keyCommand;
+// tables_command.cc: list the tables under the shared-memory root.
+extern const Subcommand tablesCommand;
+extern const Subcommand listCommand;
+// dump_command.cc, validate_command.cc, follow_command.cc, demo_command.cc.
+extern const Subcommand dumpCommand;
+extern const Subcommand validateCommand;
+extern const Subcommand followCommand;
+extern const Subcommand demoCommand;
 
 }  // namespace Mroutectl

@@ -6,23 +6,41 @@
 //
 // Library assertions are turned into exceptions for the whole run, so bad
 // input always ends in a one-line error and exit code 2, never an abort.
+#include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <string>
 #include <string_view>
 
 #include "command.h"
 #include "mroute/runtime/assert.h"
 
 namespace Mroutectl {
+
+bool parseSeconds(std::string_view text, double* seconds) {
+  const std::string s(text);
+  char* end = nullptr;
+  const double v = std::strtod(s.c_str(), &end);
+  if (s.empty() || end != s.c_str() + s.size() || !(v >= 0 && v <= 86400)) return false;
+  *seconds = v;
+  return true;
+}
+
 namespace {
 
-const Subcommand* const kCommands[] = {&keyCommand};
+const Subcommand* const kCommands[] = {&keyCommand,      &tablesCommand, &listCommand, &dumpCommand,
+                                       &validateCommand, &followCommand, &demoCommand};
 
 void usage(std::ostream& os) {
   os << "usage: mroutectl <command> [arguments]\n"
         "       mroutectl <command> --help\n\ncommands:\n";
-  for (const Subcommand* c : kCommands) os << "  " << c->name << "\t" << c->summary << "\n";
+  for (const Subcommand* c : kCommands) {
+    os << "  " << c->name << std::string(10 - c->name.size(), ' ') << c->summary << "\n";
+  }
 }
+
+// The command being run, for the error line of an exception.
+std::string gCommand = "mroutectl";
 
 int run(int argc, char** argv) {
   if (argc < 2) {
@@ -36,6 +54,7 @@ int run(int argc, char** argv) {
   }
   for (const Subcommand* c : kCommands) {
     if (c->name != name) continue;
+    gCommand = "mroutectl " + std::string(c->name);
     Args args(argv + 2, argv + argc);
     if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
       c->usage(std::cout);
@@ -55,7 +74,8 @@ int main(int argc, char** argv) {
   try {
     return Mroutectl::run(argc, argv);
   } catch (const std::exception& e) {
-    std::cerr << "mroutectl: " << e.what() << "\n";
+    std::cout.flush();
+    std::cerr << Mroutectl::gCommand << ": " << e.what() << "\n";
     return Mroutectl::kExitUsage;
   }
 }

@@ -1,0 +1,220 @@
+// mroutectl demo: a writer process publishes routes and a reader process
+// follows them; what the reader sees is printed, one line per change
+// (change_printer.h). The tables stay for the
+// other subcommands to look at.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iostream>
+#include <optional>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "change_printer.h"
+#include "command.h"
+#include "mroute/runtime/loop/event_loop.h"
+#include "mroute/table/shm_root.h"
+#include "table_access.h"
+
+namespace Mroutectl {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Routing::Multicast::Fib::IpGenRouteKey;
+
+void demoUsage(std::ostream& os) {
+  os << "usage: mroutectl demo [--seconds N]\n"
+        "  Starts a writer process that publishes (*,G) and (S,G) routes into\n"
+        "  <root>/"
+     << kDemoMount << "/" << kDemoName
+     << " and keeps changing them (oifs join and leave, routes\n"
+        "  go and come back), and a reader process that follows them and prints what it sees, for N\n"
+        "  seconds (default 3). The table is left in place: try 'mroutectl tables' and\n"
+        "  'mroutectl dump "
+     << kDemoMount << "/" << kDemoName
+     << "' afterwards. The root is $MROUTE_SHM_ROOT\n"
+        "  (default /dev/shm/mroute).\n";
+}
+
+// The demo's routes: (*,G) and (S,G) entries of a small PIM router, each
+// with an incoming interface, a few oif indexes and the flags a programmed
+// route carries.
+struct DemoRoute {
+  const char* source;  // "*" for (*,G)
+  const char* group;
+  const char* iif;
+  std::vector<uint16_t> oifs;
+};
+
+const std::vector<DemoRoute>& demoRoutes() {
+  static const std::vector<DemoRoute> routes = {
+      {"*", "239.1.1.1", "Ethernet1", {3, 7}},
+      {"10.0.0.1", "239.1.1.1", "Ethernet2", {3, 7, 12}},
+      {"*", "239.1.1.2", "Vlan100", {4}},
+      {"10.0.0.2", "239.1.1.2", "Ethernet2", {4, 9}},
+      {"10.1.5.20", "232.1.1.1", "Port-Channel7", {12, 15, 40}},
+      {"*", "239.255.0.1", "Vlan200", {5, 6}},
+  };
+  return routes;
+}
+
+IpGenRouteKey demoKey(const DemoRoute& d) {
+  const std::string s = d.source == std::string("*") ? "0.0.0.0/0" : std::string(d.source) + "/32";
+  return IpGenRouteKey(Orvet::IpGenPrefix::fromText(s),
+                       Orvet::IpGenPrefix::fromText(std::string(d.group) + "/32"));
+}
+
+// Sets oif `i`, raising maxOifIndex with it so that the oif walk reaches it.
+void addOif(Route& r, uint16_t i) {
+  r.oifIs(Brume::Multicast::Fib::OifIndex(i), true);
+  if (r.maxOifIndex().isNull() || r.maxOifIndex().value() < i)
+    r.maxOifIndexIs(Brume::Multicast::Fib::OifIndex(i));
+}
+
+Route demoRoute(const DemoRoute& d) {
+  Route r(demoKey(d));
+  r.iifIs(Orvet::IntfId(d.iif));
+  for (uint16_t i : d.oifs) addOif(r, i);
+  Route::RouteFlags flags;
+  flags.validIs(true);
+  flags.programmableIs(d.source != std::string("*"));
+  r.routeFlagsIs(flags);
+  return r;
+}
+
+// The writer: the routes above, then one change every 150 ms, in turn: an
+// oif joins a route, an oif leaves one, a route is removed, a removed route
+// comes back. Every write carries the next version number.
+int runWriter(double seconds) {
+  Mroute::Loop::EventLoop loop;
+  RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::writer);
+  if (!routes.ready()) return 1;
+  const auto& all = demoRoutes();
+  uint32_t version = 0;
+  auto publish = [&](Route r) {
+    r.versionIs(++version);
+    routes.write(RouteValue(r));
+  };
+  for (const DemoRoute& d : all) publish(demoRoute(d));
+  // The index of the route that is away, or all.size() when none is.
+  size_t removed = all.size();
+  const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+  auto next = Clock::now();
+  for (uint32_t step = 0; Clock::now() < end; ++step) {
+    next += std::chrono::milliseconds(150);
+    while (Clock::now() < next) loop.runOnce(std::chrono::milliseconds(10));
+    const size_t i = (step / 4 + step) % all.size();
+    const auto current = routes.lookup(demoKey(all[i]));
+    switch (step % 4) {
+      case 0:  // an oif joins
+        if (current) {
+          Route r = current->value;
+          addOif(r, static_cast<uint16_t>(20 + step % 30));
+          publish(r);
+        }
+        break;
+      case 1:  // the highest oif leaves
+        if (current) {
+          Route r = current->value;
+          Brume::Multicast::Fib::OifIndex last = Brume::Multicast::Fib::OifIndex::null;
+          for (auto o : r.oifIteratorConst()) last = o;
+          if (!last.isNull() && r.oifs() > 1) r.oifDel(last);
+          publish(r);
+        }
+        break;
+      case 2:  // a route goes away
+        if (removed == all.size() && current) {
+          routes.remove(demoKey(all[i]));
+          removed = i;
+        }
+        break;
+      default:  // and comes back
+        if (removed != all.size()) {
+          publish(demoRoute(all[removed]));
+          removed = all.size();
+        }
+        break;
+    }
+  }
+  // A last moment for the reader to acknowledge; the files stay.
+  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(10));
+  return 0;
+}
+
+int runReader(double seconds) {
+  Mroute::Loop::EventLoop loop;
+  RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::shadow);
+  ChangePrinter printer(false);
+  // The writer may have been first: what is there already shows as added.
+  if (routes.ready()) std::cout << "reader: attached, " << routes.members() << " routes" << std::endl;
+  routes.forEachKey([&](const IpGenRouteKey& k) {
+    if (const auto v = routes.lookup(k)) std::cout << "reader: " << printer.change(k, v->value) << std::endl;
+  });
+  routes.onReadyIs([&](bool ready) {
+    std::cout << "reader: "
+              << (ready ? "attached, " + std::to_string(routes.members()) + " routes" : "detached")
+              << std::endl;
+  });
+  routes.onChangeIs([&](const IpGenRouteKey& k) {
+    const auto v = routes.lookup(k);
+    std::cout << "reader: " << printer.change(k, v ? std::optional<Route>(v->value) : std::nullopt)
+              << std::endl;
+  });
+  const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000) + 300);
+  while (Clock::now() < end) loop.runOnce(std::chrono::milliseconds(20));
+  std::cout << "reader: done, " << routes.members() << " routes in its copy" << std::endl;
+  return 0;
+}
+
+pid_t start(int (*body)(double), double seconds) {
+  std::cout.flush();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int code = 1;
+    try {
+      code = body(seconds);
+    } catch (const std::exception& e) {
+      std::cerr << "mroutectl demo: " << e.what() << "\n";
+    }
+    std::cout.flush();
+    ::_exit(code);
+  }
+  return pid;
+}
+
+int demoRun(const Args& args, std::ostream& out, std::ostream& err) {
+  double seconds = 3;
+  if (args.size() == 2 && args[0] == "--seconds") {
+    if (!parseSeconds(args[1], &seconds)) {
+      err << "mroutectl demo: --seconds needs a number of seconds\n";
+      return kExitUsage;
+    }
+  } else if (!args.empty()) {
+    demoUsage(err);
+    return kExitUsage;
+  }
+  const std::string dir = Brume::tableRoot(kDemoMount, kDemoName).dir();
+  out << "demo: writer publishes routes into " << dir << " for " << seconds
+      << " s; a reader process follows\n"
+      << std::flush;
+  const pid_t reader = start(&runReader, seconds);
+  const pid_t writer = start(&runWriter, seconds);
+  int wstatus = 0, rstatus = 0;
+  ::waitpid(writer, &wstatus, 0);
+  ::waitpid(reader, &rstatus, 0);
+  const bool ok =
+      WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0 && WIFEXITED(rstatus) && WEXITSTATUS(rstatus) == 0;
+  out << "demo: " << (ok ? "done" : "FAILED") << "; the table stays in " << dir << "\n"
+      << "      look at it with: mroutectl tables; mroutectl dump " << kDemoMount << "/" << kDemoName
+      << "; mroutectl validate\n";
+  return ok ? kExitOk : 1;
+}
+
+}  // namespace
+
+const Subcommand demoCommand{"demo", "a writer and a reader process exchanging routes", demoUsage, demoRun};
+
+}  // namespace Mroutectl

@@ -1,0 +1,196 @@
+#include "table_check.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "mroute/table/brume_hash.h"
+#include "mroute/table/internal/bucket_file.h"
+#include "mroute/table/internal/conquer_file.h"
+#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/internal/link.h"
+#include "mroute/table/internal/slot_file.h"
+#include "mroute/table/internal/validator.h"
+#include "table_access.h"
+
+namespace Mroutectl {
+namespace {
+
+// A private copy of one file, 8-byte aligned like its mapping would be.
+struct Snapshot {
+  std::vector<uint64_t> words;
+  size_t size = 0;
+  std::string error;  // why it could not be read; empty when read
+
+  const void* base() const { return words.data(); }
+
+  bool read(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      error = std::string("cannot open: ") + std::strerror(errno);
+      return false;
+    }
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0;
+    if (ok) {
+      size = static_cast<size_t>(st.st_size);
+      words.assign((size + 7) / 8, 0);
+      auto* p = reinterpret_cast<char*>(words.data());
+      size_t got = 0;
+      while (ok && got < size) {
+        const ssize_t n = ::read(fd, p + got, size - got);
+        if (n > 0) {
+          got += static_cast<size_t>(n);
+        } else if (n == 0) {
+          size = got;  // shrank while read
+          break;
+        } else if (errno != EINTR) {
+          ok = false;
+        }
+      }
+    }
+    if (!ok) error = std::string("cannot read: ") + std::strerror(errno);
+    ::close(fd);
+    return ok;
+  }
+};
+
+uint32_t routeRhash(const unsigned char* value) {
+  RouteValue copy;
+  std::memcpy(&copy, value, sizeof copy);
+  return Brume::bitReverse(RouteOps::hash(RouteOps::keyOf(copy)));
+}
+
+// Notification queue entries of the current file, read-only: the writer's
+// own entry check less the positions only it remembers. Fills positions
+// (slot -> position of its live entry).
+void checkQueue(const Snapshot (&q)[2], uint32_t numSlots, std::vector<uint32_t>* positions, uint32_t* size,
+                std::vector<std::string>* findings) {
+  const uint32_t cur = Brume::conquer::loadCurrentTable(*Brume::ConquerTable::header(q[0].base()));
+  const uint32_t other = Brume::conquer::loadCurrentTable(*Brume::ConquerTable::header(q[1].base()));
+  if (cur != other) {
+    findings->push_back("conquer: the two files disagree on the current one (" + std::to_string(cur) +
+                        " and " + std::to_string(other) + ")");
+    return;
+  }
+  const Snapshot& f = q[cur];
+  const auto* h = Brume::ConquerTable::header(f.base());
+  const uint32_t pos = Brume::conquer::loadCurrentPos(*h);
+  const uint64_t cap = h->notifications.loadRelaxed().ref;
+  const std::string name = Brume::ConquerTable::kFileNames[cur];
+  if (pos > cap || pos > Brume::ConquerTable::entriesIn(f.size)) {
+    findings->push_back(name + ": currentPos " + std::to_string(pos) + " beyond its " + std::to_string(cap) +
+                        " entries");
+    return;
+  }
+  positions->assign(numSlots, Brume::kNoRef);
+  *size = pos;
+  uint64_t prev = 0;
+  for (uint32_t p = 0; p < pos; ++p) {
+    const Brume::ConquerTable::Entry& e = *Brume::ConquerTable::entry(f.base(), p);
+    const uint64_t seq = Brume::conquer::loadSequence(e);
+    const uint32_t slot = Brume::conquer::loadSlot(e);
+    std::string what;
+    if (seq <= prev) {
+      what = "sequence " + std::to_string(seq) + " not above " + std::to_string(prev);
+    } else if (slot != Brume::ConquerTable::kTombstone && slot >= numSlots) {
+      what = "slot " + std::to_string(slot) + " beyond the " + std::to_string(numSlots) + " slots";
+    } else if (slot != Brume::ConquerTable::kTombstone && (*positions)[slot] != Brume::kNoRef) {
+      what = "slot " + std::to_string(slot) + " also live at position " + std::to_string((*positions)[slot]);
+    }
+    if (!what.empty()) {
+      findings->push_back(name + ": position " + std::to_string(p) + ": " + what);
+      return;
+    }
+    if (slot != Brume::ConquerTable::kTombstone) (*positions)[slot] = p;
+    prev = seq;
+  }
+}
+
+std::vector<std::string> checkOnce(const Mem::RootPath& root) {
+  std::vector<std::string> findings;
+  uint32_t ember = 0;
+  if (!Brume::readEmber(Mem::systemShmFs(), root, &ember)) findings.push_back("ember: missing or empty");
+  std::string why;
+
+  Snapshot slots;
+  bool slotsOk = false;
+  const Brume::SlotTable::Header* sh = nullptr;
+  if (!slots.read(root.file(Brume::kSlotFileName))) {
+    findings.push_back("slots: " + slots.error);
+  } else if (slots.size < sizeof(Brume::SlotTable::Header)) {
+    findings.push_back("slots: shorter than its header");
+  } else {
+    sh = static_cast<const Brume::SlotTable::Header*>(slots.base());
+    slotsOk = sh->validate(slots.size, sh->slotSize, ember, &why);
+    if (!slotsOk) findings.push_back("slots: " + why);
+  }
+
+  Snapshot buckets;
+  bool bucketsOk = false;
+  const Brume::BucketTable::Header* bh = nullptr;
+  if (!buckets.read(root.file(Brume::kBucketFileName))) {
+    findings.push_back("buckets: " + buckets.error);
+  } else {
+    bh = static_cast<const Brume::BucketTable::Header*>(buckets.base());
+    bucketsOk = bh->validate(buckets.size, ember, &why);
+    if (!bucketsOk) {
+      findings.push_back("buckets: " + why);
+    } else if (!std::has_single_bit(bh->numBuckets.loadRelaxed().ref)) {
+      findings.push_back("buckets: numBuckets " + std::to_string(bh->numBuckets.loadRelaxed().ref) +
+                         " is not a power of two");
+      bucketsOk = false;
+    }
+  }
+
+  Snapshot queue[2];
+  bool queueOk = true;
+  for (int i = 0; i < 2; ++i) {
+    const std::string name = Brume::ConquerTable::kFileNames[i];
+    if (!queue[i].read(root.file(name))) {
+      findings.push_back(name + ": " + queue[i].error);
+      queueOk = false;
+    } else if (!Brume::ConquerTable::validate(queue[i].base(), queue[i].size, ember, &why)) {
+      findings.push_back(name + ": " + why);
+      queueOk = false;
+    }
+  }
+
+  if (slotsOk && bucketsOk) {
+    const uint32_t numSlots = sh->numSlots.loadRelaxed().ref;
+    Brume::NotificationView view;
+    std::vector<uint32_t> positions;
+    const size_t before = findings.size();
+    if (queueOk) checkQueue(queue, numSlots, &positions, &view.size, &findings);
+    const bool withQueue = queueOk && findings.size() == before;
+    if (withQueue) view.positionOf = [&positions](uint32_t slot) { return positions[slot]; };
+    const std::string_view type(sh->valueType, strnlen(sh->valueType, sizeof sh->valueType));
+    const bool routes =
+        type == Brume::Multicast::Fib::Route::kTypeName && sh->valueSize == sizeof(RouteValue);
+    Brume::Validator validator(sh, sh->slotSize, bh, withQueue ? &view : nullptr,
+                               routes ? &routeRhash : nullptr);
+    if (!validator.validate(&why)) findings.push_back("chains: " + why);
+  }
+  if (Brume::corruptionMarkerPresent(Mem::systemShmFs(), root)) {
+    findings.push_back("marker: a reader reported corruption (corruption-detected is present)");
+  }
+  return findings;
+}
+
+}  // namespace
+
+std::vector<std::string> checkTable(const Mem::RootPath& root) {
+  std::vector<std::string> findings = checkOnce(root);
+  if (findings.empty() || writerPid(root.dir()) == 0) return findings;
+  // A running writer may have changed the files while they were copied.
+  for (int attempt = 1; attempt < 3 && !findings.empty(); ++attempt) {
+    ::usleep(50 * 1000);
+    findings = checkOnce(root);
+  }
+  return findings;
+}
+
+}  // namespace Mroutectl
