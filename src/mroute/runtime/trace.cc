@@ -26,11 +26,11 @@ bool matches(const std::string& pattern, std::string_view name) {
   return pattern == name;
 }
 
-bool parseSpec(std::string_view spec, std::vector<Rule>& out) {
-  while (!spec.empty()) {
-    size_t comma = spec.find(',');
-    std::string_view item = spec.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+bool parseSetting(std::string_view setting, std::vector<Rule>& out) {
+  while (!setting.empty()) {
+    size_t comma = setting.find(',');
+    std::string_view item = setting.substr(0, comma);
+    setting = comma == std::string_view::npos ? std::string_view() : setting.substr(comma + 1);
     if (item.empty()) continue;
     size_t slash = item.find('/');
     Rule rule{std::string(item.substr(0, slash)), 0x3ff};
@@ -63,9 +63,9 @@ class Registry {
     return ref;
   }
 
-  bool configure(std::string_view spec) {
+  bool configure(std::string_view setting) {
     std::vector<Rule> parsed;
-    if (!parseSpec(spec, parsed)) return false;
+    if (!parseSetting(setting, parsed)) return false;
     std::lock_guard lock(mutex_);
     rules_.insert(rules_.end(), parsed.begin(), parsed.end());
     for (auto& [name, fac] : facilities_) applyRules(*fac);
@@ -90,10 +90,10 @@ class Registry {
   }
 
   // Capture support: remembers every facility's levels so they can be restored.
-  std::map<std::string, uint32_t, std::less<>> beginCapture(std::string_view spec) {
+  std::map<std::string, uint32_t, std::less<>> beginCapture(std::string_view setting) {
     std::map<std::string, uint32_t, std::less<>> saved;
     std::vector<Rule> parsed;
-    parseSpec(spec, parsed);
+    parseSetting(setting, parsed);
     std::lock_guard lock(mutex_);
     for (auto& [name, fac] : facilities_) saved.emplace(name, fac->levels());
     savedRules_ = rules_;
@@ -133,9 +133,9 @@ class Registry {
     if (const char* file = std::getenv("MROUTE_TRACE_FILE"); file && *file) {
       if (FILE* f = std::fopen(file, "a")) out_ = f;
     }
-    if (const char* spec = std::getenv("MROUTE_TRACE"); spec && *spec) {
-      if (!parseSpec(spec, rules_)) {
-        std::fprintf(stderr, "MROUTE_TRACE ignored: cannot read \"%s\"\n", spec);
+    if (const char* setting = std::getenv("MROUTE_TRACE"); setting && *setting) {
+      if (!parseSetting(setting, rules_)) {
+        std::fprintf(stderr, "MROUTE_TRACE ignored: cannot read \"%s\"\n", setting);
         rules_.clear();
       }
     }
@@ -190,9 +190,9 @@ Facility& facility(std::string_view name) { return Registry::instance().facility
 
 void emit(const Facility& fac, int level, std::string_view text) { Registry::instance().emit(fac, level, text); }
 
-bool configure(std::string_view spec) { return Registry::instance().configure(spec); }
+bool configure(std::string_view setting) { return Registry::instance().configure(setting); }
 
-CaptureSink::CaptureSink(std::string_view spec) { savedLevels() = Registry::instance().beginCapture(spec); }
+CaptureSink::CaptureSink(std::string_view setting) { savedLevels() = Registry::instance().beginCapture(setting); }
 
 CaptureSink::~CaptureSink() { Registry::instance().endCapture(savedLevels()); }
 

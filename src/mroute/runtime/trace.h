@@ -54,9 +54,9 @@ Facility& facility(std::string_view name);
 // callers test enabled() first, as MROUTE_TRACE does).
 void emit(const Facility& facility, int level, std::string_view text);
 
-// Applies a specification in the MROUTE_TRACE syntax to every facility,
+// Applies a setting in the MROUTE_TRACE syntax to every facility,
 // present and future. Returns false, changing nothing, when it is malformed.
-bool configure(std::string_view spec);
+bool configure(std::string_view setting);
 
 // Level mask of a "0-3"/"39" level text; nullopt-like -1 when malformed.
 int64_t parseLevels(std::string_view text);
@@ -68,11 +68,11 @@ struct Line {
 };
 
 // While alive, every emitted line is also kept here instead of being written
-// out; the given specification is applied on construction and the previous
+// out; the given setting is applied on construction and the previous
 // levels are restored on destruction. Used by tests.
 class CaptureSink {
  public:
-  explicit CaptureSink(std::string_view spec = "*");
+  explicit CaptureSink(std::string_view setting = "*");
   ~CaptureSink();
   CaptureSink(const CaptureSink&) = delete;
   CaptureSink& operator=(const CaptureSink&) = delete;
