@@ -17,14 +17,18 @@ class CollectionTest : public testing::Test {
   Recorder rec{&log};
 };
 
-TEST_F(CollectionTest, IsCreatesReplacesAndIgnoresEqualValue) {
+TEST_F(CollectionTest, IsCreatesReplacesIgnoresEqualValueAndDelIgnoresAbsentKey) {
   holder->itemIs(1, "a");
   holder->itemIs(1, "a");
   holder->itemIs(1, "b");
   EXPECT_EQ(log, (Log{"item 1", "item 1"}));
   EXPECT_EQ(holder->item(1), "b");
   EXPECT_EQ(holder->item(2), "");  // absent: the value type's default
-  EXPECT_EQ(holder->item().size(), 1u);
+  log.clear();
+  holder->itemDel(5);  // absent: silent
+  holder->itemDel(holder->item().find(1));
+  EXPECT_EQ(log, (Log{"item 1"}));
+  EXPECT_TRUE(holder->item().empty());
 }
 
 TEST_F(CollectionTest, NewAlwaysNotifiesAndNotifyAsksReadersToLookAgain) {
@@ -33,15 +37,6 @@ TEST_F(CollectionTest, NewAlwaysNotifiesAndNotifyAsksReadersToLookAgain) {
   holder->itemNotify(7);
   EXPECT_EQ(log, (Log{"item 1", "item 1", "item 7"}));
   EXPECT_EQ(holder->item().count(7), 0u);
-}
-
-TEST_F(CollectionTest, DelOfAbsentKeyIsSilent) {
-  holder->itemDel(5);
-  EXPECT_TRUE(log.empty());
-  holder->itemIs(5, "x");
-  holder->itemDel(holder->item().find(5));
-  EXPECT_EQ(log, (Log{"item 5", "item 5"}));
-  EXPECT_TRUE(holder->item().empty());
 }
 
 // The member is gone by the time notifiees hear of its removal.

@@ -85,15 +85,11 @@ TEST(FlagSetTest, BareFlagPrintsAsItsBooleanUnderItsOwnName) {
   EXPECT_EQ(Lone::fromText("True"), l);
   EXPECT_EQ(Lone::fromText("False"), Lone());
   EXPECT_THROW_TEXT(Lone(2), Kiv::RangeException, "Lone::value > 0x1 not allowed");
-  EXPECT_EQ(Lone::type().name, "Sample::Holder::Lone");
-  EXPECT_EQ(Marks::type().name, "Sample::Marks");
 }
 
 TEST(BoundedValueTest, DefaultConstantsAndNamedRangeError) {
-  EXPECT_EQ(Slot(), Slot::none);
   EXPECT_TRUE(Slot().isNone());
   EXPECT_FALSE(Slot::first.isNone());
-  EXPECT_EQ(Slot::first.value(), 0);
   static_assert(Slot::kUsable == 9 && Slot::none.value() == 9);
   const char* error = "Slot::value < Slot::first or > Slot::none not allowed";
   EXPECT_THROW_TEXT(Slot(10), Kiv::RangeException, error);
@@ -108,7 +104,7 @@ TEST(BoundedValueTest, DefaultConstantsAndNamedRangeError) {
 }
 
 TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
-  EXPECT_EQ(Weight().value(), 0);
+  EXPECT_EQ(Weight(), Weight(0));
   EXPECT_EQ(Weight(1000).value(), 1000);
   EXPECT_THROW_TEXT(Weight(1001), Kiv::RangeException, "Weight::value < 0 or > 1000 not allowed");
   EXPECT_LT(Weight(2), Weight(300));
@@ -116,15 +112,11 @@ TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
   EXPECT_EQ(set.size(), 2u);
 }
 
-TEST(GeneratedEnumTest, InstanceLiteralAndStream) {
+// The wrappers the generator writes over runtime/kiv's enumeration support.
+TEST(GeneratedEnumTest, WrappersReachTheRegisteredLiterals) {
   EXPECT_EQ(Sample::VolumeInstance(2u), Volume::loud);
   EXPECT_EQ(Sample::VolumeInstance("quiet"), Volume::quiet);
-  EXPECT_THROW(Sample::VolumeInstance("shout"), Kiv::RangeException);
-  EXPECT_EQ(Sample::stringValue(Volume::normal), "normal");
   EXPECT_EQ(Sample::valueToStrep(Volume::normal), "'normal'");
-  std::ostringstream os;
-  os << Sample::Holder::Mode::off;
-  EXPECT_EQ(os.str(), "off");
   const char text[] = "on";
   Sample::Holder::Mode m = Sample::Holder::Mode::off;
   EXPECT_TRUE(Sample::sequenceToValue(text, text + 2, m));

@@ -34,9 +34,7 @@ inline std::string cmsgRecord(int type, const void* payload, size_t len) {
   h.cmsg_level = IPPROTO_IP;
   h.cmsg_type = type;
   std::memcpy(rec.data(), &h, sizeof h);
-  std::memcpy(rec.data() + (CMSG_DATA(reinterpret_cast<cmsghdr*>(rec.data())) -
-                            reinterpret_cast<unsigned char*>(rec.data())),
-              payload, len);
+  std::memcpy(CMSG_DATA(reinterpret_cast<cmsghdr*>(rec.data())), payload, len);
   return rec;
 }
 

