@@ -164,10 +164,11 @@ TEST_F(FrontProcessTest, ReaderStartedFirstAttachesWhenTheWriterAppears) {
 
 TEST_F(FrontProcessTest, WriterKilledMidChurnAndRestartedIsFollowedOnce) {
   const pid_t first = spawnRole("Churn");
+  // The watches outlive the fronts, whose unmount still reports "not ready".
+  Watch ws, wk, wr;
   RecordMap shadow(loop_, kMount, kName, BrumeType::shadow, fastOptions());
   RecordMap keys(loop_, kMount, kName, BrumeType::keyshadow, fastOptions());
   RecordMap reader(loop_, kMount, kName, BrumeType::reader, fastOptions());
-  Watch ws, wk, wr;
   ws.attach(shadow);
   wk.attach(keys);
   wr.attach(reader);
