@@ -3,6 +3,9 @@
 // Thread-safety: as Mroute::Trace (any thread).
 #pragma once
 
+#include <sstream>
+#include <string>
+
 #include "mroute/runtime/trace.h"
 
 namespace Brume {
@@ -18,5 +21,13 @@ inline constexpr int kTraceError = 1;
 inline constexpr int kTraceInfo = 3;
 inline constexpr int kTraceSize = 8;
 inline constexpr int kTraceDetail = 9;
+
+// A header check failed: traces the finding as an error, hands it to the
+// caller when it asked for it (`why` may be null) and returns false.
+inline bool validationFailed(std::string* why, const std::ostringstream& os) {
+  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
+  if (why != nullptr) *why = os.str();
+  return false;
+}
 
 }  // namespace Brume

@@ -7,45 +7,35 @@
 
 namespace Brume {
 
-namespace {
-
-bool fail(std::string* why, const std::ostringstream& os) {
-  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
-  if (why != nullptr) *why = os.str();
-  return false;
-}
-
-}  // namespace
-
 bool BucketTable::Header::validate(size_t size, uint32_t expectedEmber, std::string* why) const {
   std::ostringstream os;
   if (size < sizeof(Header)) {
     os << "BucketTable::validate() bad header file size: " << size << " wanted:" << sizeof(Header);
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (std::memcmp(magic, kMagic, sizeof kMagic) != 0) {
     uint64_t m;
     std::memcpy(&m, magic, sizeof m);
     os << "BucketTable::validate() bad magic: 0x" << std::hex << m;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (version != kVersion) {
     os << "BucketTable::validate() bad version: " << version;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (expectedEmber != 0 && ember != expectedEmber) {
     os << "BucketTable::validate() bad ember:0x" << std::hex << ember << " wanted:0x" << expectedEmber;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const uint32_t n = numBuckets.load().ref;
   if (n > kMaxBuckets) {
     os << "BucketTable::validate() bad numBuckets:" << n;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const size_t needed = BucketTable::fileSize(n);
   if (size < needed) {
     os << "BucketTable::validate() bad shmem size:" << size << " wanted:" << needed;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   return true;
 }

@@ -7,47 +7,37 @@
 
 namespace Brume {
 
-namespace {
-
-bool fail(std::string* why, const std::ostringstream& os) {
-  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
-  if (why != nullptr) *why = os.str();
-  return false;
-}
-
-}  // namespace
-
 bool ConquerTable::validate(const void* base, size_t mappedSize, uint32_t expectedEmber, std::string* why) {
   std::ostringstream os;
   if (base == nullptr || mappedSize < sizeof(Header)) {
     os << "ConquerTable::validate() bad header file size:" << mappedSize << " wanted:" << sizeof(Header);
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const Header& h = *header(base);
   if (std::memcmp(h.magic, kMagic, sizeof kMagic) != 0) {
     uint64_t m;
     std::memcpy(&m, h.magic, sizeof m);
     os << "ConquerTable::validate() bad magic:0x" << std::hex << m;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (h.version != kVersion) {
     os << "ConquerTable::validate() bad version:" << h.version;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (expectedEmber != 0 && h.ember != expectedEmber) {
     os << "ConquerTable::validate() bad ember:0x" << std::hex << h.ember << " wanted:0x" << expectedEmber;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const uint32_t n = h.notifications.load().ref;
   if (mappedSize < fileSize(n)) {
     os << "ConquerTable::validate() bad shmem size:" << mappedSize << " wanted:" << fileSize(n) << " for " << n
        << " notifications";
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const uint32_t table = conquer::loadCurrentTable(h);
   if (table >= 2) {
     os << "ConquerTable::validate() bad tableId:" << table;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   return true;
 }

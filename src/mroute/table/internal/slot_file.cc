@@ -13,12 +13,6 @@ namespace {
 
 uint32_t wordHash(uint32_t w) { return bytesHash(&w, sizeof w); }
 
-bool fail(std::string* why, const std::ostringstream& os) {
-  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
-  if (why != nullptr) *why = os.str();
-  return false;
-}
-
 void copyName(char (&dst)[SlotTable::kTypeNameSize], std::string_view name) {
   std::memset(dst, 0, sizeof dst);
   std::memcpy(dst, name.data(), name.size());
@@ -37,30 +31,30 @@ bool SlotTable::Header::validate(size_t fileSize, uint32_t wantSlotSize, uint32_
   const size_t fixed = fixedSize(wantSlotSize);
   if (fileSize < fixed) {
     os << "SlotTable::Header::validate() bad header file size: " << fileSize << " wanted:" << fixed;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (std::memcmp(magic, kMagic, sizeof kMagic) != 0) {
     uint64_t m;
     std::memcpy(&m, magic, sizeof m);
     os << "SlotTable::Header::validate() bad magic: 0x" << std::hex << m;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (version != kVersion) {
     os << "SlotTable::Header::validate() bad version: " << version;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (expectedEmber != 0 && ember != expectedEmber) {
     os << "SlotTable::validate() bad ember:0x" << std::hex << ember << " wanted:0x" << expectedEmber;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const uint32_t computed = computeHash();
   if (hash != computed) {
     os << "SlotTable::Header::validate() checksum fail: " << hash << " != " << computed;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (slotSize != wantSlotSize || valueSize + sizeof(Slot) != slotSize) {
     os << "SlotTable::Header::validate() bad slotSize: " << slotSize << " wanted:" << wantSlotSize;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   // Mutable fields: the writer may be changing them under a reader; the
   // reader validates a snapshot and re-checks links as it goes.
@@ -69,17 +63,17 @@ bool SlotTable::Header::validate(size_t fileSize, uint32_t wantSlotSize, uint32_
   const uint32_t free = loadRelaxed(freeSlots);
   if (occupied > n) {
     os << "SlotTable::Header::validate() bad occupiedSlots: " << occupied << " num slots: " << n;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   if (free >= n && free != kNoRef) {
     os << "SlotTable::Header::validate() bad freeSlots: " << free << " slots: " << n;
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   const size_t needed = SlotTable::fileSize(wantSlotSize, n);
   if (fileSize < needed) {
     os << "SlotTable::Header::validate() bad shmem size:" << fileSize << " wanted:" << needed << " for " << n
        << " slots";
-    return fail(why, os);
+    return validationFailed(why, os);
   }
   return true;
 }
