@@ -31,16 +31,7 @@ const Kiv::TypeRecord& MrtNotifySocketPam::fwkType() const {
   return type;
 }
 
-void MrtNotifySocketPam::enabledIs(bool on) {
-  constexpr std::string_view op = "enabledIs(bool)";
-  const char* arg = on ? "1" : "0";
-  trace(9, op, arg, "");
-  if (on == enabled()) return;
-  if (!on) {
-    disable(op, arg);
-    return;
-  }
-  int fd = openSocket(op, arg, IPPROTO_RAW);
+void MrtNotifySocketPam::registerUpcalls(int fd, std::string_view op, std::string_view arg) {
   // The same context for every step, as the agents' logs have always read.
   constexpr std::string_view context = "setsocketopt(MRT_NOTIFY_INIT)";
   if (int err = setIntOption(fd, MRT_NOTIFY_INIT, 1)) closeAndThrow(fd, context, err);
@@ -49,7 +40,6 @@ void MrtNotifySocketPam::enabledIs(bool on) {
     if (tracing(9)) trace(9, op, arg, std::string("Set socket option: ") + k.name);
     if (int err = setIntOption(fd, MRT_NOTIFY_ENABLE, k.kind)) closeAndThrow(fd, context, err);
   }
-  finishEnable(op, arg, fd);
 }
 
 void MrtNotifySocketPam::optionsIs(uint32_t newOptions) {

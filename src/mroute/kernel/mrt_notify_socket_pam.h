@@ -11,6 +11,8 @@
 // Thread-safety: single-threaded, on the pam's event loop.
 #pragma once
 
+#include <netinet/in.h>
+
 #include "mroute/kernel/mrt_socket_pam.h"
 
 namespace Routing::Multicast::Notify {
@@ -23,10 +25,6 @@ class MrtNotifySocketPam : public MrtSocketPam {
 
   const Kiv::TypeRecord& fwkType() const override;
 
-  // Throws ErrnoException "socket: ..." when the socket cannot be opened and
-  // "setsocketopt(MRT_NOTIFY_INIT): ..." when registering or switching an
-  // upcall kind on fails; the pam then stays disabled.
-  void enabledIs(bool enabled) override;
   // While open, throws ErrnoException "setsockopt(IGMP_WRONGVIF)",
   // "setsockopt(IGMP_NOCACHE)" or "setsockopt(IGMP_WHOLEPKT)" when switching
   // that kind fails; `options` then keeps its old value although the kinds
@@ -35,6 +33,12 @@ class MrtNotifySocketPam : public MrtSocketPam {
 
  protected:
   explicit MrtNotifySocketPam(const Kiv::Name& name);
+
+  int socketProtocol() const override { return IPPROTO_RAW; }
+  // Registers with option 211 and switches on each kind of `options` (213);
+  // a failure throws "setsocketopt(MRT_NOTIFY_INIT): ..." and the pam stays
+  // disabled.
+  void registerUpcalls(int fd, std::string_view op, std::string_view arg) override;
 };
 
 }  // namespace Routing::Multicast::Notify

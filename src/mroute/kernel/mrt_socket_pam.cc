@@ -60,6 +60,20 @@ void MrtSocketPam::handleNetNs() {
   enabledIs(true);
 }
 
+void MrtSocketPam::enabledIs(bool on) {
+  constexpr std::string_view op = "enabledIs(bool)";
+  const char* arg = on ? "1" : "0";
+  trace(9, op, arg, "");
+  if (on == enabled()) return;
+  if (!on) {
+    disable(op, arg);
+    return;
+  }
+  int fd = openSocket(op, arg, socketProtocol());
+  registerUpcalls(fd, op, arg);
+  finishEnable(op, arg, fd);
+}
+
 int MrtSocketPam::openSocket(std::string_view op, std::string_view arg, int protocol) {
   MROUTE_ASSERT(eventLoop());
   int fd = sys_->socketAt(AF_INET, SOCK_RAW, protocol, netNs_);

@@ -41,10 +41,12 @@ class MrtSocketPam : public Orvet::Pam {
   virtual void handleNetNs();
 
   bool enabled() const { return enabled_; }
-  // Opens (true) or closes (false) the socket. Opening throws
-  // Mroute::ErrnoException and leaves the pam disabled, its descriptor closed.
+  // Opens (true) or closes (false) the socket: opens a raw socket of
+  // socketProtocol() in netNs, registers it with the kernel
+  // (registerUpcalls) and watches it. Opening throws Mroute::ErrnoException
+  // and leaves the pam disabled, its descriptor closed.
   // REQUIRES: eventLoop() is set before enabling (asserted).
-  virtual void enabledIs(bool enabled) = 0;
+  void enabledIs(bool enabled);
 
   uint32_t options() const { return options_; }
   // Changes the wanted upcall kinds (MrtNotifyOption bits).
@@ -88,6 +90,12 @@ class MrtSocketPam : public Orvet::Pam {
 
   // Called on each non-empty datagram before it is handed on; false drops it.
   virtual bool acceptRx(Orvet::Pkt& pkt);
+
+  // The raw socket's protocol (IPPROTO_RAW, IPPROTO_IGMP).
+  virtual int socketProtocol() const = 0;
+  // Tells the kernel to send upcalls on the freshly opened `fd`; on failure
+  // closes it and throws (closeAndThrow). `op`/`arg` are for traces.
+  virtual void registerUpcalls(int fd, std::string_view op, std::string_view arg) = 0;
 
   // Opens the socket: socketAt(AF_INET, SOCK_RAW, protocol, netNs); on failure
   // traces "socket open error" and throws with the context "socket".

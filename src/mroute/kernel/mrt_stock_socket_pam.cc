@@ -20,18 +20,8 @@ const Kiv::TypeRecord& MrtStockSocketPam::fwkType() const {
   return type;
 }
 
-void MrtStockSocketPam::enabledIs(bool on) {
-  constexpr std::string_view op = "enabledIs(bool)";
-  const char* arg = on ? "1" : "0";
-  trace(9, op, arg, "");
-  if (on == enabled()) return;
-  if (!on) {
-    disable(op, arg);
-    return;
-  }
-  int fd = openSocket(op, arg, IPPROTO_IGMP);
+void MrtStockSocketPam::registerUpcalls(int fd, std::string_view, std::string_view) {
   if (int err = setIntOption(fd, kMrtInit, 1)) closeAndThrow(fd, "setsockopt(MRT_INIT)", err);
-  finishEnable(op, arg, fd);
 }
 
 void MrtStockSocketPam::optionsIs(uint32_t newOptions) {

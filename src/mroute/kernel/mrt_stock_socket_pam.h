@@ -18,6 +18,8 @@
 // Thread-safety: single-threaded, on the pam's event loop.
 #pragma once
 
+#include <netinet/in.h>
+
 #include "mroute/kernel/mrt_socket_pam.h"
 
 namespace Routing::Multicast::Notify {
@@ -33,10 +35,6 @@ class MrtStockSocketPam : public MrtSocketPam {
 
   const Kiv::TypeRecord& fwkType() const override;
 
-  // Throws ErrnoException "socket: ..." or "setsockopt(MRT_INIT): ..." (e.g.
-  // "Address already in use" when another socket holds the table); the pam
-  // then stays disabled.
-  void enabledIs(bool enabled) override;
   // Only changes the filter; the kernel is not told.
   void optionsIs(uint32_t options) override;
 
@@ -46,6 +44,10 @@ class MrtStockSocketPam : public MrtSocketPam {
  protected:
   explicit MrtStockSocketPam(const Kiv::Name& name);
   bool acceptRx(Orvet::Pkt& pkt) override;
+  int socketProtocol() const override { return IPPROTO_IGMP; }
+  // MRT_INIT; a failure throws "setsockopt(MRT_INIT): ..." (e.g. "Address
+  // already in use" when another socket holds the table).
+  void registerUpcalls(int fd, std::string_view op, std::string_view arg) override;
 
  private:
   uint64_t rxFiltered_ = 0;
