@@ -22,6 +22,11 @@
 //       concurrent split or join made stale (W5).
 //   R4. A slot index past the mapping makes the reader remap to the count the
 //       header publishes; the file already holds those slots (W6).
+//   R5. A lookup passes a slot whose rhash (relaxed load) is below the key's
+//       without copying its body: a slot keeps its rhash while it is linked
+//       (W3), so under R2 the rhash and next it read belong to one chain
+//       state. Only a slot that may hold the key, or end the search, is read
+//       by R1.
 //
 // Thread-safety: a reader object is used by one thread; any number of
 // readers in any processes run concurrently with the writer.
@@ -123,7 +128,11 @@ class BrumeReader {
     return marker == kNoRef || (next < numBuckets_ && bitReverse(next) > bitReverse(b));
   }
   [[noreturn]] void corrupt(const std::string& what);
-  const Slot* slotOrCorrupt(uint32_t i, const char* who);
+  // The reports of doLookup(), kept out of line so that its hot path stays
+  // small (no stream objects in its frame).
+  [[noreturn, gnu::cold, gnu::noinline]] void lookupCycle(uint32_t count);
+  [[noreturn, gnu::cold, gnu::noinline]] void lookupCorruptKey(const Key& k, uint32_t b);
+  [[gnu::noinline]] const Slot* slotOrCorrupt(uint32_t i, const char* who);
   const Mem::VersionedRef& bucketOrCorrupt(uint32_t b) {
     const Mem::VersionedRef* ref = buckets_.bucket(b);
     if (ref == nullptr) [[unlikely]] bucketOutOfRange(b);

@@ -16,8 +16,9 @@
 //       advances its version; a store to the head advances it too. A reader
 //       that sees the head's version unchanged knows no link of the chain
 //       changed meanwhile.
-//   W3. A removed or moved slot is unlinked (W2) before its status, next or
-//       body change; only then is it freed and possibly reused.
+//   W3. A removed or moved slot is unlinked (W2) before its status, next,
+//       rhash or body change; only then is it freed and possibly reused. A
+//       linked slot's rhash never changes (writeBody leaves it alone).
 //   W4. A slot body is rewritten only between two status stores: +2
 //       (LOOKASIDE set, release, then a release fence) before the body and
 //       (status + 2) | OCCUPIED (release) after it. An occupied slot's new

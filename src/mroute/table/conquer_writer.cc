@@ -244,7 +244,9 @@ std::pair<uint64_t, uint32_t> ConquerWriter::entry(uint32_t pos) const {
 }
 
 void ConquerWriter::rememberPosition(uint32_t slot, uint32_t pos) {
-  if (slot >= positions_.size()) positions_.resize(size_t{slot} + 1, kNoPosition);
+  // Grown geometrically: inserts in slot order would otherwise resize (and
+  // fill) once per notification.
+  if (slot >= positions_.size()) positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
   positions_[slot] = pos;
 }
 

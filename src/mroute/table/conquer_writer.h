@@ -158,6 +158,11 @@ class ConquerWriter {
   uint32_t capacity() const { return capacityOf(cur_); }
   // Position of the slot's live entry in the current file, or kNoPosition.
   uint32_t position(uint32_t slot) const { return slot < positions_.size() ? positions_[slot] : kNoPosition; }
+  // A hint that notify(slot) follows soon: starts fetching the slot's
+  // position so that its cache miss overlaps the caller's value write.
+  void prefetch(uint32_t slot) const {
+    if (slot < positions_.size()) __builtin_prefetch(&positions_[slot], 1);
+  }
   // {sequence, slot} of an entry of the current file. REQUIRES: pos < currentPos()
   std::pair<uint64_t, uint32_t> entry(uint32_t pos) const;
   const Counters& counters() const { return counters_; }

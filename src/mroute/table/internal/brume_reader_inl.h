@@ -116,6 +116,21 @@ void BrumeReader<Ops>::bucketOutOfRange(uint32_t b) {
 }
 
 template <TableOps Ops>
+void BrumeReader<Ops>::lookupCycle(uint32_t count) {
+  std::ostringstream os;
+  os << "BrumeReader::doLookup() hash chain cycle detected," << " slotCount:" << count
+     << " capacity:" << slots_.mappedSlots();
+  corrupt(os.str());
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
+  std::ostringstream os;
+  os << "BrumeReader::doLookup() corrupt key detected" << " key:" << KeyText<Ops>{k} << " bucketIndex:" << b;
+  corrupt(os.str());
+}
+
+template <TableOps Ops>
 bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
   if (numBuckets_ == 0) {
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doLookup() bucket table detached");
@@ -142,42 +157,37 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
       }
       if (++count > slots_.mappedSlots()) {
         if (!unchanged()) break;
-        std::ostringstream os;
-        os << "BrumeReader::doLookup() hash chain cycle detected," << " slotCount:" << count
-           << " capacity:" << slots_.mappedSlots();
-        corrupt(os.str());
+        lookupCycle(count);
       }
       const Slot* s = slots_.slot(ref);
       if (s == nullptr) {
         if (!unchanged()) break;
         s = slotOrCorrupt(ref, "BrumeReader::doLookup()");
       }
-      uint32_t rh;
-      const uint32_t st = readSlot(s, out, &rh);
-      if ((st & kOccupied) != 0) {
-        if (rh >= r) {
+      // R5: a slot sorted before the key is passed on its rhash and next
+      // alone; only a slot where the key may be is copied.
+      uint32_t rh = loadRelaxed(s->rhash);
+      if (rh >= r) [[likely]] {
+        const uint32_t st = readSlot(s, out, &rh);
+        if ((st & kOccupied) != 0 && rh >= r) {
           const Key k = Ops::keyOf(out);
-          if (rh == r && Ops::equal(k, key)) {
+          if (rh == r && Ops::equal(k, key)) [[likely]] {
             if (unchanged()) return true;
             break;
           }
           if (rh > r || Ops::less(key, k)) {
             if (!unchanged()) break;
             if (!belongs(Ops::hash(k), b)) {
-              std::ostringstream os;
-              os << "BrumeReader::doLookup() corrupt key detected" << " key:" << KeyText<Ops>{k} << " bucketIndex:" << b;
-              corrupt(os.str());
+              lookupCorruptKey(k, b);
             }
             return false;
           }
         }
-        if (!belongs(bitReverse(rh), b)) {
-          if (!unchanged()) break;
-          std::ostringstream os;
-          os << "BrumeReader::doLookup() corrupt key detected" << " key:" << KeyText<Ops>{Ops::keyOf(out)}
-             << " bucketIndex:" << b;
-          corrupt(os.str());
-        }
+      }
+      if (!belongs(bitReverse(rh), b)) [[unlikely]] {
+        if (!unchanged()) break;
+        readSlot(s, out, &rh);
+        lookupCorruptKey(Ops::keyOf(out), b);
       }
       const uint32_t next = s->next.load().ref;
       if (!unchanged()) break;

@@ -46,6 +46,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
   const auto f = map_.find(key, hash);
   if (f.found) {
     if (!update) return storedAt(f.slot);
+    if (ConquerWriter* q = files_.conquer()) q->prefetch(f.slot);
     Slot* s = slots().slot(f.slot);
     slots().writeBody(s, &v);
     ++counters_.updates;

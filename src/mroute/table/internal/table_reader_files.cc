@@ -1,9 +1,25 @@
 #include "mroute/table/internal/table_reader_files.h"
 
+#include <algorithm>
+
 #include "mroute/table/internal/brume_trace.h"
 #include "mroute/table/internal/ember_file.h"
 
 namespace Brume {
+
+namespace {
+
+// The size a header is checked against: the writer may have grown the file
+// and published the larger count since it was mapped (W6), and the reader
+// remaps before it uses the new part, so the file's length now counts. A
+// mapping too short for the header keeps its own size (and fails the check).
+size_t sizeNow(const Mem::ShmFile& file, size_t headerBytes) {
+  const int64_t size = file.fileSize();
+  if (file.mappedSize() < headerBytes || size <= 0) return file.mappedSize();
+  return std::max(file.mappedSize(), static_cast<size_t>(size));
+}
+
+}  // namespace
 
 bool SlotReaderTable::attach(const Mem::RootPath& root) {
   if (!file_.open(root.file(kSlotFileName), Mem::ShmAccess::readOnly)) {
@@ -27,7 +43,7 @@ void SlotReaderTable::detach() {
 }
 
 bool SlotReaderTable::validate(uint32_t ember, std::string* why) const {
-  return header()->validate(file_.mappedSize(), slotSize_, ember, why);
+  return header()->validate(sizeNow(file_, SlotTable::fixedSize(slotSize_)), slotSize_, ember, why);
 }
 
 void SlotReaderTable::account() {
@@ -94,7 +110,7 @@ void BucketReaderTable::detach() {
 }
 
 bool BucketReaderTable::validate(uint32_t ember, std::string* why) const {
-  return header()->validate(file_.mappedSize(), ember, why);
+  return header()->validate(sizeNow(file_, sizeof(BucketTable::Header)), ember, why);
 }
 
 bool BucketReaderTable::doResize(uint32_t n) {

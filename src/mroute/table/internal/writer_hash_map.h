@@ -60,6 +60,9 @@ class WriterHashMap {
     const uint32_t numSlots = slots_.numSlots();
     const uint32_t b = bucketOf(hash);
     const uint32_t r = bitReverse(hash);
+    // A slot belongs to bucket b when its reversed hash agrees with r on the
+    // bits that pick the bucket: the top log2(numBuckets) bits of rhash.
+    const uint32_t bucketBits = bitReverse(buckets_.numBuckets() - 1);
     LinkPos pos{true, b};
     uint32_t count = 0;
     for (;;) {
@@ -71,7 +74,7 @@ class WriterHashMap {
         throw Pavo::CorruptionDetectedException(os.str());
       }
       const Slot* s = slots_.slot(ref);
-      if (bucketOf(bitReverse(s->rhash)) != b) {
+      if (((s->rhash ^ r) & bucketBits) != 0) {
         std::ostringstream os;
         os << who << " corrupt key detected, slot:" << ref << " bucket:" << b;
         throw Pavo::CorruptionDetectedException(os.str());
