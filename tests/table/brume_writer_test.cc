@@ -20,17 +20,10 @@ namespace {
 
 using TableTest::RecordOps;
 using TableTest::RecordValue;
+using TableTest::config;
 using TableTest::value;
 using Writer = Brume::BrumeWriter<RecordOps>;
 using Reader = Brume::BrumeReader<RecordOps>;
-
-Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
-  Brume::TableConfig c;
-  c.name = "test";
-  c.initialSize = initial;
-  c.maxSize = max;
-  return c;
-}
 
 class BrumeWriterTest : public ::testing::Test {
  protected:

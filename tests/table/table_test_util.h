@@ -12,6 +12,7 @@
 #include "mroute/table/brume_hash.h"
 #include "mroute/table/brume_ops.h"
 #include "mroute/table/root_path.h"
+#include "mroute/table/table_config.h"
 #include "mroute/table/value_wrapper.h"
 
 namespace TableTest {
@@ -68,6 +69,15 @@ using RecordOps = Brume::DefaultOps<uint64_t, RecordValue>;
 
 // The stored value of key at version.
 inline RecordValue value(uint64_t key, uint64_t version = 1) { return RecordValue(Record::make(key, version)); }
+
+// A table "test" that starts with `initial` slots and may grow to `max`.
+inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
+  Brume::TableConfig c;
+  c.name = "test";
+  c.initialSize = initial;
+  c.maxSize = max;
+  return c;
+}
 
 }  // namespace TableTest
 

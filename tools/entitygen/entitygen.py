@@ -484,14 +484,14 @@ def parse_member(t, line, doc):
     m = MEMBER.match(line)
     if not m:
         raise DescriptionError('cannot read member')
-    kind, name, spec = m.groups()
+    kind, name, decl = m.groups()
     if kind in ('coll', 'child'):
-        key, _, value = spec.partition('->')
+        key, _, value = decl.partition('->')
         words = value.split()
         t.members.append(Member(kind, name, ctype(words[0]), key=ctype(key.strip()),
                                 ordered='ordered' in words[1:]))
     elif kind in ('attr', 'counter', 'const', 'field'):
-        m2 = re.match(r'([\w:<>, ]+?)\s*(?:=\s*(.+?))?\s*(?:(range|max)\s+(\S+))?$', spec)
+        m2 = re.match(r'([\w:<>, ]+?)\s*(?:=\s*(.+?))?\s*(?:(range|max)\s+(\S+))?$', decl)
         if not m2:
             raise DescriptionError('cannot read type and default')
         typ, default, check, limit = m2.groups()

@@ -17,7 +17,7 @@ int Sys::epollWait(int epfd, epoll_event* events, int maxEvents, int timeoutMs) 
 
 int Sys::timerCreate() { return ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC); }
 
-int Sys::timerSet(int fd, const itimerspec& spec) { return ::timerfd_settime(fd, 0, &spec, nullptr); }
+int Sys::timerSet(int fd, const itimerspec& when) { return ::timerfd_settime(fd, 0, &when, nullptr); }
 
 int Sys::inotifyCreate() { return ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC); }
 

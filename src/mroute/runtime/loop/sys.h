@@ -29,7 +29,7 @@ class Sys {
   virtual int epollWait(int epfd, epoll_event* events, int maxEvents, int timeoutMs);
   // timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC).
   virtual int timerCreate();
-  virtual int timerSet(int fd, const itimerspec& spec);
+  virtual int timerSet(int fd, const itimerspec& when);
   // inotify_init1(IN_NONBLOCK | IN_CLOEXEC).
   virtual int inotifyCreate();
   virtual int inotifyAddWatch(int fd, const char* path, uint32_t mask);

@@ -51,10 +51,10 @@ void Timer::expire(const std::shared_ptr<State>& state) {
 }
 
 void Timer::set(Duration value, Duration interval) {
-  itimerspec spec{};
-  spec.it_value = toTimespec(value);
-  spec.it_interval = toTimespec(interval);
-  if (state_->sys->timerSet(state_->fd, spec) < 0) throwErrno("timerfd_settime");
+  itimerspec when{};
+  when.it_value = toTimespec(value);
+  when.it_interval = toTimespec(interval);
+  if (state_->sys->timerSet(state_->fd, when) < 0) throwErrno("timerfd_settime");
 }
 
 void Timer::startOneShot(Duration delay) {
