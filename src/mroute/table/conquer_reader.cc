@@ -69,7 +69,11 @@ bool ConquerReader::initialize(uint32_t expectedEmber) {
   }
   for (uint32_t t = 0; t < 2; ++t) {
     std::string why;
-    if (!ConquerTable::validate(files_[t].base(), files_[t].mappedSize(), expectedEmber, &why)) {
+    const bool valid =
+        Mem::checkAgainstCurrentLength(files_[t], sizeof(ConquerTable::Header), [&](size_t length) {
+          return ConquerTable::validate(files_[t].base(), length, expectedEmber, &why);
+        });
+    if (!valid) {
       MROUTE_TRACE(brumeTrace(), kTraceError, "ConquerReader::initialize() failed validation, reason:" << why);
       detach();
       return false;

@@ -1,5 +1,7 @@
 #include "mroute/table/internal/shm_file.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -191,6 +193,12 @@ bool makeDirectories(ShmFs& fs, const std::string& path, std::string* error) {
 std::string joinPath(const std::string& directory, const std::string& name) {
   if (!directory.empty() && directory.back() == '/') return directory + name;
   return directory + "/" + name;
+}
+
+size_t lengthForHeaderCheck(const ShmFile& file, size_t headerBytes) {
+  const int64_t size = file.fileSize();
+  if (file.mappedSize() < headerBytes || size <= 0) return file.mappedSize();
+  return std::max(file.mappedSize(), static_cast<size_t>(size));
 }
 
 }  // namespace Mem

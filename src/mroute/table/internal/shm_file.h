@@ -138,4 +138,23 @@ bool makeDirectories(ShmFs& fs, const std::string& path, std::string* error);
 // "<directory>/<name>" without doubling the slash.
 std::string joinPath(const std::string& directory, const std::string& name);
 
+// The length a reader checks a file's header against. A writer grows a file
+// before it publishes the larger count, and readers remap before they use the
+// new part, so the file's current length counts, not the older mapping. A
+// mapping too short for the header keeps its own size (and fails the check).
+size_t lengthForHeaderCheck(const ShmFile& file, size_t headerBytes);
+
+// Runs check(length) against the file's current length, and again when it
+// fails: the length is read before the header's count, so a growth between
+// the two reads pairs an old length with the new count. A real fault fails
+// every time.
+template <class Check>
+bool checkAgainstCurrentLength(const ShmFile& file, size_t headerBytes, Check&& check) {
+  constexpr int kAttempts = 3;
+  for (int attempt = 1; attempt < kAttempts; ++attempt) {
+    if (check(lengthForHeaderCheck(file, headerBytes))) return true;
+  }
+  return check(lengthForHeaderCheck(file, headerBytes));
+}
+
 }  // namespace Mem

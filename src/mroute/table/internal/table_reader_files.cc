@@ -1,25 +1,9 @@
 #include "mroute/table/internal/table_reader_files.h"
 
-#include <algorithm>
-
 #include "mroute/table/internal/brume_trace.h"
 #include "mroute/table/internal/ember_file.h"
 
 namespace Brume {
-
-namespace {
-
-// The size a header is checked against: the writer may have grown the file
-// and published the larger count since it was mapped (W6), and the reader
-// remaps before it uses the new part, so the file's length now counts. A
-// mapping too short for the header keeps its own size (and fails the check).
-size_t sizeNow(const Mem::ShmFile& file, size_t headerBytes) {
-  const int64_t size = file.fileSize();
-  if (file.mappedSize() < headerBytes || size <= 0) return file.mappedSize();
-  return std::max(file.mappedSize(), static_cast<size_t>(size));
-}
-
-}  // namespace
 
 bool SlotReaderTable::attach(const Mem::RootPath& root) {
   if (!file_.open(root.file(kSlotFileName), Mem::ShmAccess::readOnly)) {
@@ -43,7 +27,9 @@ void SlotReaderTable::detach() {
 }
 
 bool SlotReaderTable::validate(uint32_t ember, std::string* why) const {
-  return header()->validate(sizeNow(file_, SlotTable::fixedSize(slotSize_)), slotSize_, ember, why);
+  return Mem::checkAgainstCurrentLength(file_, SlotTable::fixedSize(slotSize_), [&](size_t length) {
+    return header()->validate(length, slotSize_, ember, why);
+  });
 }
 
 void SlotReaderTable::account() {
@@ -110,7 +96,8 @@ void BucketReaderTable::detach() {
 }
 
 bool BucketReaderTable::validate(uint32_t ember, std::string* why) const {
-  return header()->validate(sizeNow(file_, sizeof(BucketTable::Header)), ember, why);
+  return Mem::checkAgainstCurrentLength(file_, sizeof(BucketTable::Header),
+                                        [&](size_t length) { return header()->validate(length, ember, why); });
 }
 
 bool BucketReaderTable::doResize(uint32_t n) {
