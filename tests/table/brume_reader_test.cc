@@ -11,19 +11,13 @@
 #include <vector>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/brume_writer.h"
 #include "mroute/table/internal/ember_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
 namespace {
 
-using TableTest::RecordOps;
-using TableTest::RecordValue;
-using TableTest::config;
-using TableTest::value;
-using Writer = Brume::BrumeWriter<RecordOps>;
-using Reader = Brume::BrumeReader<RecordOps>;
+using namespace TableTest;
 
 class BrumeReaderTest : public ::testing::Test {
  protected:
@@ -157,25 +151,19 @@ class ReaderCorruption : public BrumeReaderTest {
     raw_ = std::make_unique<TableTest::RawFile>(dir_.file("slots"));
     ASSERT_TRUE(r_.initialize());
   }
-  // Slot of keys_[i]: written in the original order to slots 0, 1, 2.
-  Brume::Slot* slotOf(uint64_t key) {
-    for (uint32_t i = 0; i < 3; ++i) {
-      auto* s = raw_->at<Brume::Slot>(184 + slotSize_ + i * slotSize_);
-      if (reinterpret_cast<RecordValue*>(s->value())->value.key == key) return s;
-    }
-    return nullptr;
+  // The keys were written in their original order to slots 0, 1, 2.
+  uint32_t indexOf(uint64_t key) {
+    uint32_t i = 0;
+    while (i < 3 && reinterpret_cast<RecordValue*>(raw_->slot(i)->value())->value.key != key) ++i;
+    return i;
   }
+  Brume::Slot* slotOf(uint64_t key) { return raw_->slot(indexOf(key)); }
   void iterateAll() {
     RecordValue out;
     for (bool more = r_.first(out); more; more = r_.next(out.value.key, out)) {
     }
   }
-  uint32_t indexOf(uint64_t key) {
-    return static_cast<uint32_t>((reinterpret_cast<uint8_t*>(slotOf(key)) - raw_->base() - 184 - slotSize_) /
-                                 slotSize_);
-  }
 
-  const uint32_t slotSize_ = 16 + sizeof(RecordValue);
   std::unique_ptr<Writer> w_;
   std::vector<uint64_t> keys_;
   std::unique_ptr<TableTest::RawFile> raw_;

@@ -1,9 +1,7 @@
 #include "mroute/table/conquer_writer.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
-#include <cerrno>
 #include <functional>
 #include <string>
 #include <utility>
@@ -213,17 +211,6 @@ TEST_F(QueueTest, AttachReusesValidFilesAndReformatsOthers) {
   }
 }
 
-// Fails ftruncate or mmap on demand.
-class FailingFs : public Mem::SystemShmFs {
- public:
-  bool failTruncate = false;
-  bool failMmap = false;
-  int ftruncate(int fd, off_t n) override { return failTruncate ? (errno = ENOSPC, -1) : SystemShmFs::ftruncate(fd, n); }
-  void* mmap(size_t n, int prot, int fd) override {
-    return failMmap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
-  }
-};
-
 TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {
   w_->cleanup();
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::cleanup() removing file:" + dir_ + "/conquer.2"));
@@ -232,7 +219,7 @@ TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {
   EXPECT_FALSE(w_->attachConquer(0x10000000u, kEmber));
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() " + dir_ + " initial size of 6442451016 bytes "
                                    "exceeds 2147483648 bytes for 536870912 notifications "));
-  FailingFs fs;
+  table_test::FailingFs fs;
   w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{}, fs);
   fs.failTruncate = true;
   EXPECT_FALSE(w_->attachConquer(16, kEmber));

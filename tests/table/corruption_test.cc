@@ -9,20 +9,13 @@
 #include <random>
 
 #include "mroute/runtime/error.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
 #include "table/table_test_util.h"
 
 namespace {
 
-using TableTest::RecordOps;
-using TableTest::RecordValue;
-using TableTest::value;
-using Writer = Brume::BrumeWriter<RecordOps>;
-using Reader = Brume::BrumeReader<RecordOps>;
+using namespace TableTest;
 
 constexpr uint64_t kKeys = 300;
-constexpr uint32_t kSlotSize = 16 + sizeof(RecordValue);
 
 Brume::TableConfig config() {
   Brume::TableConfig c;
@@ -55,7 +48,7 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
       TableTest::RawFile slots(dir_->file("slots"));
       const uint32_t n = slots.at<Brume::SlotTable::Header>(0)->numSlots.load().ref;
       for (uint32_t i = 0; i < n; ++i) {
-        const auto* s = slots.at<Brume::Slot>(184 + kSlotSize + size_t{i} * kSlotSize);
+        const auto* s = slots.slot(i);
         if ((s->status & Brume::kOccupied) != 0) slotOf_[reinterpret_cast<const RecordValue*>(s->value())->value.key] = i;
       }
     }
@@ -70,7 +63,7 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
   // keeps no checksum over values, so that one reads back changed.
   bool inValueOf(const Flip& flip, uint64_t key) const {
     if (flip.file != "slots" || slotOf_.count(key) == 0) return false;
-    const size_t begin = 184 + kSlotSize + size_t{slotOf_.at(key)} * kSlotSize + 16;
+    const size_t begin = slotOffset(slotOf_.at(key)) + 16;
     return flip.offset >= begin && flip.offset < begin + sizeof(RecordValue);
   }
 

@@ -71,9 +71,6 @@ struct PrefixOps : Brume::DefaultOps<Orvet::IpGenPrefix, Stored> {
   static uint32_t hash(const Orvet::IpGenPrefix& p) { return IpGenRouteKey(Orvet::IpGenPrefix(), p).hash(); }
 };
 
-template <typename Value, typename Key, auto KeyOf, template <typename> class OpsT = std::type_identity_t>
-struct Table;
-
 using RouteValue = KivBrume::KivBrumeMapValueWrapper<Fib::Route, IpGenRouteKey, &Fib::Route::key>;
 using CounterValue = KivBrume::KivBrumeMapValueWrapper<StandIn::Counter, IpGenRouteKey, &StandIn::Counter::key>;
 using BidirValue = KivBrume::KivBrumeMapValueWrapper<Fib::BidirGroup, Orvet::IpGenPrefix, &Fib::BidirGroup::key>;

@@ -90,7 +90,7 @@ TEST_F(ReaderMounterTest, CorruptionEventAndPausedFrontChangeNothing) {
   EXPECT_TRUE(sink_.contains("Mroute::Brume", "ReaderMounter::notify() ignoring notify, advertised:1 notifying:0"));
 }
 
-TEST_F(ReaderMounterTest, NewIncarnationDetachesAndAttachesOnce) {
+TEST_F(ReaderMounterTest, NewIncarnationOrMissingFilesDetachAndAttachOnce) {
   front_.fileId = 7;
   mounter_.notify("ember");
   EXPECT_EQ(front_.calls, std::vector<std::string>{"attach"});  // id 0 before: nothing to detach
@@ -103,12 +103,7 @@ TEST_F(ReaderMounterTest, NewIncarnationDetachesAndAttachesOnce) {
   mounter_.notify("ember");  // same identifier again
   EXPECT_TRUE(front_.calls.empty());
   EXPECT_FALSE(mounter_.timerArmed());
-}
-
-TEST_F(ReaderMounterTest, FilesGoneDetachesAndRetries) {
-  front_.fileId = 7;
-  mounter_.notify("ember");
-  front_.calls.clear();
+  // The files are gone: detach and retry on the timer.
   front_.fileId = 0;
   mounter_.notify("ember");
   EXPECT_EQ(front_.calls, (std::vector<std::string>{"detach", "attach"}));

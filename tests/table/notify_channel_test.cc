@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/table/brume_writer.h"
 #include "mroute/table/notify_channel.h"
 #include "table_test_util.h"
 
@@ -20,9 +19,7 @@ using Brume::NotifyServer;
 class NotifyChannelTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Brume::TableConfig c;
-    c.initialSize = 16;
-    writer_ = std::make_unique<Brume::BrumeWriter<TableTest::RecordOps>>(dir_.root(), c);
+    writer_ = std::make_unique<TableTest::Writer>(dir_.root(), TableTest::config(16));
     ASSERT_TRUE(writer_->attach());
     server_.queueIs(writer_->conquer());
     ASSERT_TRUE(server_.open());
@@ -34,7 +31,7 @@ class NotifyChannelTest : public ::testing::Test {
 
   TableTest::TempRoot dir_{"ch"};
   Mroute::Loop::EventLoop loop_;
-  std::unique_ptr<Brume::BrumeWriter<TableTest::RecordOps>> writer_;
+  std::unique_ptr<TableTest::Writer> writer_;
   NotifyServer server_{loop_, dir_.dir(), std::chrono::milliseconds(100)};
 };
 

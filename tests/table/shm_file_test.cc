@@ -1,7 +1,6 @@
 #include "mroute/table/internal/shm_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,19 +21,6 @@ using Mem::ShmFile;
 class ShmFileTest : public table_test::ShmDirTest {
  protected:
   std::string path(const char* name) const { return Mem::joinPath(dir_, name); }
-};
-
-// Fails ftruncate, mmap or mremap on demand; everything else is real.
-class FailingFs : public Mem::SystemShmFs {
- public:
-  int failing = 0;  // 1 ftruncate, 2 mmap, 3 mremap
-  int ftruncate(int fd, off_t n) override { return failing == 1 ? (errno = ENOMEM, -1) : SystemShmFs::ftruncate(fd, n); }
-  void* mmap(size_t n, int prot, int fd) override {
-    return failing == 2 ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
-  }
-  void* mremap(void* p, size_t o, size_t n) override {
-    return failing == 3 ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mremap(p, o, n);
-  }
 };
 
 TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
@@ -72,22 +58,22 @@ TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
 }
 
 TEST_F(ShmFileTest, InjectedFailuresAreReportedAndKeepTheOldMapping) {
-  FailingFs fs;
+  table_test::FailingFs fs;
   ShmFile f(fs);
   bool created;
   ASSERT_TRUE(f.openOrCreate(path("slots"), &created));
-  fs.failing = 1;
+  fs.failTruncate = true;
   EXPECT_FALSE(f.truncate(4096));
   EXPECT_EQ(f.error(), "ftruncate(" + path("slots") + "): " + std::strerror(ENOMEM));
-  fs.failing = 0;
+  fs.failTruncate = false;
   ASSERT_TRUE(f.truncate(8192));
-  fs.failing = 2;
+  fs.failMmap = true;
   EXPECT_FALSE(f.map(4096));
   EXPECT_FALSE(f.isMapped());
-  fs.failing = 0;
+  fs.failMmap = false;
   ASSERT_TRUE(f.map(4096));
   f.base()[0] = 42;
-  fs.failing = 3;
+  fs.failMremap = true;
   EXPECT_FALSE(f.remap(8192));
   EXPECT_EQ(f.mappedSize(), 4096u);
   EXPECT_EQ(f.base()[0], 42);

@@ -1,11 +1,14 @@
 // Test support for the table tests: a fresh directory in the shared-memory
-// file system per test, and raw read-write access to a queue file behind the
-// writer's back (to corrupt it).
+// file system per test, raw read-write access to a queue file behind the
+// writer's back (to corrupt it) and a file system that fails on demand.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sys/mman.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -35,6 +38,22 @@ class ShmDirTest : public ::testing::Test {
   }
 
   std::string dir_;
+};
+
+// Fails ftruncate, mmap or mremap with ENOMEM on demand; everything else is
+// real.
+class FailingFs : public Mem::SystemShmFs {
+ public:
+  bool failTruncate = false;
+  bool failMmap = false;
+  bool failMremap = false;
+  int ftruncate(int fd, off_t n) override { return failTruncate ? (errno = ENOMEM, -1) : SystemShmFs::ftruncate(fd, n); }
+  void* mmap(size_t n, int prot, int fd) override {
+    return failMmap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
+  }
+  void* mremap(void* p, size_t o, size_t n) override {
+    return failMremap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mremap(p, o, n);
+  }
 };
 
 }  // namespace table_test

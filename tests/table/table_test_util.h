@@ -81,9 +81,19 @@ inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
 
 }  // namespace TableTest
 
+#include "mroute/table/brume_reader.h"
+#include "mroute/table/brume_writer.h"
 #include "mroute/table/internal/shm_file.h"
 
 namespace TableTest {
+
+using Writer = Brume::BrumeWriter<RecordOps>;
+using Reader = Brume::BrumeReader<RecordOps>;
+
+// Slot i of a "slots" file of Records: after the 184-byte header and the
+// lookaside slot.
+constexpr uint32_t kSlotSize = 16 + sizeof(RecordValue);
+constexpr size_t slotOffset(uint32_t i) { return 184 + kSlotSize + size_t{i} * kSlotSize; }
 
 // A read-write mapping of one table file, to corrupt it on purpose.
 class RawFile {
@@ -97,6 +107,7 @@ class RawFile {
   T* at(size_t offset) const {
     return reinterpret_cast<T*>(file_.base() + offset);
   }
+  Brume::Slot* slot(uint32_t i) const { return at<Brume::Slot>(slotOffset(i)); }
 
  private:
   Mem::ShmFile file_;
