@@ -96,5 +96,27 @@ TEST(RouteKeyTextTest, CompactParserFailures) {
   EXPECT_THROW(RouteKey::fromText(kHead + "'kind': 'bogus'})"), Kiv::RangeException);
 }
 
+// Out-of-range numbers are refused, never narrowed: 70000 must not become
+// index 4464, nor 2^32 + 10 VLAN 10.
+TEST(RouteKeyTextTest, CompactParserRefusesNumbersOutOfRange) {
+  const std::string groupLimit = "GroupKey::kind or index > 65535 not allowed";
+  EXPECT_THROW_TEXT(RouteKey::fromText(kHead + "'kind': 'mcastGroup', 'kind': 2, 'index': 70000})"),
+                    Kiv::RangeException, groupLimit);
+  EXPECT_THROW_TEXT(RouteKey::fromText(kHead + "'kind': 'mcastGroup', 'kind': 65536, 'index': 7})"),
+                    Kiv::RangeException, groupLimit);
+  EXPECT_THROW_TEXT(
+      RouteKey::fromText(kHead + "'kind': 'mcastGroup', 'kind': 2, 'index': 18446744073709551623})"),
+      Kiv::RangeException, groupLimit);
+  EXPECT_EQ(RouteKey::fromText(kHead + "'kind': 'mcastGroup', 'kind': 65535, 'index': 65535})"),
+            RouteKey(makeRouteKeyMcastGroup(GroupKey(65535, 65535, 0))));
+  EXPECT_THROW_TEXT(RouteKey::fromText(kHead + "'kind': 'vlanFloodset', 'vlanId': 4294967306})"),
+                    Kiv::RangeException, "VlanId '4294967306' not allowed");
+  EXPECT_THROW_TEXT(
+      RouteKey::fromText(kHead + "'kind': 'ethGroup', 'vlanId': 4294967396, 'ethGroup': 01:00:5e:0:0:1})"),
+      Kiv::RangeException, "VlanId '4294967396' not allowed");
+  EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'vxlanCoreSideFloodset', 'vlanId': -4294967286})"),
+                   "matches == 1");
+}
+
 }  // namespace
 }  // namespace Routing::Multicast::Fib

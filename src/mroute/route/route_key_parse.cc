@@ -1,6 +1,7 @@
 // RouteKey::fromText: reads the by-kind text form with one sscanf pattern
 // for the kind and one per kind for its fields, then builds the key with the
 // kind's factory.
+#include <charconv>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -10,6 +11,21 @@
 #include "mroute/runtime/error.h"
 
 namespace Routing::Multicast::Fib {
+namespace {
+
+// Numbers are matched as digit strings and converted here, not by %u, which
+// would wrap values beyond 32 bits (and accept a sign) without a word.
+uint16_t groupField(const char* digits) {
+  unsigned long long v = 0;
+  const char* end = digits + std::char_traits<char>::length(digits);
+  auto [ptr, ec] = std::from_chars(digits, end, v);
+  if (ec != std::errc() || ptr != end || v > 0xffff) {
+    throw Kiv::RangeException("GroupKey::kind or index > 65535 not allowed");
+  }
+  return static_cast<uint16_t>(v);
+}
+
+}  // namespace
 
 RouteKey RouteKey::fromText(std::string_view text) {
   // sscanf needs a terminated string; every %[ target gets a buffer as long
@@ -31,31 +47,28 @@ RouteKey RouteKey::fromText(std::string_view text) {
   while (pos < str.size() && str[pos] == ' ') ++pos;
   const char* fields = str.c_str() + pos;
 
-  unsigned x = 0;
-  unsigned y = 0;
   switch (type) {
     case vlanFloodset_:
     case multicastFloodset_:
     case vxlanCoreSideFloodset_: {
-      matches = std::sscanf(fields, "'vlanId': %u", &x);
+      matches = std::sscanf(fields, "'vlanId': %[0-9]", a.data());
       MROUTE_ASSERT(matches == 1);
-      Bridging::VlanId vlan(x);
+      const Bridging::VlanId vlan = Bridging::VlanId::fromText(a.data());
       if (type == vlanFloodset_) return RouteKey(makeRouteKeyVlanFloodset(vlan));
       if (type == multicastFloodset_) return RouteKey(makeRouteKeyMulticastFloodset(vlan));
       return RouteKey(makeRouteKeyVxlanCoreSideFloodset(vlan));
     }
     case ethGroup_: {
-      matches = std::sscanf(fields, "'vlanId': %u, 'ethGroup': %[:0-9a-zA-Z]", &x, a.data());
+      matches = std::sscanf(fields, "'vlanId': %[0-9], 'ethGroup': %[:0-9a-zA-Z]", a.data(), b.data());
       MROUTE_ASSERT(matches == 2);
-      Bridging::VlanId vlan(x);
-      return RouteKey(makeRouteKeyEthGroup(vlan, Orvet::EthAddr::fromText(a.data())));
+      const Bridging::VlanId vlan = Bridging::VlanId::fromText(a.data());
+      return RouteKey(makeRouteKeyEthGroup(vlan, Orvet::EthAddr::fromText(b.data())));
     }
     case mcastGroup_: {
-      matches = std::sscanf(fields, "'kind': %u, 'index' : %u", &x, &y);
+      matches = std::sscanf(fields, "'kind': %[0-9], 'index' : %[0-9]", a.data(), b.data());
       MROUTE_ASSERT(matches == 2);
-      if (x > 0xffff || y > 0xffff) throw Kiv::RangeException("GroupKey::kind or index > 65535 not allowed");
-      return RouteKey(makeRouteKeyMcastGroup(
-          ::Multicast::Group::GroupKey(static_cast<uint16_t>(x), static_cast<uint16_t>(y), 0)));
+      return RouteKey(
+          makeRouteKeyMcastGroup(::Multicast::Group::GroupKey(groupField(a.data()), groupField(b.data()), 0)));
     }
     case mroute_: {
       matches = std::sscanf(fields, "'s': %[./0-9], 'g': %[./0-9]", a.data(), b.data());

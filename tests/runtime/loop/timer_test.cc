@@ -31,6 +31,21 @@ TEST(TimerTest, OneShotFiresOnceAndDisarms) {
   EXPECT_EQ(fired, 1);
 }
 
+// A zero it_value disarms a timerfd: a zero or negative delay must still fire,
+// at the very next wait, or a retry scheduled "now" would never happen.
+TEST(TimerTest, ZeroOrNegativeDelayFiresAtTheNextWait) {
+  for (auto delay : {milliseconds(0), milliseconds(-5)}) {
+    EventLoop loop;
+    int fired = 0;
+    Timer t(loop, [&] { ++fired; });
+    t.startOneShot(delay);
+    EXPECT_TRUE(t.armed());
+    loop.runOnce(milliseconds(500));
+    EXPECT_EQ(fired, 1) << delay.count();
+    EXPECT_FALSE(t.armed());
+  }
+}
+
 TEST(TimerTest, PeriodicRepeatsUntilCancelledFromItsCallback) {
   EventLoop loop;
   int fired = 0;
