@@ -210,15 +210,5 @@ TEST_F(Mrt6Test, FloodWithSkippedDatagramsIsReadInBoundedPassesWithoutLoss) {
   EXPECT_EQ(pam_->rxPkt(), sm_->passes()) << "only the packet that starts a pass goes through the holder";
 }
 
-TEST(Mrt6DeviceKernelTest, TheDeviceKernelHasNoIpv6Socket) {
-  Mroute::Trace::CaptureSink trace{"Mroute::MrtNotify/0-9"};
-  Mroute::Loop::EventLoop loop;
-  auto mgr =
-      MrtNotifyPamManager::MrtNotifyPamManagerIs(Orvet::ipv6(), "", loop, MrtUpcallSource::deviceKernel);
-  mgr->handlePamInit();
-  EXPECT_FALSE(mgr->pam());
-  EXPECT_TRUE(trace.contains("Mroute::MrtNotify", "Ignoring initializing Pam for IPv6"));
-}
-
 }  // namespace
 }  // namespace Routing::Multicast::Notify
