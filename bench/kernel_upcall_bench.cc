@@ -226,7 +226,7 @@ struct KernelSender {
     }
   }
   ~KernelSender() { ::close(fd); }
-  // A fresh IPv6 link may have no multicast route for a second: retry.
+  // Should a link still have no multicast route (ENETUNREACH), retry.
   bool send(const void* data, size_t len) {
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     while (::sendto(fd, data, len, 0, reinterpret_cast<sockaddr*>(&to), toLen) < 0) {
@@ -269,8 +269,8 @@ void BM_UpcallsFromKernel(benchmark::State& state, Orvet::AddressFamily af) {
   }
   KernelSender tx(af, net.host());
   const char payload[64] = {};
-  // One packet first, outside the timing: a fresh IPv6 link takes about a
-  // second before it routes multicast.
+  // One packet first, outside the timing, so that the links and routes are
+  // known to work before the clock runs.
   tx.send(payload, sizeof payload);
   auto ready = std::chrono::steady_clock::now() + std::chrono::seconds(3);
   while (mgr->wholePktCounter() < 1 && std::chrono::steady_clock::now() < ready) {

@@ -81,8 +81,8 @@ class Sender6 {
     EXPECT_EQ(::setsockopt(fd_, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops), 0);
   }
   ~Sender6() { ::close(fd_); }
-  // A link that has just come up may have no multicast route yet
-  // (ENETUNREACH): try again for up to two seconds.
+  // Should a link still have no multicast route (ENETUNREACH), try again
+  // for up to two seconds.
   void send(const IpGenAddr& group, const std::string& payload) {
     sockaddr_in6 to = sockAddr(group, 5000);
     auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);

@@ -50,7 +50,11 @@ class NetnsLab {
   bool build() { return buildWith({"10.1.0.1/24", "10.2.0.1/24", "10.1.0.2/24", "10.2.0.2/24"}, ""); }
   bool build6() {
     return buildWith({"2001:db8:1::1/64", "2001:db8:2::1/64", "2001:db8:1::2/64", "2001:db8:2::2/64"},
-                     " nodad");
+                     " nodad") &&
+           // The kernel adds these itself, but only about a second after the
+           // link comes up; until then multicast cannot be sent.
+           steps({"ip -n " + host_ + " -6 route replace multicast ff00::/8 dev ha table local",
+                  "ip -n " + host_ + " -6 route replace multicast ff00::/8 dev hb table local"});
   }
 
   const std::string& router() const { return router_; }
@@ -77,7 +81,11 @@ class NetnsLab {
         h + "link set ha up",
         h + "link set hb up",
     };
-    for (const std::string& s : steps) {
+    return this->steps(steps);
+  }
+  // Runs each command; false with `failed()` naming the first that failed.
+  bool steps(const std::vector<std::string>& commands) {
+    for (const std::string& s : commands) {
       if (!run(s)) {
         failed_ = s;
         return false;
