@@ -70,7 +70,7 @@ class Mrt6Test : public ::testing::Test {
   std::unique_ptr<MrtNotifySm> sm_;
 };
 
-TEST_F(Mrt6Test, OpensAnIcmpv6SocketThatOwnsTheTableAndBlocksRealIcmpv6) {
+TEST_F(Mrt6Test, OpensAndReopensAnIcmpv6SocketThatOwnsTheTableAndBlocksRealIcmpv6) {
   EXPECT_EQ(pam_->name(), Kiv::Name("MrtNotify6"));
   EXPECT_EQ(pam_->netNs(), Orvet::NamespaceName("red"));
   EXPECT_EQ(pam_->eventLoop(), &loop_);
@@ -83,6 +83,9 @@ TEST_F(Mrt6Test, OpensAnIcmpv6SocketThatOwnsTheTableAndBlocksRealIcmpv6) {
              "void Routing::Multicast::Notify::Mrt6SocketPam::enabledIs(bool)(1) NS:red Mrt pam is enabled"));
   pam_->optionsIs(mrt6WrongMif);
   EXPECT_EQ(sys_.calls.size(), 3u) << "the kernel is not told";
+  sys_.calls.clear();
+  pam_->netNsIs("blue");
+  EXPECT_EQ(sys_.calls, (Strings{"close", "socket(10,3,58,blue)", kInit, kFilter}));
   EXPECT_TRUE(traced("Mroute::MrtPam",
                      "void Routing::Multicast::Notify::Mrt6SocketPam::optionsIs(uint32_t)(1) NS:red "
                      "oldOptions=6newOptions=1"));
