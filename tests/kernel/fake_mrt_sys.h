@@ -17,6 +17,7 @@
 
 #include "mroute/kernel/mrt_sys.h"
 #include "mroute/runtime/net/ip_addr.h"
+#include "mroute/runtime/net/ip_gen_addr.h"
 
 namespace Routing::Multicast::Notify::fake {
 
@@ -26,12 +27,12 @@ struct Datagram {
   std::vector<std::string> controls;  // whole cmsg records, packed in order
 };
 
-// A cmsg record at level IPPROTO_IP carrying `payload`.
-inline std::string cmsgRecord(int type, const void* payload, size_t len) {
+// A cmsg record at `level` (IPPROTO_IP by default) carrying `payload`.
+inline std::string cmsgRecord(int type, const void* payload, size_t len, int level = IPPROTO_IP) {
   std::string rec(CMSG_SPACE(len), '\0');
   cmsghdr h{};
   h.cmsg_len = CMSG_LEN(len);
-  h.cmsg_level = IPPROTO_IP;
+  h.cmsg_level = level;
   h.cmsg_type = type;
   std::memcpy(rec.data(), &h, sizeof h);
   std::memcpy(CMSG_DATA(reinterpret_cast<cmsghdr*>(rec.data())), payload, len);
@@ -53,6 +54,19 @@ inline std::string upcall(uint8_t type, uint16_t vif, Orvet::IpAddr src, Orvet::
   return b + tail;
 }
 
+// An IPv6 upcall: struct mrt6msg (the mif in host order, as the kernel
+// writes it), then `tail`. `mbz` is the byte that must be zero.
+inline std::string upcall6(uint8_t type, uint16_t mif, const Orvet::IpGenAddr& src,
+                           const Orvet::IpGenAddr& grp, const std::string& tail = "", uint8_t mbz = 0) {
+  std::string b(40, '\0');
+  b[0] = static_cast<char>(mbz);
+  b[1] = static_cast<char>(type);
+  std::memcpy(b.data() + 2, &mif, sizeof mif);
+  std::memcpy(b.data() + 8, src.bytes(), 16);
+  std::memcpy(b.data() + 24, grp.bytes(), 16);
+  return b + tail;
+}
+
 class FakeMrtSys : public MrtSys {
  public:
   ~FakeMrtSys() override {
@@ -62,6 +76,7 @@ class FakeMrtSys : public MrtSys {
   std::vector<std::string> calls;
   int failSocket = 0;
   std::map<std::pair<int, int>, int> failOption;  // (option, value) -> errno
+  std::string lastOptionBytes;                    // the value of the last setsockopt
   std::deque<Datagram> queue;
   // What the last recvmsg was given, for layout checks.
   socklen_t lastNameLen = 0;
@@ -92,6 +107,7 @@ class FakeMrtSys : public MrtSys {
   int setsockopt(int, int level, int option, const void* value, socklen_t len) override {
     int v = 0;
     if (len == sizeof v) std::memcpy(&v, value, sizeof v);
+    lastOptionBytes.assign(static_cast<const char*>(value), len);
     calls.push_back("setsockopt(" + std::to_string(level) + "," + std::to_string(option) + "," +
                     std::to_string(v) + ")");
     auto it = failOption.find({option, v});

@@ -4,6 +4,10 @@
 //     H: ha 10.1.0.2/24  <---->  R: ra 10.1.0.1/24   (vif 0)
 //     H: hb 10.2.0.2/24  <---->  R: rb 10.2.0.1/24   (vif 1)
 //
+// or, built with build6(), the same links with 2001:db8:1::2/64 (ha),
+// 2001:db8:1::1/64 (ra), 2001:db8:2::2/64 (hb) and 2001:db8:2::1/64 (rb),
+// usable at once (no duplicate address detection).
+//
 // Names carry the process id and a counter so that tests may run in
 // parallel; the destructor removes both namespaces (and with them the veths),
 // whatever the test did. Needs root and iproute2.
@@ -43,17 +47,33 @@ class NetnsLab {
   NetnsLab& operator=(const NetnsLab&) = delete;
 
   // Builds the namespaces and links; false with `failed()` naming the step.
-  bool build() {
+  bool build() { return buildWith({"10.1.0.1/24", "10.2.0.1/24", "10.1.0.2/24", "10.2.0.2/24"}, ""); }
+  bool build6() {
+    return buildWith({"2001:db8:1::1/64", "2001:db8:2::1/64", "2001:db8:1::2/64", "2001:db8:2::2/64"},
+                     " nodad") &&
+           // The kernel adds these itself, but only about a second after the
+           // link comes up; until then multicast cannot be sent.
+           steps({"ip -n " + host_ + " -6 route replace multicast ff00::/8 dev ha table local",
+                  "ip -n " + host_ + " -6 route replace multicast ff00::/8 dev hb table local"});
+  }
+
+  const std::string& router() const { return router_; }
+  const std::string& host() const { return host_; }
+  const std::string& failed() const { return failed_; }
+
+ private:
+  // Addresses of ra, rb, ha and hb, each added with `addrFlags`.
+  bool buildWith(const std::vector<std::string>& addrs, const std::string& addrFlags) {
     const std::string r = "ip -n " + router_ + " ", h = "ip -n " + host_ + " ";
     const std::vector<std::string> steps = {
         "ip netns add " + router_,
         "ip netns add " + host_,
         r + "link add ra type veth peer name ha netns " + host_,
         r + "link add rb type veth peer name hb netns " + host_,
-        r + "addr add 10.1.0.1/24 dev ra",
-        r + "addr add 10.2.0.1/24 dev rb",
-        h + "addr add 10.1.0.2/24 dev ha",
-        h + "addr add 10.2.0.2/24 dev hb",
+        r + "addr add " + addrs[0] + " dev ra" + addrFlags,
+        r + "addr add " + addrs[1] + " dev rb" + addrFlags,
+        h + "addr add " + addrs[2] + " dev ha" + addrFlags,
+        h + "addr add " + addrs[3] + " dev hb" + addrFlags,
         r + "link set lo up",
         r + "link set ra up",
         r + "link set rb up",
@@ -61,7 +81,11 @@ class NetnsLab {
         h + "link set ha up",
         h + "link set hb up",
     };
-    for (const std::string& s : steps) {
+    return this->steps(steps);
+  }
+  // Runs each command; false with `failed()` naming the first that failed.
+  bool steps(const std::vector<std::string>& commands) {
+    for (const std::string& s : commands) {
       if (!run(s)) {
         failed_ = s;
         return false;
@@ -70,11 +94,6 @@ class NetnsLab {
     return true;
   }
 
-  const std::string& router() const { return router_; }
-  const std::string& host() const { return host_; }
-  const std::string& failed() const { return failed_; }
-
- private:
   std::string router_;
   std::string host_;
   std::string failed_;

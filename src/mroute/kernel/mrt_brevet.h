@@ -8,6 +8,7 @@
 #include "mroute/runtime/brevet.h"
 #include "mroute/runtime/net/intf_id.h"
 #include "mroute/runtime/net/ip_addr.h"
+#include "mroute/runtime/net/ip_gen_addr.h"
 
 namespace Routing::Multicast::Notify {
 
@@ -17,10 +18,20 @@ extern const Mroute::BrevetEvent kBrevetNoCache;         // args: intf, source, 
 extern const Mroute::BrevetEvent kBrevetWrongVif;        // args: intf, source, group
 extern const Mroute::BrevetEvent kBrevetWholePkt;        // args: intf, source, group
 
+// IPv6 upcalls, with the same texts: the two addresses do not fit the
+// numeric arguments, so their 32 bytes travel as the record's text.
+extern const Mroute::BrevetEvent kBrevetNoCache6;   // arg: intf; text: source, group
+extern const Mroute::BrevetEvent kBrevetWrongVif6;  // arg: intf; text: source, group
+extern const Mroute::BrevetEvent kBrevetWholePkt6;  // arg: intf; text: source, group
+
 // Records an upcall event in the arguments order the formatters read.
 inline void recordUpcall(Mroute::Brevet& b, const Mroute::BrevetEvent& e, Orvet::IntfId intf,
                          Orvet::IpAddr source, Orvet::IpAddr group) {
   b.record(e, {}, intf.value(), source.value(), group.value());
 }
+
+// The same for an IPv6 upcall (one of the ...6 events).
+void recordUpcall6(Mroute::Brevet& b, const Mroute::BrevetEvent& e, Orvet::IntfId intf,
+                   const Orvet::IpGenAddr& source, const Orvet::IpGenAddr& group);
 
 }  // namespace Routing::Multicast::Notify

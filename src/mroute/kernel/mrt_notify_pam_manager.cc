@@ -1,5 +1,7 @@
 #include "mroute/kernel/mrt_notify_pam_manager.h"
 
+#include "mroute/kernel/mrt6_socket_pam.h"
+#include "mroute/kernel/mrt6_upcall.h"
 #include "mroute/kernel/mrt_brevet.h"
 #include "mroute/kernel/mrt_constants.h"
 #include "mroute/kernel/mrt_notify_socket_pam.h"
@@ -63,7 +65,14 @@ void MrtNotifyPamManager::handlePamInit() {
     MROUTE_ASSERT(pam_);
     pam_->eventLoopIs(&loop_);
     pam_->netNsIs(netNs_);
+  } else if (af_ == Orvet::ipv6() && source_ == MrtUpcallSource::stockKernel) {
+    MROUTE_TRACE(fac(), 8, "Initializing Pam for IPv6");
+    pamIs(Mrt6SocketPam::Mrt6SocketPamIs("MrtNotify6"));
+    MROUTE_ASSERT(pam_);
+    pam_->eventLoopIs(&loop_);
+    pam_->netNsIs(netNs_);
   } else if (af_ == Orvet::ipv6()) {
+    // The device kernel's notification socket is IPv4 only.
     MROUTE_TRACE(fac(), 8, "Ignoring initializing Pam for IPv6");
   } else {
     MROUTE_ASSERT(0 && "Unsupported address family.");
@@ -94,8 +103,17 @@ uint32_t MrtNotifyPamManager::wholePktCounterInc(uint32_t n) {
 
 void MrtNotifyPamManager::readMrtMessage(const Kiv::Ptr<Orvet::Pkt>& pkt,
                                          const Routing::KernelMfib::VifIntfMap& vifStatus) {
-  if (af_ == Orvet::ipv6()) return;
-  if (af_ != Orvet::ipv4()) MROUTE_ASSERT(0 && "Unknown address family not supported");
+  if (af_ == Orvet::ipv4()) {
+    readIgmpmsg(pkt, vifStatus);
+  } else if (af_ == Orvet::ipv6()) {
+    readMrt6msg(pkt, vifStatus);
+  } else {
+    MROUTE_ASSERT(0 && "Unknown address family not supported");
+  }
+}
+
+void MrtNotifyPamManager::readIgmpmsg(const Kiv::Ptr<Orvet::Pkt>& pkt,
+                                      const Routing::KernelMfib::VifIntfMap& vifStatus) {
   std::optional<UpcallHeader> h = parseUpcall(pkt->data(), pkt->size());
   if (!h) {
     ++truncated_;
@@ -106,39 +124,71 @@ void MrtNotifyPamManager::readMrtMessage(const Kiv::Ptr<Orvet::Pkt>& pkt,
   MROUTE_TRACE(fac(), 9, "igmpmsg type: " << unsigned(h->msgType));
   MROUTE_TRACE(fac(), 9, "Headerbytes: " << h->headerBytes);
   MROUTE_TRACE(fac(), 9, "sAddr: " << h->source << " gAddr: " << h->group << " vif " << h->vif);
-  Orvet::IntfId intf = vifStatus.intfIdColl(h->vif);
+  if (optionOfKind(h->msgType) == none) {
+    MROUTE_TRACE(fac(), 9, "MrtNotify Rcv: Invalid igmp Alert");
+    return;
+  }
+  handOn({h->msgType, h->source, h->group, h->headerBytes}, vifStatus.intfIdColl(h->vif), pkt);
+}
 
-  switch (h->msgType) {
+void MrtNotifyPamManager::readMrt6msg(const Kiv::Ptr<Orvet::Pkt>& pkt,
+                                      const Routing::KernelMfib::VifIntfMap& vifStatus) {
+  std::optional<Upcall6Header> h = parseUpcall6(pkt->data(), pkt->size());
+  if (!h) {
+    ++truncated_;
+    MROUTE_TRACE(fac(), 2, "MrtNotify Rcv: upcall of " << pkt->size() << " bytes has no valid header");
+    return;
+  }
+  MROUTE_TRACE(fac(), 9, "mrt6msg type: " << unsigned(h->msgType));
+  MROUTE_TRACE(fac(), 9, "Headerbytes: " << kUpcall6HeaderBytes);
+  MROUTE_TRACE(fac(), 9, "sAddr: " << h->source << " gAddr: " << h->group << " mif " << h->mif);
+  if (optionOfKind(h->msgType) == none) {
+    MROUTE_TRACE(fac(), 9, "MrtNotify Rcv: Invalid mrt6msg Alert");
+    return;
+  }
+  handOn({h->msgType, h->source, h->group, kUpcall6HeaderBytes}, vifStatus.intfIdColl(h->mif), pkt);
+}
+
+void MrtNotifyPamManager::recordUpcall(const Mroute::BrevetEvent& v4, const Mroute::BrevetEvent& v6,
+                                       const Upcall& u, Orvet::IntfId intf) {
+  if (af_ == Orvet::ipv4()) {
+    Notify::recordUpcall(brevet_, v4, intf, u.source.v4(), u.group.v4());
+  } else {
+    recordUpcall6(brevet_, v6, intf, u.source, u.group);
+  }
+}
+
+void MrtNotifyPamManager::handOn(const Upcall& u, Orvet::IntfId intf, const Kiv::Ptr<Orvet::Pkt>& pkt) {
+  switch (u.msgType) {
     case kIgmpMsgNoCache:
       MROUTE_TRACE(fac(), 9, "NoCacheMessage");
-      noCacheMessage_->sourceIs(h->source);
-      noCacheMessage_->groupIs(h->group);
+      noCacheMessage_->sourceIs(u.source);
+      noCacheMessage_->groupIs(u.group);
       noCacheMessage_->intfIdIs(intf);
-      recordUpcall(brevet_, kBrevetNoCache, intf, h->source, h->group);
+      recordUpcall(kBrevetNoCache, kBrevetNoCache6, u, intf);
       noCacheCounterInc(1);
       break;
     case kIgmpMsgWrongVif:
       MROUTE_TRACE(fac(), 9, "WrongVifMessage");
-      wrongVifMessage_->sourceIs(h->source);
-      wrongVifMessage_->groupIs(h->group);
+      wrongVifMessage_->sourceIs(u.source);
+      wrongVifMessage_->groupIs(u.group);
       wrongVifMessage_->intfIdIs(intf);
-      recordUpcall(brevet_, kBrevetWrongVif, intf, h->source, h->group);
+      recordUpcall(kBrevetWrongVif, kBrevetWrongVif6, u, intf);
       wrongVifCounterInc(1);
       break;
     case kIgmpMsgWholePkt:
       MROUTE_TRACE(fac(), 9, "WholePktMessage");
-      pkt->headDel(h->headerBytes);
+      pkt->headDel(u.headerBytes);
       wholePktMessage_->rcvdPktIs(pkt);
       wholePktMessage_->intfIdIs(intf);
-      wholePktMessage_->sourceIs(h->source);
-      wholePktMessage_->groupIs(h->group);
-      MROUTE_TRACE(fac(), 9, "src: " << h->source << "dst: " << h->group << " iif: " << intf);
-      recordUpcall(brevet_, kBrevetWholePkt, intf, h->source, h->group);
+      wholePktMessage_->sourceIs(u.source);
+      wholePktMessage_->groupIs(u.group);
+      MROUTE_TRACE(fac(), 9, "src: " << u.source << "dst: " << u.group << " iif: " << intf);
+      recordUpcall(kBrevetWholePkt, kBrevetWholePkt6, u, intf);
       wholePktCounterInc(1);
       break;
     default:
-      MROUTE_TRACE(fac(), 9, "MrtNotify Rcv: Invalid igmp Alert");
-      break;
+      MROUTE_ASSERT(0 && "handOn() of an unknown upcall kind");
   }
 }
 

@@ -4,11 +4,15 @@
 // readMrtMessage() turns one upcall datagram into the attributes of the
 // message entity of its kind (noCacheMessage, wrongVifMessage,
 // wholePktMessage - created once and rewritten for every event), counts it
-// in that kind's counter and records it in Brevet. IPv6 upcalls are not
-// decoded.
+// in that kind's counter and records it in Brevet. An IPv4 manager reads
+// struct igmpmsg upcalls, an IPv6 one struct mrt6msg upcalls; both fill the
+// same message entities.
 //
-// The socket is the device kernel's notification socket or, on a stock
-// kernel, the standard multicast-routing socket (MrtUpcallSource).
+// The IPv4 socket is the device kernel's notification socket or, on a stock
+// kernel, the standard multicast-routing socket (MrtUpcallSource). IPv6 has
+// one socket, the kernel's MRT6_INIT socket (stockKernel); the device kernel
+// offers no IPv6 notification socket, so an IPv6 deviceKernel manager opens
+// none.
 //
 // Thread-safety: single-threaded, on the agent's event loop.
 #pragma once
@@ -32,8 +36,8 @@ class EventLoop;
 namespace Routing::Multicast::Notify {
 
 enum class MrtUpcallSource : uint8_t {
-  deviceKernel,  // MrtNotifySocketPam: MRT_NOTIFY_INIT and per-kind switches
-  stockKernel,   // MrtStockSocketPam: MRT_INIT, kinds filtered in user space
+  deviceKernel,  // IPv4 MrtNotifySocketPam: MRT_NOTIFY_INIT, per-kind switches; IPv6: none
+  stockKernel,   // MrtStockSocketPam (MRT_INIT) or Mrt6SocketPam (MRT6_INIT): kinds filtered here
 };
 
 class MrtNotifyPamManager : public Kiv::Entity {
@@ -64,8 +68,9 @@ class MrtNotifyPamManager : public Kiv::Entity {
 
   const Kiv::Ptr<MrtSocketPam>& pam() const { return pam_; }
   void pamIs(Kiv::Ptr<MrtSocketPam> pam);
-  // Creates the socket object "MrtNotify" for IPv4 (in this manager's
-  // namespace, on its loop); IPv6 creates nothing; any other family is fatal.
+  // Creates the socket object, in this manager's namespace and on its loop:
+  // "MrtNotify" for IPv4, "MrtNotify6" for IPv6 from a stock kernel; an IPv6
+  // deviceKernel manager creates nothing; any other family is fatal.
   void handlePamInit();
 
   const Kiv::Ptr<NoCacheMessage>& noCacheMessage() const { return noCacheMessage_; }
@@ -89,10 +94,25 @@ class MrtNotifyPamManager : public Kiv::Entity {
   // wholePktMessage.
   void readMrtMessage(const Kiv::Ptr<Orvet::Pkt>& pkt, const Routing::KernelMfib::VifIntfMap& vifStatus);
 
-  // Datagrams too short to hold an upcall header.
+  // Datagrams that hold no upcall header (too short; an IPv6 datagram whose
+  // first byte is not zero).
   uint64_t truncated() const { return truncated_; }
 
  private:
+  // One upcall as both families' headers describe it.
+  struct Upcall {
+    int msgType;
+    Orvet::IpGenAddr source;
+    Orvet::IpGenAddr group;
+    size_t headerBytes;  // stripped from a whole packet's copy
+  };
+  void readIgmpmsg(const Kiv::Ptr<Orvet::Pkt>& pkt, const Routing::KernelMfib::VifIntfMap& vifStatus);
+  void readMrt6msg(const Kiv::Ptr<Orvet::Pkt>& pkt, const Routing::KernelMfib::VifIntfMap& vifStatus);
+  // Sets the message entity of the upcall's kind, records and counts it.
+  void handOn(const Upcall& u, Orvet::IntfId intf, const Kiv::Ptr<Orvet::Pkt>& pkt);
+  void recordUpcall(const Mroute::BrevetEvent& v4, const Mroute::BrevetEvent& v6, const Upcall& u,
+                    Orvet::IntfId intf);
+
   MrtNotifyPamManager(Orvet::AddressFamily af, const Orvet::NamespaceName& netNs,
                       Mroute::Loop::EventLoop& loop, MrtUpcallSource source, Mroute::Brevet& brevet);
 

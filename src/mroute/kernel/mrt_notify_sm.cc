@@ -38,10 +38,7 @@ void MrtNotifySm::handleInitialized() {
   pam->enabledIs(true);
 }
 
-void MrtNotifySm::onRxPktHolder() {
-  // Packets that arrive while a pass pulls them are that pass's business.
-  if (!inPass_) rxPkt();
-}
+void MrtNotifySm::onRxPktHolder() { rxPkt(); }
 
 void MrtNotifySm::rxPkt() {
   const Kiv::Ptr<MrtSocketPam>& pam = pamManager_->pam();
@@ -50,10 +47,14 @@ void MrtNotifySm::rxPkt() {
   Clock::time_point deadline =
       start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(loopQuantum_));
   brevet_.record(kBrevetStartReview);
-  inPass_ = true;
   uint32_t count = 0;
   while (now_() < deadline) {
-    Kiv::Ptr<Orvet::Pkt> pkt = pam->rxPktTake();
+    // The packet that started the pass, then straight from the socket.
+    MrtSocketPam::Rx rx = pam->rxPktHolder()
+                              ? MrtSocketPam::Rx{MrtSocketPam::RxStatus::packet, pam->rxPktTake()}
+                              : pam->receive();
+    if (rx.status == MrtSocketPam::RxStatus::skipped) continue;  // filtered or empty: read on
+    Kiv::Ptr<Orvet::Pkt> pkt = std::move(rx.pkt);
     if (!pkt) {
       MROUTE_TRACE(fac(), 1, "RX: Error - No Packet");
       break;
@@ -61,7 +62,6 @@ void MrtNotifySm::rxPkt() {
     ++count;
     pamManager_->readMrtMessage(pkt, vifStatus_);
   }
-  inPass_ = false;
   double seconds = std::chrono::duration<double>(now_() - start).count();
   ++passes_;
   messages_ += count;

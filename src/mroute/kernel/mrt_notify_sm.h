@@ -1,11 +1,13 @@
 // Routing::Multicast::Notify::MrtNotifySm: reads the upcall socket in passes
 // bounded by `loopQuantum` seconds.
 //
-// When the socket has a packet for the readers (the pam's rxPktHolder), a
-// pass takes packets one by one and hands each to the manager's
-// readMrtMessage() until the socket is empty or the pass has run for
-// loopQuantum; packets still queued in the kernel are read in a later pass,
-// when the loop finds the socket readable again, so a flood of upcalls
+// A pass reads in one direction: the loop finds the socket readable, the pam
+// receives one datagram into its rxPktHolder, which starts the pass
+// (onRxPktHolder -> rxPkt); the pass takes that packet and then receives
+// the next ones itself (MrtSocketPam::receive), handing each to the
+// manager's readMrtMessage(), until the socket is empty or the pass has run
+// for loopQuantum. Packets still queued in the kernel are read in a later
+// pass, when the loop finds the socket readable again, so a flood of upcalls
 // cannot starve the agent's other work.
 //
 // Thread-safety: single-threaded, on the agent's event loop.
@@ -71,7 +73,6 @@ class MrtNotifySm : public Orvet::Pam::NotifieeConst {
   Mroute::Brevet& brevet_;
   Now now_ = &Clock::now;
   double loopQuantum_ = loopQuantumDefault;
-  bool inPass_ = false;
   uint64_t passes_ = 0;
   uint64_t messages_ = 0;
   uint32_t lastPassMessages_ = 0;

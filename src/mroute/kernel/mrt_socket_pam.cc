@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iomanip>
@@ -13,9 +14,9 @@
 namespace Routing::Multicast::Notify {
 namespace {
 
-// Room for exactly one packet-information record (24 bytes on the 32-bit
-// ABI the layout was drawn for, 32 on LP64).
-constexpr size_t kRxControlBytes = CMSG_SPACE(sizeof(in_pktinfo));
+// Room for exactly one packet-information record of either family (the IPv4
+// one is 24 bytes on the 32-bit ABI the layout was drawn for, 32 on LP64).
+constexpr size_t kRxControlBytes = std::max(CMSG_SPACE(sizeof(in_pktinfo)), CMSG_SPACE(sizeof(in6_pktinfo)));
 
 std::string hex(uint32_t v) {
   std::ostringstream os;
@@ -76,7 +77,7 @@ void MrtSocketPam::enabledIs(bool on) {
 
 int MrtSocketPam::openSocket(std::string_view op, std::string_view arg, int protocol) {
   MROUTE_ASSERT(eventLoop());
-  int fd = sys_->socketAt(AF_INET, SOCK_RAW, protocol, netNs_);
+  int fd = sys_->socketAt(socketDomain(), SOCK_RAW, protocol, netNs_);
   if (fd < 0) {
     int err = errno;
     trace(9, op, arg, "socket open error");
@@ -86,7 +87,11 @@ int MrtSocketPam::openSocket(std::string_view op, std::string_view arg, int prot
 }
 
 int MrtSocketPam::setIntOption(int fd, int option, int value) {
-  return sys_->setsockopt(fd, IPPROTO_IP, option, &value, sizeof value) < 0 ? errno : 0;
+  return setOption(fd, IPPROTO_IP, option, &value, sizeof value);
+}
+
+int MrtSocketPam::setOption(int fd, int level, int option, const void* value, socklen_t len) {
+  return sys_->setsockopt(fd, level, option, value, len) < 0 ? errno : 0;
 }
 
 void MrtSocketPam::closeAndThrow(int fd, std::string_view context, int err) {
@@ -140,58 +145,85 @@ void MrtSocketPam::handleCleanup() {
 bool MrtSocketPam::acceptRx(Orvet::Pkt&) { return true; }
 
 void MrtSocketPam::doGetRxPkt() {
-  constexpr std::string_view s = "doGetRxPkt()";
-  if (!enabled_) {
-    trace(9, s, "", "IpSocketPam not enabled. Aborting action");
-    return;
-  }
-  if (rxPktHolder()) {
+  if (enabled_ && rxPktHolder()) {
     // The reader stopped before taking it (its pass ran out of time).
     rxPktHolderRenotify();
     return;
   }
+  Rx rx = receive();
+  if (rx.pkt) rxPktHolderIs(std::move(rx.pkt));
+}
+
+MrtSocketPam::RxLayout MrtSocketPam::rxLayout() const {
+  return {sizeof(sockaddr_in), IPPROTO_IP, IP_PKTINFO, sizeof(in_pktinfo)};
+}
+
+MrtSocketPam::Rx MrtSocketPam::receive() {
+  constexpr std::string_view s = "doGetRxPkt()";
+  if (!enabled_) {
+    trace(9, s, "", "IpSocketPam not enabled. Aborting action");
+    return {RxStatus::failed, nullptr};
+  }
   Kiv::Ptr<Orvet::Pkt> pkt = pktManager_->newPkt(maxRxPktData_);
   if (!pkt) {
     trace(9, s, "", "Failed to obtain new packet object");
-    return;
+    return {RxStatus::failed, nullptr};
   }
   size_t maxSize = pkt->maxSize();
   MROUTE_ASSERT(maxSize >= maxRxPktData());
 
-  sockaddr_in from{};
-  static_assert(sizeof from == 16);
+  const RxLayout layout = rxLayout();
+  sockaddr_in6 from{};  // room for either family's address
+  MROUTE_ASSERT(layout.nameLen <= sizeof from);
+  static_assert(sizeof(sockaddr_in) == 16);
   iovec iov{pkt->data(), maxRxPktData_};
   alignas(cmsghdr) unsigned char control[kRxControlBytes] = {};
+  const size_t controlLen = CMSG_SPACE(layout.cmsgDataLen);
+  MROUTE_ASSERT(controlLen <= sizeof control);
   cmsghdr* first = reinterpret_cast<cmsghdr*>(control);
-  first->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
-  first->cmsg_level = IPPROTO_IP;
-  first->cmsg_type = IP_PKTINFO;
+  first->cmsg_len = CMSG_LEN(layout.cmsgDataLen);
+  first->cmsg_level = layout.cmsgLevel;
+  first->cmsg_type = layout.cmsgType;
   msghdr msg{};
   msg.msg_name = &from;
-  msg.msg_namelen = sizeof from;
+  msg.msg_namelen = layout.nameLen;
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
   msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
+  msg.msg_controllen = controlLen;
 
   ssize_t n = sys_->recvmsg(fileDesc_->descriptor(), &msg, rxFlags_);
   if (n < 0) {
     int err = errno;
-    if (err == EAGAIN) return;
+    if (err == EAGAIN) return {RxStatus::empty, nullptr};
     if (tracing(2)) {
       trace(2, s, "", "recvmsg failed with " + std::to_string(err) + " (" + systemMessage(err) + ")");
     }
     rxErrorsInc(1);
-    return;
+    return {RxStatus::failed, nullptr};
   }
   // MSG_TRUNC in rxFlags makes recvmsg report the datagram's full length.
   size_t length = std::min(static_cast<size_t>(n), static_cast<size_t>(maxRxPktData_));
-  deliver(pkt, length, msg);
+  return finishRx(std::move(pkt), length, msg);
 }
 
-void MrtSocketPam::deliver(const Kiv::Ptr<Orvet::Pkt>& pkt, size_t length, const msghdr& msg) {
+MrtSocketPam::Rx MrtSocketPam::finishRx(Kiv::Ptr<Orvet::Pkt> pkt, size_t length, const msghdr& msg) {
   constexpr std::string_view s = "doGetRxPkt()";
   if (tracing(9)) trace(9, s, "", "Received packet of size " + std::to_string(length));
+  if (!readAncillary(msg)) trace(9, s, "", "recvmsg failed to retrieve ifindex");
+
+  rxPktCountInc(1);
+  pkt->sizeIs(length);
+  if (length == 0) {
+    trace(9, s, "", "Discarding empty packet");
+    return {RxStatus::skipped, nullptr};
+  }
+  if (!acceptRx(*pkt)) return {RxStatus::skipped, nullptr};
+  return {RxStatus::packet, std::move(pkt)};
+}
+
+bool MrtSocketPam::readAncillary(const msghdr& msg) {
+  constexpr std::string_view s = "doGetRxPkt()";
   bool sawPktInfo = false;
   for (const cmsghdr* c = CMSG_FIRSTHDR(&msg); c;
        c = CMSG_NXTHDR(const_cast<msghdr*>(&msg), const_cast<cmsghdr*>(c))) {
@@ -224,16 +256,7 @@ void MrtSocketPam::deliver(const Kiv::Ptr<Orvet::Pkt>& pkt, size_t length, const
       if (tracing(9)) trace(9, s, "", "TTL of received packet is 0x" + hex(rxTTL_));
     }
   }
-  if (!sawPktInfo) trace(9, s, "", "recvmsg failed to retrieve ifindex");
-
-  rxPktCountInc(1);
-  pkt->sizeIs(length);
-  if (length == 0) {
-    trace(9, s, "", "Discarding empty packet");
-    return;
-  }
-  if (!acceptRx(*pkt)) return;
-  rxPktHolderIs(pkt);
+  return sawPktInfo;
 }
 
 }  // namespace Routing::Multicast::Notify

@@ -5,15 +5,25 @@
 // A socket pam is opened in the network namespace `netNs` by enabledIs(true)
 // and closed by enabledIs(false); `options` selects the upcall kinds. While
 // enabled, `fileDesc` holds the descriptor and `fdSm` watches it on the pam's
-// event loop, calling doGetRxPkt() when it is readable. doGetRxPkt() receives
-// one datagram into a packet from the packet manager, records its ancillary
-// data in the rx* attributes and hands it to the readers with rxPktHolderIs.
+// event loop, calling doGetRxPkt() when it is readable.
+//
+// Receiving goes one way. receive() reads one datagram into a packet from
+// the packet manager, records its ancillary data in the rx* attributes and
+// returns it. doGetRxPkt() hands that packet to the readers with
+// rxPktHolderIs, which wakes them; a reader's pass (MrtNotifySm) takes it and
+// then calls receive() itself until the socket is empty, so nothing it reads
+// comes back to it through the holder.
+//
+// The pam is IPv4 unless a subclass says otherwise (socketDomain, rxLayout,
+// readAncillary).
 //
 // Trace lines go to "Mroute::MrtPam"; each begins with the signature of the
 // operation, its argument in parentheses and " NS:" with the namespace.
 //
 // Thread-safety: single-threaded, on the pam's event loop.
 #pragma once
+
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <string>
@@ -72,6 +82,23 @@ class MrtSocketPam : public Orvet::Pam {
   void rxPktCountIs(uint64_t n) { rxPktCount_ = n; }
   uint64_t rxPktCountInc(uint64_t n = 1) { return rxPktCount_ += n; }
 
+  // What one receive() did.
+  enum class RxStatus : uint8_t {
+    packet,   // `pkt` holds a datagram for the readers
+    skipped,  // a datagram was read but is not for the readers (empty, filtered)
+    empty,    // nothing to read
+    failed,   // not enabled, no packet memory, or a receive error (traced)
+  };
+  struct Rx {
+    RxStatus status;
+    Kiv::Ptr<Orvet::Pkt> pkt;
+  };
+  // Reads one datagram; never touches rxPktHolder.
+  Rx receive();
+
+  // Receives one datagram and hands it on with rxPktHolderIs; when the
+  // holder is still full (its reader's pass ran out of time) tells the
+  // readers again instead.
   void doGetRxPkt() override;
   // Closes the descriptor at teardown.
   void handleCleanup();
@@ -91,17 +118,37 @@ class MrtSocketPam : public Orvet::Pam {
   // Called on each non-empty datagram before it is handed on; false drops it.
   virtual bool acceptRx(Orvet::Pkt& pkt);
 
-  // The raw socket's protocol (IPPROTO_RAW, IPPROTO_IGMP).
+  // The raw socket's family (AF_INET) and protocol (IPPROTO_RAW,
+  // IPPROTO_IGMP).
+  virtual int socketDomain() const { return AF_INET; }
   virtual int socketProtocol() const = 0;
+
+  // What recvmsg is given: room for the sender's address, and the one
+  // ancillary record the control buffer is laid out for (IPv4: a 16-byte
+  // address and IP_PKTINFO).
+  struct RxLayout {
+    socklen_t nameLen;
+    int cmsgLevel;
+    int cmsgType;
+    size_t cmsgDataLen;
+  };
+  virtual RxLayout rxLayout() const;
+  // Records the ancillary data of a received datagram in the rx*
+  // attributes, tracing each record; returns whether it named the arrival
+  // interface.
+  virtual bool readAncillary(const msghdr& msg);
+  void rxIfIndexIs(uint32_t index) { rxIfIndex_ = index; }
   // Tells the kernel to send upcalls on the freshly opened `fd`; on failure
   // closes it and throws (closeAndThrow). `op`/`arg` are for traces.
   virtual void registerUpcalls(int fd, std::string_view op, std::string_view arg) = 0;
 
-  // Opens the socket: socketAt(AF_INET, SOCK_RAW, protocol, netNs); on failure
+  // Opens the socket: socketAt(socketDomain(), SOCK_RAW, protocol, netNs); on failure
   // traces "socket open error" and throws with the context "socket".
   int openSocket(std::string_view op, std::string_view arg, int protocol);
   // setsockopt(fd, IPPROTO_IP, option, int value); returns errno or 0.
   int setIntOption(int fd, int option, int value);
+  // setsockopt(fd, level, option, value, len); returns errno or 0.
+  int setOption(int fd, int level, int option, const void* value, socklen_t len);
   // Closes `fd` and throws ErrnoException(context, err).
   [[noreturn]] void closeAndThrow(int fd, std::string_view context, int err);
   // Wraps an open, configured descriptor: fileDesc, fdSm, enabled. Closes
@@ -119,7 +166,7 @@ class MrtSocketPam : public Orvet::Pam {
   bool tracing(int level) const { return facility_.enabled(level); }
 
  private:
-  void deliver(const Kiv::Ptr<Orvet::Pkt>& pkt, size_t length, const msghdr& msg);
+  Rx finishRx(Kiv::Ptr<Orvet::Pkt> pkt, size_t length, const msghdr& msg);
 
   std::string typeName_;
   const Mroute::Trace::Facility& facility_;

@@ -15,6 +15,9 @@ const char* const kType = "Routing::Multicast::Notify::MrtStockSocketPam";
 
 MrtStockSocketPam::MrtStockSocketPam(const Kiv::Name& name) : MrtSocketPam(name, kType) {}
 
+MrtStockSocketPam::MrtStockSocketPam(const Kiv::Name& name, std::string typeName)
+    : MrtSocketPam(name, std::move(typeName)) {}
+
 const Kiv::TypeRecord& MrtStockSocketPam::fwkType() const {
   static const Kiv::TypeRecord& type = Kiv::registerType(kType, Kiv::TypeKind::entity);
   return type;
@@ -32,14 +35,20 @@ void MrtStockSocketPam::optionsIs(uint32_t newOptions) {
   optionsStore(newOptions);
 }
 
-bool MrtStockSocketPam::acceptRx(Orvet::Pkt& pkt) {
+std::optional<int> MrtStockSocketPam::upcallKind(const Orvet::Pkt& pkt) const {
   std::optional<UpcallHeader> h = parseUpcall(pkt.data(), pkt.size());
   // Upcalls carry zero in the protocol byte; IGMP packets carry 2.
-  if (!h || h->ipProto != 0) {
+  if (!h || h->ipProto != 0) return std::nullopt;
+  return h->msgType;
+}
+
+bool MrtStockSocketPam::acceptRx(Orvet::Pkt& pkt) {
+  std::optional<int> kind = upcallKind(pkt);
+  if (!kind) {
     ++rxNotUpcall_;
     return false;
   }
-  MrtNotifyOption bit = optionOfKind(h->msgType);
+  MrtNotifyOption bit = optionOfKind(*kind);
   if (bit == none || !(options() & bit)) {
     ++rxFiltered_;
     return false;

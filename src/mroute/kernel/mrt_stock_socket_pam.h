@@ -20,6 +20,8 @@
 
 #include <netinet/in.h>
 
+#include <optional>
+
 #include "mroute/kernel/mrt_socket_pam.h"
 
 namespace Routing::Multicast::Notify {
@@ -43,7 +45,11 @@ class MrtStockSocketPam : public MrtSocketPam {
 
  protected:
   explicit MrtStockSocketPam(const Kiv::Name& name);
+  // For the IPv6 socket, which filters the same way.
+  MrtStockSocketPam(const Kiv::Name& name, std::string typeName);
   bool acceptRx(Orvet::Pkt& pkt) override;
+  // The upcall kind of a datagram, or nullopt when it is not an upcall.
+  virtual std::optional<int> upcallKind(const Orvet::Pkt& pkt) const;
   int socketProtocol() const override { return IPPROTO_IGMP; }
   // MRT_INIT; a failure throws "setsockopt(MRT_INIT): ..." (e.g. "Address
   // already in use" when another socket holds the table).
