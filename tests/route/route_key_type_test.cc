@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/group_key.h"
 #include "mroute/runtime/error.h"
 #include "testing/expect_assert.h"

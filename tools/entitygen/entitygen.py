@@ -702,7 +702,7 @@ def include_lines(types, includes):
     if 'bounded' in kinds:
         project.append('mroute/entity/bounded_value.h')
     if 'mroute/entity/entity_support.h' not in project:
-        project.append('mroute/runtime/kiv/type_registry.h')
+        project.append('mroute/entity/kiv/type_registry.h')
     project += includes
     if any(t.mount for t in types):
         project.append('mroute/runtime/net/address_family.h')

@@ -10,8 +10,8 @@
 #pragma once
 
 #include "mroute/entity/collection.h"
-#include "mroute/runtime/kiv/entity.h"
-#include "mroute/runtime/kiv/hash_map.h"
+#include "mroute/entity/kiv/entity.h"
+#include "mroute/entity/kiv/hash_map.h"
 
 namespace Kiv {
 

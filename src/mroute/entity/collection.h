@@ -9,7 +9,7 @@
 // Thread-safety: on the entity's event loop only.
 #pragma once
 
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 
 namespace Kiv {
 

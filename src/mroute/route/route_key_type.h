@@ -13,7 +13,7 @@
 #include <iosfwd>
 #include <string_view>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 
 namespace Routing::Multicast::Fib {
 

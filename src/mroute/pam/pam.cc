@@ -1,4 +1,4 @@
-#include "mroute/runtime/pam/pam.h"
+#include "mroute/pam/pam.h"
 
 namespace Orvet {
 

@@ -1,4 +1,4 @@
-#include "mroute/runtime/kiv/type_registry.h"
+#include "mroute/entity/kiv/type_registry.h"
 
 #include <deque>
 #include <map>

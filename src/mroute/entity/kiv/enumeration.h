@@ -21,10 +21,10 @@
 #include <string_view>
 #include <type_traits>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/runtime/error.h"
-#include "mroute/runtime/kiv/string.h"
-#include "mroute/runtime/kiv/type_registry.h"
+#include "mroute/entity/kiv/string.h"
+#include "mroute/entity/kiv/type_registry.h"
 
 namespace Kiv {
 

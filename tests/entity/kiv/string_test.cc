@@ -1,11 +1,11 @@
-#include "mroute/runtime/kiv/string.h"
+#include "mroute/entity/kiv/string.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <unordered_set>
 
-#include "mroute/runtime/kiv/hash_map.h"
+#include "mroute/entity/kiv/hash_map.h"
 
 namespace {
 

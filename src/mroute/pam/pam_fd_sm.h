@@ -9,10 +9,10 @@
 
 #include <memory>
 
-#include "mroute/runtime/kiv/ptr.h"
+#include "mroute/entity/kiv/ptr.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/runtime/pam/file_desc.h"
-#include "mroute/runtime/pam/pam.h"
+#include "mroute/pam/file_desc.h"
+#include "mroute/pam/pam.h"
 
 namespace Orvet {
 

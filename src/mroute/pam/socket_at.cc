@@ -1,4 +1,4 @@
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 #include <fcntl.h>
 #include <sched.h>

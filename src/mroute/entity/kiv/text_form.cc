@@ -1,4 +1,4 @@
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 
 #include <charconv>
 #include <cmath>

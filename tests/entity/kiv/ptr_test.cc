@@ -1,4 +1,4 @@
-#include "mroute/runtime/kiv/ptr.h"
+#include "mroute/entity/kiv/ptr.h"
 
 #include <gtest/gtest.h>
 

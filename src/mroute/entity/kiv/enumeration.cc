@@ -1,4 +1,4 @@
-#include "mroute/runtime/kiv/enumeration.h"
+#include "mroute/entity/kiv/enumeration.h"
 
 namespace Kiv::enum_internal {
 

@@ -1,4 +1,4 @@
-#include "mroute/runtime/pam/pam_fd_sm.h"
+#include "mroute/pam/pam_fd_sm.h"
 
 namespace Orvet {
 

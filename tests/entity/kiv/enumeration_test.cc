@@ -1,11 +1,11 @@
-#include "mroute/runtime/kiv/enumeration.h"
+#include "mroute/entity/kiv/enumeration.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
 #include "testing/expect_assert.h"
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 
 namespace KivTest {
 enum class Shade : uint8_t { None = 0, light = 1, dark = 2 };

@@ -15,8 +15,8 @@
 
 #include "mroute/entity/attribute.h"
 #include "mroute/entity/notifiee.h"
-#include "mroute/runtime/kiv/entity.h"
-#include "mroute/runtime/pam/pkt.h"
+#include "mroute/entity/kiv/entity.h"
+#include "mroute/pam/pkt.h"
 
 namespace Mroute::Loop {
 class EventLoop;

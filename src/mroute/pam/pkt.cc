@@ -1,4 +1,4 @@
-#include "mroute/runtime/pam/pkt.h"
+#include "mroute/pam/pkt.h"
 
 #include <cstring>
 

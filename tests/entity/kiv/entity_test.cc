@@ -1,5 +1,5 @@
 // The runtime's entity base and notifiee list, below the typed templates.
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 
 #include <gtest/gtest.h>
 

@@ -16,9 +16,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "mroute/runtime/kiv/ptr.h"
-#include "mroute/runtime/kiv/string.h"
-#include "mroute/runtime/kiv/type_registry.h"
+#include "mroute/entity/kiv/ptr.h"
+#include "mroute/entity/kiv/string.h"
+#include "mroute/entity/kiv/type_registry.h"
 
 namespace Kiv {
 

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "mroute/runtime/kiv/ptr.h"
+#include "mroute/entity/kiv/ptr.h"
 
 namespace Orvet {
 

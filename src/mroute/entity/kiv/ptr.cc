@@ -1,4 +1,4 @@
-#include "mroute/runtime/kiv/ptr.h"
+#include "mroute/entity/kiv/ptr.h"
 
 namespace Kiv {
 namespace ptr_internal {

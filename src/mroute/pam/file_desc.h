@@ -5,8 +5,8 @@
 // Thread-safety: single-threaded, on the owner's event loop.
 #pragma once
 
-#include "mroute/runtime/kiv/ptr.h"
-#include "mroute/runtime/kiv/string.h"
+#include "mroute/entity/kiv/ptr.h"
+#include "mroute/entity/kiv/string.h"
 
 namespace Orvet {
 

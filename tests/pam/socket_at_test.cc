@@ -1,4 +1,4 @@
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 #include <gtest/gtest.h>
 #include <linux/sockios.h>

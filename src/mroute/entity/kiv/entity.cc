@@ -1,4 +1,4 @@
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 
 #include <algorithm>
 
