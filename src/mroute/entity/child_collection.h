@@ -9,6 +9,9 @@
 // Thread-safety: on the entity's event loop only.
 #pragma once
 
+#include <sstream>
+#include <type_traits>
+
 #include "mroute/entity/collection.h"
 #include "mroute/entity/kiv/entity.h"
 #include "mroute/entity/kiv/hash_map.h"
@@ -29,13 +32,26 @@ class ChildMap : public Base {
   }
 };
 
-// Creates a child constructed from the key, replacing a member of that key,
+// The name of the child filed under `k`: the key itself when it is a name,
+// otherwise its text (an interface id, a VRF name, a VLAN id, a group key).
+template <class K>
+Name childName(const K& k) {
+  if constexpr (std::is_constructible_v<Name, const K&>) {
+    return Name(k);
+  } else {
+    std::ostringstream os;
+    os << k;
+    return Name(os.str());
+  }
+}
+
+// Creates a child named after the key, replacing a member of that key,
 // and notifies.
 template <class N, class Map>
 auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
               void (N::*on)(const typename Map::key_type&)) {
   using Child = typename Map::mapped_type;  // Ptr<C>
-  Child c = new std::remove_reference_t<decltype(*Child())>(k);
+  Child c = new std::remove_reference_t<decltype(*Child())>(childName(k));
   c->parentIs(&parent);
   auto [it, inserted] = m.try_emplace(k, c);
   if (!inserted) {

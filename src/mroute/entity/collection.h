@@ -13,10 +13,24 @@
 
 namespace Kiv {
 
+// Tells every notifiee onX(key), changed or not (used to make readers look again).
+template <class N, class K>
+void keyNotify(const Entity& e, AttrId id, const K& k, void (N::*on)(const K&)) {
+  e.notify<N>(id, [&k, on](N& n) { (n.*on)(k); });
+}
+
 template <class N, class Map>
 void collNotify(const Entity& e, AttrId id, const Map&, const typename Map::key_type& k,
                 void (N::*on)(const typename Map::key_type&)) {
-  e.notify<N>(id, [&k, on](N& n) { (n.*on)(k); });
+  keyNotify(e, id, k, on);
+}
+
+// The whole collection changed: every notifiee hears onXkivImmediate(), then
+// every notifiee hears onX(). The collection-level form goes out under -id.
+template <class N>
+void collectionNotify(const Entity& e, AttrId id, void (N::*immediate)(), void (N::*whole)()) {
+  e.notify<N>(-id, [immediate](N& n) { (n.*immediate)(); });
+  e.notify<N>(-id, [whole](N& n) { (n.*whole)(); });
 }
 
 // Creates the member, or replaces its value, and notifies.

@@ -11,7 +11,7 @@ Span::Span(uint16_t low, uint8_t high, Volume volume, const Kiv::String8& label)
 }
 
 const Kiv::TypeRecord& Span::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value, {}, {{"low", 258, "field", "uint16_t", "1"}, {"high", 259, "field", "uint8_t", ""}, {"volume", 260, "field", "Volume", "Volume::normal"}, {"label", 261, "field", "Kiv::String8", ""}});
   return record;
 }
 
@@ -63,7 +63,7 @@ const Kiv::TypeRecord& Weight::type() {
 Leaf::Leaf(const Kiv::Name& name) : Kiv::Entity(name) {}
 
 const Kiv::TypeRecord& Leaf::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity, {}, {{"weight", 258, "attr", "uint32_t", "7"}});
   return record;
 }
 
@@ -79,7 +79,7 @@ Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name) { return new Leaf(name); }
 Holder::Holder(const Kiv::Name& name) : Kiv::Entity(name) { doInit(); }
 
 const Kiv::TypeRecord& Holder::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity, {}, {{"flag", 258, "attr", "bool", "true"}, {"mode", 259, "attr", "Mode", "Mode::on"}, {"flagDefault", 260, "const", "bool", "true"}, {"ticks", 261, "counter", "uint8_t", "0"}, {"item", 262, "coll", "uint32_t -> Kiv::String", ""}, {"sorted", 263, "coll", "Kiv::Name -> bool", ""}, {"leaf", 264, "child", "Kiv::Name -> Leaf", ""}, {"span", 265, "attr", "Span", ""}});
   return record;
 }
 
@@ -89,7 +89,8 @@ void Holder::modeIs(Mode v) { Kiv::attrIs<NotifieeConst>(*this, kModeId, mode_, 
 
 void Holder::ticksIs(uint8_t v) { Kiv::attrIs<NotifieeConst>(*this, kTicksId, ticks_, v, &NotifieeConst::onTicks); }
 
-void Holder::ticksInc(uint8_t n) { Kiv::attrInc<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
+uint8_t Holder::ticksInc(uint8_t n) { return Kiv::attrInc<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
+uint8_t Holder::ticksDec(uint8_t n) { return Kiv::attrDec<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
 
 void Holder::itemIs(uint32_t k, const Kiv::String& v) { Kiv::collIs<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
 void Holder::newItem(uint32_t k, const Kiv::String& v) { Kiv::collNew<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
@@ -144,3 +145,7 @@ const Kiv::TypeRecord& Kiv::EnumInfo<Sample::Holder::Mode>::type() {
       registerType("Sample::Holder::Mode", TypeKind::enumeration, {{"off", 0}, {"on", 1}});
   return record;
 }
+
+// Linking this symbol (mroute::mroute asks the linker for it) keeps the unit, and so its registrations,
+// in a program that links the library statically.
+extern "C" void mroute_types_entitygen_sample_sample() {}

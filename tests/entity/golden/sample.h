@@ -21,6 +21,7 @@ enum class Volume : uint8_t { quiet = 0, normal = 1, loud = 2 };
 // A checked record.
 class Span {
  public:
+  static constexpr std::string_view kTypeName = "Sample::Span";
   Span() = default;
   Span(uint16_t low, uint8_t high, Volume volume, const Kiv::String8& label);
 
@@ -204,7 +205,8 @@ class Holder : public Kiv::Entity {
   uint8_t ticks() const { return ticks_; }
   void ticksIs(uint8_t v);
 
-  void ticksInc(uint8_t n);
+  uint8_t ticksInc(uint8_t n);
+  uint8_t ticksDec(uint8_t n);
 
   using ItemMap = Kiv::HashMap<uint32_t, Kiv::String>;
   const ItemMap& item() const { return item_; }

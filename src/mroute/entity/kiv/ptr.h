@@ -108,6 +108,33 @@ class Ptr {
   T* p_ = nullptr;
 };
 
+// A reference that may never be null: constructing one from null throws the
+// range error "null ValidPtr". It converts to Ptr<T> where a Ptr is stored.
+template <class T>
+class ValidPtr : public Ptr<T> {
+ public:
+  ValidPtr(T* p) : Ptr<T>(p) { check(); }
+  ValidPtr(const Ptr<T>& p) : Ptr<T>(p) { check(); }
+  template <class U>
+    requires std::is_convertible_v<U*, T*>
+  ValidPtr(const Ptr<U>& p) : Ptr<T>(p) {
+    check();
+  }
+  ValidPtr(std::nullptr_t) { check(); }
+
+ private:
+  void check() const;
+};
+
+namespace ptr_internal {
+[[noreturn]] void throwNullValidPtr();
+}  // namespace ptr_internal
+
+template <class T>
+void ValidPtr<T>::check() const {
+  if (!*this) ptr_internal::throwNullValidPtr();
+}
+
 }  // namespace Kiv
 
 template <class T>

@@ -33,11 +33,13 @@ const EnumLiteral* TypeRecord::literal(std::string_view name) const {
   return nullptr;
 }
 
-const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<EnumLiteral> literals) {
+const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<EnumLiteral> literals,
+                               std::vector<AttrRecord> attributes) {
   Registry& r = registry();
   MROUTE_ASSERT(r.byName.find(name) == r.byName.end());
   for (size_t i = 0; i < literals.size(); ++i) MROUTE_ASSERT(literals[i].value == i);
-  const TypeRecord& rec = r.records.emplace_back(TypeRecord{std::move(name), kind, std::move(literals)});
+  const TypeRecord& rec = r.records.emplace_back(
+      TypeRecord{std::move(name), kind, std::move(literals), std::move(attributes)});
   r.byName.emplace(rec.name, &rec);
   return rec;
 }
@@ -46,6 +48,18 @@ const TypeRecord* findType(std::string_view name) {
   Registry& r = registry();
   auto it = r.byName.find(name);
   return it == r.byName.end() ? nullptr : it->second;
+}
+
+const char* typeKindName(TypeKind kind) {
+  switch (kind) {
+    case TypeKind::entity:
+      return "entity";
+    case TypeKind::value:
+      return "value";
+    case TypeKind::enumeration:
+      return "enumeration";
+  }
+  return "?";
 }
 
 std::vector<const TypeRecord*> registeredTypes() {

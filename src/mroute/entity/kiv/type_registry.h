@@ -7,6 +7,7 @@
 // look types up.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,10 +21,21 @@ struct EnumLiteral {
   unsigned value;
 };
 
+// One attribute of an entity or field of a value type, as its description gives it.
+struct AttrRecord {
+  std::string name;
+  int id;                    // attribute id (entities: from 258); fields count on the same way
+  std::string kind;          // attr, counter, const, ctor, coll, child, table, ref, validref, backptr, field
+  std::string type;          // the C++ type; "K -> V" for keyed members
+  std::string defaultText;   // as described; empty when the type's own default
+  uint32_t capacity = 0;     // shared tables: initial entries
+};
+
 struct TypeRecord {
   std::string name;  // qualified, e.g. "Routing::Multicast::Fib::Config"
   TypeKind kind;
   std::vector<EnumLiteral> literals;  // enumerations only, in value order
+  std::vector<AttrRecord> attributes;  // in id order
 
   const EnumLiteral* literal(unsigned value) const;
   const EnumLiteral* literal(std::string_view name) const;
@@ -31,7 +43,11 @@ struct TypeRecord {
 
 // Registers a type. The record lives as long as the process.
 // REQUIRES: `name` is not registered yet (asserted).
-const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<EnumLiteral> literals = {});
+const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<EnumLiteral> literals = {},
+                               std::vector<AttrRecord> attributes = {});
+
+// "entity", "value" or "enumeration".
+const char* typeKindName(TypeKind kind);
 
 // The record of a registered type, or null.
 const TypeRecord* findType(std::string_view name);
