@@ -126,10 +126,9 @@ def emit_collection(t, m, enums, holes, out):
         defs.append(fill(TABLE_DEF, **holes))
         storage.append('  %sTable %s_{"%s", %d};' % (holes['X'], m.name, m.name, m.capacity))
     callbacks.append(fill(COLL_CALLBACKS, **holes))
-    record = attr_record(m, m.kind)
-    if m.kind == 'table':
-        record = record[:-1] + ', %d}' % m.capacity
-    attrs.append(record)
+    # The operations the attribute log knows the member by.
+    ops = ' '.join(op % m.name for op in ('%sIs', '%sDel', '%sNotify'))
+    attrs.append(attr_record(m, m.kind, m.capacity or 0, ops))
 
 
 def emit_mount_tables(t, tables, out):

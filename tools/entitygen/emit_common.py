@@ -23,10 +23,11 @@ def cstring(text):
     return '"%s"' % text.replace('\\', '\\\\').replace('"', '\\"')
 
 
-def attr_record(m, kind):
+def attr_record(m, kind, capacity=0, operations=''):
     """One attribute of a type's registry record: name, id, kind, type and default."""
     default = m.default if m.default is not None else ''
     if default.startswith('"'):
         default = default[1:-1]
     typ = m.type if m.key is None else '%s -> %s' % (m.key, m.type)
-    return '{%s, %d, %s, %s, %s}' % (cstring(m.name), m.id, cstring(kind), cstring(typ), cstring(default))
+    return '{%s, %d, %s, %s, %s, %d, %s}' % (cstring(m.name), m.id, cstring(kind), cstring(typ), cstring(default),
+                                          capacity, cstring(operations))

@@ -213,6 +213,8 @@ def emit_entity(ns, t, enums):
     if tables:
         from emit_collections import emit_mount_tables
         emit_mount_tables(t, tables, out)
+    for declaration, doc in t.methods:
+        decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
     base = t.parent or 'Kiv::Entity'
     factory_decl, factory_def = factory(t, by_name, enums)
     decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,

@@ -11,6 +11,8 @@ VALUE_DECL = '''
 
   friend bool operator==(const {{NAME}}&, const {{NAME}}&) = default;
   friend bool operator<(const {{NAME}}& a, const {{NAME}}& b) { return {{TIE_A}} < {{TIE_B}}; }
+  // Over the fields in declaration order.
+  size_t hash() const;
   // Reads the text that operator<< writes.
   static {{NAME}} fromText(std::string_view text);
   static const Kiv::TypeRecord& type();
@@ -28,17 +30,17 @@ VALUE_CTOR = '''
 VALUE_HASH = '''
 template <>
 struct std::hash<{{NS}}::{{NAME}}> {
-  size_t operator()(const {{NS}}::{{NAME}}& v) const { return Kiv::hashFields({{FIELDS}}); }
+  size_t operator()(const {{NS}}::{{NAME}}& v) const { return v.hash(); }
 };
 '''
 
-VALUE_DEFS = '''{{CTOR}}
+VALUE_DEFS = '''{{CTOR}}{{HASH}}
 const Kiv::TypeRecord& {{NAME}}::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::value, {}, {{{ATTRS}}});
   return record;
 }
 
-std::ostream& operator<<(std::ostream& os, const {{NAME}}& v) {
+std::ostream& operator<<(std::ostream& os, const {{NAME}}&{{V}}) {
   Kiv::ValueWriter(os, "{{NS}}::{{NAME}}"){{WRITES}}.end();
   return os;
 }
@@ -56,6 +58,10 @@ VALUE_CTOR_DEF = '''
 }
 '''
 
+HASH_DEF = '''
+size_t {{NAME}}::hash() const { return Kiv::hashFields({{FIELDS}}); }
+'''
+
 FIELD_DECL = '''
   {{R}} {{x}}() const { return {{x}}_; }
   void {{x}}Is({{P}} v) {{{CHECK}} {{x}}_ = v; }'''
@@ -67,6 +73,7 @@ EMPTY_DECL = '''
   static constexpr std::string_view kTypeName = "{{NS}}::{{NAME}}";
   friend bool operator==(const {{NAME}}&, const {{NAME}}&) = default;
   friend bool operator<(const {{NAME}}&, const {{NAME}}&) { return false; }
+  size_t hash() const { return 0; }
   static {{NAME}} fromText(std::string_view text);
   static const Kiv::TypeRecord& type();
 };
@@ -77,7 +84,7 @@ std::ostream& operator<<(std::ostream& os, const {{NAME}}& v);
 EMPTY_HASH = '''
 template <>
 struct std::hash<{{NS}}::{{NAME}}> {
-  size_t operator()(const {{NS}}::{{NAME}}&) const { return 0; }
+  size_t operator()(const {{NS}}::{{NAME}}& v) const { return v.hash(); }
 };
 '''
 
@@ -111,14 +118,15 @@ def emit_value(ns, t, enums):
     if not fields:
         decl = fill(EMPTY_DECL, DOC=doc_comment(t.doc), NAME=t.name, NS=ns)
         after = fill(EMPTY_HASH, NS=ns, NAME=t.name)
-        definition = fill(VALUE_DEFS, NS=ns, NAME=t.name, CTOR='', ATTRS='', WRITES='', READS='')
+        definition = fill(VALUE_DEFS, NS=ns, NAME=t.name, CTOR='', HASH='', ATTRS='', WRITES='', READS='', V='')
         return decl, after, definition
     tie = lambda o: 'std::tie(%s)' % ', '.join('%s.%s_' % (o, f.name) for f in fields)
     ctor = fill(VALUE_CTOR, EXPLICIT='explicit ' if len(fields) == 1 else '', NAME=t.name, PARAMS=params)
     decl = fill(VALUE_DECL, DOC=doc_comment(t.doc), NAME=t.name, NS=ns, CTOR=ctor, MEMBERS='\n'.join(members),
                 TIE_A=tie('a'), TIE_B=tie('b'), STORAGE='\n'.join(storage))
-    after = fill(VALUE_HASH, NS=ns, NAME=t.name, FIELDS=', '.join('v.%s()' % f.name for f in fields))
+    after = fill(VALUE_HASH, NS=ns, NAME=t.name)
     definition = fill(VALUE_DEFS, NS=ns, NAME=t.name, ATTRS=attrs,
                       CTOR=fill(VALUE_CTOR_DEF, NAME=t.name, PARAMS=params, SETS=''.join(sets)),
-                      WRITES=''.join(writes), READS=''.join(reads))
+                      HASH=fill(HASH_DEF, NAME=t.name, FIELDS=', '.join('%s_' % f.name for f in fields)),
+                      WRITES=''.join(writes), READS=''.join(reads), V=' v')
     return decl, after, definition

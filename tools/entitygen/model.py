@@ -50,6 +50,7 @@ class Type:
         self.init, self.factory, self.literals, self.base = None, True, [], None
         self.factory_name, self.factory_args = None, []
         self.parent = None  # entity inheritance: the base entity's name
+        self.methods = []  # hand-written operations: (declaration, comment lines)
         self.mount_args = False  # mount paths with a VRF and application
         self.qname, self.bare, self.error = None, False, None  # flags and bounded values
         self.low = self.high = self.initial = None  # bounded values, as numbers

@@ -6,7 +6,7 @@ from model import (UNSIGNED_BITS, DescriptionError, Description, Member, Type, c
 
 MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
 ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child',
-                      'table', 'ref', 'backptr'},
+                      'table', 'ref', 'backptr', 'method'},
            'value': {'field'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
 NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)(\(\))?\s*=\s*(\w+)(?:\s+test\s+(!?\w+))?$')
 BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
@@ -150,6 +150,12 @@ def parse_member(t, line, doc, line_no):
         if len(words) != 2:
             raise DescriptionError('mount needs an IPv4 and an IPv6 path')
         t.mount = words
+        return
+    if word == 'method':
+        # A hand-written operation: its declaration goes into the class as written.
+        if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?', rest.strip()):
+            raise DescriptionError('method needs a C++ declaration "Type name(params) [const]"')
+        t.methods.append((rest.strip(), list(doc)))
         return
     if word == 'enum':
         name, _, lits = rest.partition(':')

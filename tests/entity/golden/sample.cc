@@ -10,8 +10,10 @@ Span::Span(uint16_t low, uint8_t high, Volume volume, const Kiv::String8& label)
   labelIs(label);
 }
 
+size_t Span::hash() const { return Kiv::hashFields(low_, high_, volume_, label_); }
+
 const Kiv::TypeRecord& Span::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value, {}, {{"low", 258, "field", "uint16_t", "1"}, {"high", 259, "field", "uint8_t", ""}, {"volume", 260, "field", "Volume", "Volume::normal"}, {"label", 261, "field", "Kiv::String8", ""}});
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value, {}, {{"low", 258, "field", "uint16_t", "1", 0, ""}, {"high", 259, "field", "uint8_t", "", 0, ""}, {"volume", 260, "field", "Volume", "Volume::normal", 0, ""}, {"label", 261, "field", "Kiv::String8", "", 0, ""}});
   return record;
 }
 
@@ -63,7 +65,7 @@ const Kiv::TypeRecord& Weight::type() {
 Leaf::Leaf(const Kiv::Name& name) : Kiv::Entity(name) {}
 
 const Kiv::TypeRecord& Leaf::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity, {}, {{"weight", 258, "attr", "uint32_t", "7"}});
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity, {}, {{"weight", 258, "attr", "uint32_t", "7", 0, ""}});
   return record;
 }
 
@@ -79,7 +81,7 @@ Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name) { return new Leaf(name); }
 Holder::Holder(const Kiv::Name& name) : Kiv::Entity(name) { doInit(); }
 
 const Kiv::TypeRecord& Holder::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity, {}, {{"flag", 258, "attr", "bool", "true"}, {"mode", 259, "attr", "Mode", "Mode::on"}, {"flagDefault", 260, "const", "bool", "true"}, {"ticks", 261, "counter", "uint8_t", "0"}, {"item", 262, "coll", "uint32_t -> Kiv::String", ""}, {"sorted", 263, "coll", "Kiv::Name -> bool", ""}, {"leaf", 264, "child", "Kiv::Name -> Leaf", ""}, {"span", 265, "attr", "Span", ""}});
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity, {}, {{"flag", 258, "attr", "bool", "true", 0, ""}, {"mode", 259, "attr", "Mode", "Mode::on", 0, ""}, {"flagDefault", 260, "const", "bool", "true", 0, ""}, {"ticks", 261, "counter", "uint8_t", "0", 0, ""}, {"item", 262, "coll", "uint32_t -> Kiv::String", "", 0, "itemIs itemDel itemNotify"}, {"sorted", 263, "coll", "Kiv::Name -> bool", "", 0, "sortedIs sortedDel sortedNotify"}, {"leaf", 264, "child", "Kiv::Name -> Leaf", "", 0, "leafIs leafDel leafNotify"}, {"span", 265, "attr", "Span", "", 0, ""}});
   return record;
 }
 

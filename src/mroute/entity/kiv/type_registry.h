@@ -29,6 +29,7 @@ struct AttrRecord {
   std::string type;          // the C++ type; "K -> V" for keyed members
   std::string defaultText;   // as described; empty when the type's own default
   uint32_t capacity = 0;     // shared tables: initial entries
+  std::string operations;    // keyed members: the operation names replication knows ("routeIs routeDel ...")
 };
 
 struct TypeRecord {
