@@ -89,9 +89,11 @@ class KivBrumeMap {
     front_ = std::make_unique<Front>(loop, mountPath, name_, type, options);
     if (type != Brume::BrumeType::writer) {
       front_->onChangeIs(std::move(changed));
-      front_->onReadyIs([ready = std::move(ready)](bool on) {
+      front_->onReadyIs([ready](bool on) {
         if (on && ready) ready();
       });
+      // A table that is there already attaches while the front is built.
+      if (front_->ready() && ready) ready();
     }
   }
   void unmount() {
