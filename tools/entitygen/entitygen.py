@@ -69,7 +69,7 @@ from emit_common import fill  # noqa: E402
 from model import Catalog, DescriptionError, check_types, default_catalog  # noqa: E402
 from parser import parse  # noqa: E402
 
-__all__ = ['DescriptionError', 'generate', 'parse']
+__all__ = ['Catalog', 'DescriptionError', 'KNOWN_TYPES', 'generate', 'parse']
 KNOWN_TYPES = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'known_types.txt')
 
 HEADER = '''\
