@@ -44,6 +44,23 @@ TEST(RouteKeyTypeTest, ConverterCarriesTheValue) {
   }
 }
 
+TEST(RouteKeyTypeTest, EnumerationFunctionsAndRegisteredLiterals) {
+  EXPECT_EQ(valueToStrep(vxlanCoreSideFloodset_), "'vxlanCoreSideFloodset'");
+  EXPECT_EQ(valueToStrep(static_cast<RouteKeyType>(9)), "9");
+  const std::string text = "'mcastGroup' and more";
+  RouteKeyType t = unknownRouteKeyType_;
+  EXPECT_TRUE(sequenceToValue(text.data(), text.data() + 12, t));
+  EXPECT_EQ(t, mcastGroup_);
+  EXPECT_FALSE(sequenceToValue(text.data(), text.data() + 5, t));
+  EXPECT_EQ(t, mcastGroup_);  // untouched on failure
+  // Registration at load is the install test's (this program links the parts statically).
+  const Kiv::TypeRecord* record = &Kiv::EnumInfo<RouteKeyType>::type();
+  EXPECT_EQ(Kiv::findType("Routing::Multicast::Fib::RouteKeyType"), record);
+  ASSERT_EQ(record->literals.size(), 7u);
+  EXPECT_EQ(record->literals[6].name, "mroute");
+  EXPECT_EQ(Kiv::enumInstance<RouteKeyType>("ethGroup"), ethGroup_);
+}
+
 TEST(RouteKeyTypeTest, GroupKeyOrderAndText) {
   using ::Multicast::Group::GroupKey;
   EXPECT_LT(GroupKey(1, 9, 9), GroupKey(2, 0, 0));

@@ -195,13 +195,21 @@ def generate(text, source_name, header_path, catalog=None, path=None):
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument('description')
-    ap.add_argument('--out', required=True, help='directory of the generated .h and .cc')
-    ap.add_argument('--include-prefix', required=True, help='include path of the header, less its name')
+    ap.add_argument('description', nargs='?', default='')
+    ap.add_argument('--out', help='directory of the generated .h and .cc')
+    ap.add_argument('--include-prefix', help='include path of the header, less its name')
     ap.add_argument('--src', help='source root whose descriptions (and their include paths) are known')
     ap.add_argument('--check', action='store_true', help='compare with the files in --out instead of writing')
     ap.add_argument('--anchor', action='store_true', help='print the link anchor of the unit and exit')
+    ap.add_argument('--list-types', action='store_true',
+                    help='print the qualified name of every type described under --src and exit')
     args = ap.parse_args()
+    if args.list_types:
+        catalog = default_catalog(args.src, None, parse)
+        print('\n'.join(sorted(set(catalog.registered))))
+        return
+    if not (args.description and args.out and args.include_prefix):
+        ap.error('a description, --out and --include-prefix are needed')
     stem = os.path.splitext(os.path.basename(args.description))[0]
     header_path = '%s/%s.h' % (args.include_prefix, stem)
     if args.anchor:

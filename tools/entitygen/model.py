@@ -90,6 +90,7 @@ class Catalog:
 
     def __init__(self):
         self.entries = {}
+        self.registered = []  # the registry names of the described types
 
     def add(self, qname, header, kind, where):
         old = self.entries.get(qname)
@@ -101,8 +102,10 @@ class Catalog:
         for t in d.types:
             where = '%s:%d' % (d.path, t.line)
             self.add('%s::%s' % (d.ns, t.name), d.header, t.kind, where)
+            self.registered.append(t.qname)
             for e in t.enums:
                 self.add('%s::%s::%s' % (d.ns, t.name, e.name), d.header, 'enum', where)
+                self.registered.append('%s::%s::%s' % (d.ns, t.name, e.name))
 
     def add_known(self, path):
         with open(path) as f:
