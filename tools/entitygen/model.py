@@ -140,7 +140,7 @@ def used_types(t):
             continue
         for name in (m.type, m.key):
             if name:
-                ptr = re.fullmatch(r'Kiv::(?:Valid)?Ptr<\s*([\w:]+)\s*>', name)
+                ptr = re.fullmatch(r'Kiv::(?:Valid)?Ptr<\s*(?:const\s+)?([\w:]+)\s*>', name)
                 yield m, ptr.group(1) if ptr else name
 
 

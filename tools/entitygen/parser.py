@@ -13,6 +13,8 @@ BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S
 SCALAR = re.compile(r'([\w:]+)\s*(?:=\s*(".*"|[^"]+?))?\s*(?:(range|max)\s+(\S+))?$')
 # Trailing options of a member line: "id 263", "capacity 12000", "keyed key", and single words.
 OPTION_WITH_VALUE = re.compile(r'\s+(id|capacity|keyed)\s+(\w+)\s*$')
+# A collection's value: a type name, or a counted reference to an entity.
+VALUE_TYPE = re.compile(r'[\w:]+|Kiv::Ptr<\s*(?:const\s+)?[\w:]+\s*>')
 OPTION_WORD = re.compile(r'\s+(ordered|ctor|valid)\s*$')
 
 
@@ -176,9 +178,9 @@ def parse_member(t, line, doc, line_no):
             raise DescriptionError('%r is not an option of %s' % (option, kind))
     if kind in ('coll', 'child', 'table'):
         key, arrow, value = decl.partition('->')
-        if not arrow or not value.strip() or len(value.split()) != 1:
+        if not arrow or not VALUE_TYPE.fullmatch(value.strip()):
             raise DescriptionError('%s needs "key -> value"' % kind)
-        member = Member(kind, name, ctype(value.strip()), key=ctype(key.strip()), ordered='ordered' in options,
+        member = Member(kind, name, ctype(re.sub(r'\s+', ' ', value.strip())), key=ctype(key.strip()), ordered='ordered' in options,
                         line=line_no)
         member.keyed = options.get('keyed')
         if kind == 'table':
