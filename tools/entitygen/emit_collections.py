@@ -9,14 +9,15 @@ COLL_DECL = '''
   {{V}} {{x}}({{KP}} k) const { return Kiv::collValue({{x}}_, k); }
   void {{x}}Is({{KP}} k, {{VP}} v);
   void new{{X}}({{KP}} k, {{VP}} v);
-  void {{x}}Del({{KP}} k);
+  // Returns the removed value; V() when the key was absent (nobody is told then).
+  {{V}} {{x}}Del({{KP}} k);
   void {{x}}Del({{X}}Map::const_iterator it);
   void {{x}}DelAll();
   void {{x}}Notify({{KP}} k);'''
 COLL_DEF = '''
 void {{E}}::{{x}}Is({{KP}} k, {{VP}} v) { Kiv::collIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, v, &NotifieeConst::on{{X}}); }
 void {{E}}::new{{X}}({{KP}} k, {{VP}} v) { Kiv::collNew<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, v, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{KP}} k) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
+{{V}} {{E}}::{{x}}Del({{KP}} k) { return Kiv::collTake<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}Del({{X}}Map::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, it, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}DelAll() { Kiv::collDelAll<NotifieeConst>(*this, k{{X}}Id, {{x}}_, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}Notify({{KP}} k) { Kiv::collNotify<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }'''

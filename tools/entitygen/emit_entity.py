@@ -14,7 +14,7 @@ ENTITY_DECL = '''
   class NotifieeConst;
   class Notifiee;
 
-  explicit {{NAME}}(const Kiv::Name& name{{CTOR_PARAMS}});
+  explicit {{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}});
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
 {{MOUNT}}{{MEMBERS}}
@@ -39,7 +39,7 @@ DERIVED_NOTIFIER = '''
   void notifierIs(const Kiv::Ptr<const {{NAME}}>& e) { notifierEntityIs(const_cast<{{NAME}}*>(e.ptr())); }'''
 
 ENTITY_DEFS = '''
-{{NAME}}::{{NAME}}(const Kiv::Name& name{{CTOR_PARAMS}}) : {{BASE}}(name){{CTOR_INITS}} {{{CALL_INIT}}}
+{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName){{CTOR_INITS}} {{{CALL_INIT}}}
 
 const Kiv::TypeRecord& {{NAME}}::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{{ATTRS}}});
@@ -113,7 +113,7 @@ def emit_scalar(t, m, enums, holes, out):
         return
     if m.kind == 'backptr':
         decls.append(fill(BACKPTR_DECL, **holes))
-        storage.append('  %s* %s_ = nullptr;' % (m.type, x))
+        storage.append('  %s* %s_%s;' % (m.type, x, '' if m.ctor else ' = nullptr'))
         attrs.append(attr_record(m, 'backptr'))
         return
     if m.kind == 'ref':
@@ -157,25 +157,61 @@ def reset_lines(t):
     return ''.join(resets), ' && '.join(defaults) or 'true'
 
 
-def factory(t, by_name, enums):
-    """(declaration, definition) of the factory: XIs(name), or name(attribute...) when described."""
-    if not t.factory:
-        return '', ''
-    if t.factory_name is None:
-        holes = dict(NAME=t.name, FACTORY='%sIs' % t.name, PARAMS='const Kiv::Name& name', ARGS='name')
-    else:
-        for a in t.factory_args:
-            if a not in by_name or not by_name[a].ctor and not by_name[a].valid:
-                raise DescriptionError('line %d: factory argument %r is not an attribute set at construction'
-                                       % (t.line, a))
-        params = ', '.join('%s %s' % (arg_param(by_name[a], enums), a) for a in t.factory_args)
-        args = ', '.join(['Kiv::Name("%s")' % t.name] + t.factory_args)
-        holes = dict(NAME=t.name, FACTORY=t.factory_name, PARAMS=params, ARGS=args)
-    return fill(FACTORY_DECL, **holes), fill(FACTORY_DEF, **holes)
+def ctor_members(t):
+    """The members the constructor takes, in declaration order."""
+    return [m for m in t.members if m.ctor or (m.kind == 'ref' and m.valid)]
 
 
 def arg_param(m, enums):
-    return ref_param(m) if m.kind == 'ref' else param(m.type, enums)
+    if m.kind == 'ref':
+        return ref_param(m)
+    if m.kind == 'backptr':
+        return '%s*' % m.type
+    return param(m.type, enums)
+
+
+def ctor_params(t, enums):
+    """", T x[ = {}]" for each constructor member; those after the last required one have defaults."""
+    members = ctor_members(t)
+    required = max([i for i, m in enumerate(members) if m.kind == 'ref'] + [-1])
+    return ''.join(', %s %s%s' % (arg_param(m, enums), m.name, ' = {}' if i > required else '')
+                   for i, m in enumerate(members))
+
+
+def factories(t, by_name, enums):
+    """(declarations, definitions): XIs(name) when nothing must be given, and each named factory."""
+    if not t.factory:
+        return '', ''
+    members = ctor_members(t)
+    decls, defs = [], []
+    if not any(m.kind == 'ref' for m in members):
+        holes = dict(NAME=t.name, FACTORY='%sIs' % t.name, PARAMS='const Kiv::Name& name', ARGS='name')
+        decls.append(fill(FACTORY_DECL, **holes))
+        defs.append(fill(FACTORY_DEF, **holes))
+    for function, args in t.factories:
+        params, entity_name = [], None
+        for a in args:
+            m = by_name.get(a)
+            if m is None and a == 'name':
+                params.append('const Kiv::Name& name')
+                entity_name = 'name'
+            elif m is None or m not in members:
+                raise DescriptionError('line %d: factory argument %r is not an attribute set at construction'
+                                       % (t.line, a))
+            else:
+                params.append('%s %s' % (arg_param(m, enums), a))
+        for m in members:
+            if m.kind == 'ref' and m.name not in args:
+                raise DescriptionError('line %d: factory %s must take %s' % (t.line, function, m.name))
+        if entity_name is None:
+            entity_name = 'Kiv::childName(%s)' % args[0] if args else 'Kiv::Name("%s")' % t.name
+        call = [entity_name] + [m.name if m.name in args else '{}' for m in members]
+        while len(call) > 1 and call[-1] == '{}':
+            call.pop()
+        holes = dict(NAME=t.name, FACTORY=function, PARAMS=', '.join(params), ARGS=', '.join(call))
+        decls.append(fill(FACTORY_DECL, **holes))
+        defs.append(fill(FACTORY_DEF, **holes))
+    return ''.join(decls), ''.join(defs)
 
 
 def emit_entity(ns, t, enums):
@@ -202,9 +238,8 @@ def emit_entity(ns, t, enums):
         else:
             emit_scalar(t, m, enums, holes, out)
     by_name = {m.name: m for m in t.members}
-    ctor_members = [m for m in t.members if m.ctor or (m.kind == 'ref' and m.valid)]
-    ctor_params = ''.join(', %s %s' % (arg_param(m, enums), m.name) for m in ctor_members)
-    ctor_inits = ''.join(', %s_(%s)' % (m.name, m.name) for m in ctor_members)
+    ctor_inits = ''.join(', %s_(%s)' % (m.name, m.name) for m in ctor_members(t))
+    params = ctor_params(t, enums)
     reset, is_default = reset_lines(t)
     if t.mount:
         mount = fill(MOUNT_ARGS_DECL if t.mount_args else MOUNT_DECL, V4=t.mount[0], V6=t.mount[1])
@@ -216,15 +251,16 @@ def emit_entity(ns, t, enums):
     for declaration, doc in t.methods:
         decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
     base = t.parent or 'Kiv::Entity'
-    factory_decl, factory_def = factory(t, by_name, enums)
+    factory_decl, factory_def = factories(t, by_name, enums)
     decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,
-                IDS='\n'.join(ids), CTOR_PARAMS=ctor_params, MOUNT=mount, MEMBERS='\n'.join(decls),
+                IDS='\n'.join(ids), CTOR_PARAMS=params, MOUNT=mount, MEMBERS='\n'.join(decls),
                 INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
                 NOTIFIEE_BASE=('%s::NotifieeConst' % t.parent) if t.parent else 'Kiv::NotifieeConstOf<%s>' % t.name,
                 NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',
                 CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl)
     init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
-    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, CTOR_PARAMS=ctor_params, CTOR_INITS=ctor_inits,
+    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, CTOR_PARAMS=params.replace(' = {}', ''),
+                      CTOR_INITS=ctor_inits,
                       CALL_INIT=' doInit(); ' if t.init else '', ATTRS=', '.join(attrs),
                       DEFS='\n'.join(defs) + '\n', RESET=reset, IS_DEFAULT=is_default, INIT_DEF=init_def,
                       FACTORY=factory_def)

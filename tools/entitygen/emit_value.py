@@ -7,7 +7,7 @@ VALUE_DECL = '''
  public:
   static constexpr std::string_view kTypeName = "{{NS}}::{{NAME}}";
   {{NAME}}() = default;{{CTOR}}
-{{MEMBERS}}
+{{MEMBERS}}{{METHODS}}
 
   friend bool operator==(const {{NAME}}&, const {{NAME}}&) = default;
   friend bool operator<(const {{NAME}}& a, const {{NAME}}& b) { return {{TIE_A}} < {{TIE_B}}; }
@@ -122,7 +122,9 @@ def emit_value(ns, t, enums):
         return decl, after, definition
     tie = lambda o: 'std::tie(%s)' % ', '.join('%s.%s_' % (o, f.name) for f in fields)
     ctor = fill(VALUE_CTOR, EXPLICIT='explicit ' if len(fields) == 1 else '', NAME=t.name, PARAMS=params)
+    methods = ''.join('\n' + doc_comment(doc, '  ') + '  %s;' % declaration for declaration, doc in t.methods)
     decl = fill(VALUE_DECL, DOC=doc_comment(t.doc), NAME=t.name, NS=ns, CTOR=ctor, MEMBERS='\n'.join(members),
+                METHODS=methods,
                 TIE_A=tie('a'), TIE_B=tie('b'), STORAGE='\n'.join(storage))
     after = fill(VALUE_HASH, NS=ns, NAME=t.name)
     definition = fill(VALUE_DEFS, NS=ns, NAME=t.name, ATTRS=attrs,

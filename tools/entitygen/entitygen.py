@@ -183,6 +183,10 @@ def generate(text, source_name, header_path, catalog=None, path=None):
             hashes.append(h)
             defs.append(definition)
             registers.append('%s::type()' % t.name)
+    entities = [t.name for t in types if t.kind == 'entity']
+    if len(entities) > 1:
+        # Entities of one description may point at each other (back pointers, references).
+        decls.insert(0, '\n' + ''.join('class %s;\n' % e for e in entities))
     after = ''.join(infos) + ''.join(hashes)
     if funcs:
         after += '\nnamespace %s {\n%s\n}  // namespace %s\n' % (ns, ''.join(funcs), ns)

@@ -48,7 +48,8 @@ class Type:
         self.kind, self.name, self.doc, self.line = kind, name, doc, line
         self.members, self.enums, self.reset, self.mount = [], [], [], None
         self.init, self.factory, self.literals, self.base = None, True, [], None
-        self.factory_name, self.factory_args = None, []
+        self.factories = []  # named factories: (function name, argument names)
+        self.attach_on_parent = False
         self.parent = None  # entity inheritance: the base entity's name
         self.methods = []  # hand-written operations: (declaration, comment lines)
         self.mount_args = False  # mount paths with a VRF and application

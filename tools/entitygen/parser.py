@@ -6,8 +6,8 @@ from model import (UNSIGNED_BITS, DescriptionError, Description, Member, Type, c
 
 MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
 ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child',
-                      'table', 'ref', 'backptr', 'method'},
-           'value': {'field'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
+                      'table', 'ref', 'backptr', 'method', 'attach'},
+           'value': {'field', 'method'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
 NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)(\(\))?\s*=\s*(\w+)(?:\s+test\s+(!?\w+))?$')
 BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
 SCALAR = re.compile(r'([\w:]+)\s*(?:=\s*(".*"|[^"]+?))?\s*(?:(range|max)\s+(\S+))?$')
@@ -136,6 +136,9 @@ def parse_member(t, line, doc, line_no):
     if t.kind in ('flags', 'bounded'):
         parse_word_member(t, line, doc, line_no)
         return
+    if t.kind == 'value' and word == 'method':
+        parse_method(t, rest, doc)
+        return
     if word == 'reset':
         t.reset = rest.split()
         return
@@ -153,11 +156,14 @@ def parse_member(t, line, doc, line_no):
             raise DescriptionError('mount needs an IPv4 and an IPv6 path')
         t.mount = words
         return
+    if word == 'attach':
+        # attach on-parent: mount the tables when the entity gets its parent, under its path.
+        if rest.strip() != 'on-parent':
+            raise DescriptionError('the only attach is "attach on-parent"')
+        t.attach_on_parent = True
+        return
     if word == 'method':
-        # A hand-written operation: its declaration goes into the class as written.
-        if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?', rest.strip()):
-            raise DescriptionError('method needs a C++ declaration "Type name(params) [const]"')
-        t.methods.append((rest.strip(), list(doc)))
+        parse_method(t, rest, doc)
         return
     if word == 'enum':
         name, _, lits = rest.partition(':')
@@ -172,7 +178,7 @@ def parse_member(t, line, doc, line_no):
     decl, options = split_options(decl)
     allowed = {'coll': {'id', 'ordered', 'keyed'}, 'child': {'id', 'ordered'}, 'table': {'id', 'capacity'},
                'attr': {'id', 'ctor'}, 'counter': {'id'}, 'const': {'id'}, 'ref': {'id', 'valid'},
-               'backptr': set(), 'field': set()}[kind]
+               'backptr': {'ctor'}, 'field': set()}[kind]
     for option in options:
         if option not in allowed:
             raise DescriptionError('%r is not an option of %s' % (option, kind))
@@ -192,6 +198,7 @@ def parse_member(t, line, doc, line_no):
             raise DescriptionError('%s needs one entity type' % kind)
         member = Member(kind, name, decl, line=line_no)
         member.valid = 'valid' in options
+        member.ctor = 'ctor' in options
     else:
         m2 = SCALAR.match(decl)
         if not m2:
@@ -210,19 +217,26 @@ def parse_member(t, line, doc, line_no):
         raise DescriptionError('%s is declared twice' % name)
 
 
+def parse_method(t, rest, doc):
+    """A hand-written operation: its declaration goes into the class as written."""
+    if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?', rest.strip()):
+        raise DescriptionError('method needs a C++ declaration "Type name(params) [const]"')
+    t.methods.append((rest.strip(), list(doc)))
+
+
 FACTORY = re.compile(r'(\w+)\s*\(([\w\s,]*)\)$')
 
 
 def parse_factory(t, rest):
-    """factory none | factory name(attr, ...): the arguments are attributes set at construction."""
+    """factory none | factory name(arg, ...): each argument is an attribute set at construction, or
+    `name`, the entity's name, when no attribute is called so."""
     if rest == 'none':
         t.factory = False
         return
     m = FACTORY.match(rest)
     if not m:
         raise DescriptionError('factory needs "none" or "name(attribute, ...)"')
-    t.factory_name = m.group(1)
-    t.factory_args = [a.strip() for a in m.group(2).split(',') if a.strip()]
+    t.factories.append((m.group(1), [a.strip() for a in m.group(2).split(',') if a.strip()]))
 
 
 def parse_word_member(t, line, doc, line_no):

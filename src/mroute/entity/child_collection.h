@@ -51,7 +51,13 @@ template <class N, class Map>
 auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
               void (N::*on)(const typename Map::key_type&)) {
   using Child = typename Map::mapped_type;  // Ptr<C>
-  Child c = new std::remove_reference_t<decltype(*Child())>(childName(k));
+  using C = std::remove_reference_t<decltype(*Child())>;
+  Child c;
+  if constexpr (std::is_constructible_v<C, const Name&, const typename Map::key_type&>) {
+    c = new C(childName(k), k);  // a child that keeps its key as an attribute (RouteStatus::key)
+  } else {
+    c = new C(childName(k));
+  }
   c->parentIs(&parent);
   auto [it, inserted] = m.try_emplace(k, c);
   if (!inserted) {

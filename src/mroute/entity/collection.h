@@ -68,6 +68,18 @@ bool collDel(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k
   return true;
 }
 
+// Removes the member under k and returns its value; V() and no notification
+// when the key is absent.
+template <class N, class Map>
+typename Map::mapped_type collTake(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
+                                   void (N::*on)(const typename Map::key_type&)) {
+  auto it = m.find(k);
+  if (it == m.end()) return typename Map::mapped_type{};
+  typename Map::mapped_type v = it->second;
+  collDel(e, id, m, typename Map::const_iterator(it), on);
+  return v;
+}
+
 // Removes every member one at a time, each with its own notification. A
 // callback may change the collection: the walk restarts from the front.
 template <class N, class Map>

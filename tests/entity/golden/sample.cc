@@ -62,7 +62,7 @@ const Kiv::TypeRecord& Weight::type() {
   return record;
 }
 
-Leaf::Leaf(const Kiv::Name& name) : Kiv::Entity(name) {}
+Leaf::Leaf(const Kiv::Name& entityName) : Kiv::Entity(entityName) {}
 
 const Kiv::TypeRecord& Leaf::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity, {}, {{"weight", 258, "attr", "uint32_t", "7", 0, ""}});
@@ -78,7 +78,7 @@ bool Leaf::isDefault() const { return true; }
 
 Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name) { return new Leaf(name); }
 
-Holder::Holder(const Kiv::Name& name) : Kiv::Entity(name) { doInit(); }
+Holder::Holder(const Kiv::Name& entityName) : Kiv::Entity(entityName) { doInit(); }
 
 const Kiv::TypeRecord& Holder::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity, {}, {{"flag", 258, "attr", "bool", "true", 0, ""}, {"mode", 259, "attr", "Mode", "Mode::on", 0, ""}, {"flagDefault", 260, "const", "bool", "true", 0, ""}, {"ticks", 261, "counter", "uint8_t", "0", 0, ""}, {"item", 262, "coll", "uint32_t -> Kiv::String", "", 0, "itemIs itemDel itemNotify"}, {"sorted", 263, "coll", "Kiv::Name -> bool", "", 0, "sortedIs sortedDel sortedNotify"}, {"leaf", 264, "child", "Kiv::Name -> Leaf", "", 0, "leafIs leafDel leafNotify"}, {"span", 265, "attr", "Span", "", 0, ""}});
@@ -96,14 +96,14 @@ uint8_t Holder::ticksDec(uint8_t n) { return Kiv::attrDec<NotifieeConst>(*this, 
 
 void Holder::itemIs(uint32_t k, const Kiv::String& v) { Kiv::collIs<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
 void Holder::newItem(uint32_t k, const Kiv::String& v) { Kiv::collNew<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
-void Holder::itemDel(uint32_t k) { Kiv::collDel<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
+Kiv::String Holder::itemDel(uint32_t k) { return Kiv::collTake<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
 void Holder::itemDel(ItemMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kItemId, item_, it, &NotifieeConst::onItem); }
 void Holder::itemDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kItemId, item_, &NotifieeConst::onItem); }
 void Holder::itemNotify(uint32_t k) { Kiv::collNotify<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
 
 void Holder::sortedIs(const Kiv::Name& k, bool v) { Kiv::collIs<NotifieeConst>(*this, kSortedId, sorted_, k, v, &NotifieeConst::onSorted); }
 void Holder::newSorted(const Kiv::Name& k, bool v) { Kiv::collNew<NotifieeConst>(*this, kSortedId, sorted_, k, v, &NotifieeConst::onSorted); }
-void Holder::sortedDel(const Kiv::Name& k) { Kiv::collDel<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
+bool Holder::sortedDel(const Kiv::Name& k) { return Kiv::collTake<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
 void Holder::sortedDel(SortedMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kSortedId, sorted_, it, &NotifieeConst::onSorted); }
 void Holder::sortedDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kSortedId, sorted_, &NotifieeConst::onSorted); }
 void Holder::sortedNotify(const Kiv::Name& k) { Kiv::collNotify<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
@@ -179,7 +179,7 @@ Entry Entry::fromText(std::string_view text) {
   return v;
 }
 
-Branch::Branch(const Kiv::Name& name) : Leaf(name) {}
+Branch::Branch(const Kiv::Name& entityName) : Leaf(entityName) {}
 
 const Kiv::TypeRecord& Branch::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Branch", Kiv::TypeKind::entity, {}, {{"length", 259, "attr", "uint16_t", "3", 0, ""}});
@@ -195,7 +195,7 @@ bool Branch::isDefault() const { return true; }
 
 Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name) { return new Branch(name); }
 
-Tree::Tree(const Kiv::Name& name, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(name), height_(height), root_(root) {}
+Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) {}
 
 const Kiv::TypeRecord& Tree::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Tree", Kiv::TypeKind::entity, {}, {{"height", 258, "ctor", "uint32_t", "", 0, ""}, {"root", 259, "validref", "Leaf", "", 0, ""}, {"shade", 260, "ref", "Holder", "", 0, ""}, {"forest", 261, "backptr", "Holder", "", 0, ""}, {"prefixGroup", 262, "const", "Orvet::IpGenPrefix", "224.0.0.0/4", 0, ""}, {"rings", 263, "counter", "uint32_t", "0", 0, ""}, {"late", 270, "attr", "bool", "false", 0, ""}, {"entry", 271, "coll", "uint32_t -> Entry", "", 0, "entryIs entryDel entryNotify"}, {"byVlan", 272, "child", "Bridging::VlanId -> Leaf", "", 0, "byVlanIs byVlanDel byVlanNotify"}, {"sortedLeaf", 273, "child", "Kiv::Name -> Leaf", "", 0, "sortedLeafIs sortedLeafDel sortedLeafNotify"}, {"entries", 274, "table", "uint32_t -> Entry", "", 16, "entriesIs entriesDel entriesNotify"}});
@@ -260,7 +260,7 @@ void Tree::reset() {
 
 bool Tree::isDefault() const { return !shade_ && rings_ == 0 && late_ == false && entry_.empty() && byVlan_.empty(); }
 
-Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root) { return new Tree(Kiv::Name("Tree"), height, root); }
+Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root) { return new Tree(Kiv::childName(height), height, root); }
 
 namespace {
 // Registers the types of this unit, in declaration order, at load.

@@ -19,6 +19,11 @@
 
 namespace Sample {
 
+class Leaf;
+class Holder;
+class Branch;
+class Tree;
+
 // How loud a sample is.
 enum class Volume : uint8_t { quiet = 0, normal = 1, loud = 2 };
 
@@ -156,7 +161,7 @@ class Leaf : public Kiv::Entity {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Leaf(const Kiv::Name& name);
+  explicit Leaf(const Kiv::Name& entityName);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
 
@@ -195,7 +200,7 @@ class Holder : public Kiv::Entity {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Holder(const Kiv::Name& name);
+  explicit Holder(const Kiv::Name& entityName);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
   static std::string mountPath(Orvet::AddressFamily af) { return Kiv::familyPath(af.value(), "sample/holder", "sample6/holder"); }
@@ -219,7 +224,8 @@ class Holder : public Kiv::Entity {
   Kiv::String item(uint32_t k) const { return Kiv::collValue(item_, k); }
   void itemIs(uint32_t k, const Kiv::String& v);
   void newItem(uint32_t k, const Kiv::String& v);
-  void itemDel(uint32_t k);
+  // Returns the removed value; V() when the key was absent (nobody is told then).
+  Kiv::String itemDel(uint32_t k);
   void itemDel(ItemMap::const_iterator it);
   void itemDelAll();
   void itemNotify(uint32_t k);
@@ -229,7 +235,8 @@ class Holder : public Kiv::Entity {
   bool sorted(const Kiv::Name& k) const { return Kiv::collValue(sorted_, k); }
   void sortedIs(const Kiv::Name& k, bool v);
   void newSorted(const Kiv::Name& k, bool v);
-  void sortedDel(const Kiv::Name& k);
+  // Returns the removed value; V() when the key was absent (nobody is told then).
+  bool sortedDel(const Kiv::Name& k);
   void sortedDel(SortedMap::const_iterator it);
   void sortedDelAll();
   void sortedNotify(const Kiv::Name& k);
@@ -346,7 +353,7 @@ class Branch : public Leaf {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Branch(const Kiv::Name& name);
+  explicit Branch(const Kiv::Name& entityName);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
 
@@ -388,7 +395,7 @@ class Tree : public Kiv::Entity {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Tree(const Kiv::Name& name, uint32_t height, const Kiv::ValidPtr<Leaf>& root);
+  explicit Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
   static std::string mountPath(Orvet::AddressFamily af, const L3::VrfName& vrf, const Kiv::Name& application) {
