@@ -132,9 +132,23 @@ def emit_collection(t, m, enums, holes, out):
     attrs.append(attr_record(m, m.kind, m.capacity or 0, ops))
 
 
+ATTACH_DECL = '''
+
+ protected:
+  // Mounts the tables under the entity's path when it gets a parent.
+  void handleParent() override;
+
+ public:'''
+ATTACH_DEF = '''
+void {{E}}::handleParent() { KivBrume::attachOnParent(*this, &{{E}}::mountTables, &{{E}}::unmountTables); }'''
+
+
 def emit_mount_tables(t, tables, out):
     decls, defs = out[0], out[1]
     decls.append(MOUNT_TABLES_DECL)
+    if t.attach_on_parent:
+        decls.append(ATTACH_DECL)
+        defs.append(fill(ATTACH_DEF, E=t.name))
     mounts = ''.join(fill(MOUNT_ONE, x=m.name, K=m.key) for m in tables)
     unmounts = ''.join('\n  %s_.unmount();' % m.name for m in tables)
     defs.append(fill(MOUNT_TABLES_DEF, E=t.name, MOUNTS=mounts, UNMOUNTS=unmounts))

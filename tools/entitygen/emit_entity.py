@@ -245,6 +245,8 @@ def emit_entity(ns, t, enums):
         mount = fill(MOUNT_ARGS_DECL if t.mount_args else MOUNT_DECL, V4=t.mount[0], V6=t.mount[1])
     else:
         mount = ''
+    if t.attach_on_parent and not tables:
+        raise DescriptionError('line %d: %s: "attach on-parent" needs a table' % (t.line, t.name))
     if tables:
         from emit_collections import emit_mount_tables
         emit_mount_tables(t, tables, out)

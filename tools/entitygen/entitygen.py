@@ -179,8 +179,8 @@ def generate(text, source_name, header_path, catalog=None, path=None):
             registers.append('%s::type()' % t.name)
         else:
             dcl, h, definition = emit_value(ns, t, enums)
-            decls.append(dcl)
-            hashes.append(h)
+            # The hash goes right after its type: later types of the unit may key maps by it.
+            decls.append(dcl + '\n}  // namespace %s\n%s\nnamespace %s {\n' % (ns, h, ns))
             defs.append(definition)
             registers.append('%s::type()' % t.name)
     entities = [t.name for t in types if t.kind == 'entity']

@@ -162,6 +162,12 @@ def check_types(d, catalog):
                 raise DescriptionError('%s:%d: unknown type %r' % (d.path, m.line or t.line, name))
             if found.header and found.header != d.header and found.header not in headers:
                 headers.append(found.header)
+        # Hand-written methods are C++ as written; the types they name that the catalog knows are included.
+        for declaration, _ in t.methods:
+            for name in re.findall(r'[A-Za-z_][\w:]*', declaration):
+                found = catalog.resolve(name, scopes_of(d.ns, t.name))
+                if found and found.header and found.header != d.header and found.header not in headers:
+                    headers.append(found.header)
     return headers
 
 

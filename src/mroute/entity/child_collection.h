@@ -47,14 +47,17 @@ Name childName(const K& k) {
 
 // Creates a child named after the key, replacing a member of that key,
 // and notifies.
-template <class N, class Map>
-auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
+template <class N, class P, class Map>
+auto childNew(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
               void (N::*on)(const typename Map::key_type&)) {
   using Child = typename Map::mapped_type;  // Ptr<C>
   using C = std::remove_reference_t<decltype(*Child())>;
+  using K = typename Map::key_type;
   Child c;
-  if constexpr (std::is_constructible_v<C, const Name&, const typename Map::key_type&>) {
-    c = new C(childName(k), k);  // a child that keeps its key as an attribute (RouteStatus::key)
+  if constexpr (std::is_constructible_v<C, const Name&, const K&, P*>) {
+    c = new C(childName(k), k, &parent);  // keeps its key and a back pointer (PimIntf::IntfStatus)
+  } else if constexpr (std::is_constructible_v<C, const Name&, const K&>) {
+    c = new C(childName(k), k);  // keeps its key as an attribute (Hardware::RouteStatus::key)
   } else {
     c = new C(childName(k));
   }
@@ -69,8 +72,8 @@ auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k
 }
 
 // The existing child, or a new one.
-template <class N, class Map>
-auto childIs(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
+template <class N, class P, class Map>
+auto childIs(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
              void (N::*on)(const typename Map::key_type&)) {
   if (const auto* c = m.lookup(k)) return *c;
   return childNew(parent, id, m, k, on);

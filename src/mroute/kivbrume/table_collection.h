@@ -15,6 +15,7 @@
 
 #include "mroute/entity/collection.h"
 #include "mroute/entity/kiv/entity.h"
+#include "mroute/kivbrume/attach_on_parent.h"
 #include "mroute/kivbrume/kiv_brume_map.h"
 
 namespace KivBrume {

@@ -63,6 +63,15 @@ class Span {
 
 std::ostream& operator<<(std::ostream& os, const Span& v);
 
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Span> {
+  size_t operator()(const Sample::Span& v) const { return v.hash(); }
+};
+
+namespace Sample {
+
 class Marks : public Kiv::FlagSet<Marks, uint8_t, 2> {
  public:
   using FlagSet::FlagSet;
@@ -317,6 +326,15 @@ class Nothing {
 
 std::ostream& operator<<(std::ostream& os, const Nothing& v);
 
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Nothing> {
+  size_t operator()(const Sample::Nothing& v) const { return v.hash(); }
+};
+
+namespace Sample {
+
 // A record filed under its own key, in a table or a keyed collection.
 class Entry {
  public:
@@ -344,6 +362,15 @@ class Entry {
 };
 
 std::ostream& operator<<(std::ostream& os, const Entry& v);
+
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Entry> {
+  size_t operator()(const Sample::Entry& v) const { return v.hash(); }
+};
+
+namespace Sample {
 
 // A Leaf with more: its attributes count on after Leaf's.
 class Branch : public Leaf {
@@ -531,21 +558,6 @@ struct Kiv::EnumInfo<Sample::Volume> {
 template <>
 struct Kiv::EnumInfo<Sample::Holder::Mode> {
   static const TypeRecord& type();
-};
-
-template <>
-struct std::hash<Sample::Span> {
-  size_t operator()(const Sample::Span& v) const { return v.hash(); }
-};
-
-template <>
-struct std::hash<Sample::Nothing> {
-  size_t operator()(const Sample::Nothing& v) const { return v.hash(); }
-};
-
-template <>
-struct std::hash<Sample::Entry> {
-  size_t operator()(const Sample::Entry& v) const { return v.hash(); }
 };
 
 namespace Sample {

@@ -70,4 +70,10 @@ void Entity::onZeroReferences() {
   delete this;
 }
 
+std::string entityPath(const Entity& e) {
+  std::string path = e.name().stdString();
+  for (const Entity* p = e.parent(); p != nullptr; p = p->parent()) path = p->name().stdString() + "/" + path;
+  return path;
+}
+
 }  // namespace Kiv

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "mroute/entity/kiv/ptr.h"
@@ -108,7 +109,13 @@ class Entity : public PtrInterface {
   void nameIsFromBackup(const Name& name) { name_ = name; }
 
   Entity* parent() const { return parent_; }
-  void parentIs(Entity* parent) { parent_ = parent; }
+  // Then handleParent(): an entity whose place in the tree matters (its
+  // tables are mounted under its path) reacts there.
+  void parentIs(Entity* parent) {
+    if (parent == parent_) return;
+    parent_ = parent;
+    handleParent();
+  }
 
   virtual const TypeRecord& fwkType() const = 0;
 
@@ -129,6 +136,7 @@ class Entity : public PtrInterface {
   explicit Entity(const Name& name) : name_(name) {}
   ~Entity() override;
   void onZeroReferences() override;
+  virtual void handleParent() {}
 
  private:
   Name name_;
@@ -136,5 +144,9 @@ class Entity : public PtrInterface {
   bool zeroReferences_ = false;
   mutable NotifieeList notifiees_;
 };
+
+// The entity's place in the tree: the names from the root down to it, joined
+// by '/' ("config/default/counter").
+std::string entityPath(const Entity& e);
 
 }  // namespace Kiv
