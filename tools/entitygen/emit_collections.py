@@ -29,14 +29,14 @@ RECORD_DECL = '''
   {{V}} {{x}}({{KP}} k) const { return Kiv::collValue({{x}}_, k); }
   void {{x}}Is({{VP}} v);
   void new{{X}}({{VP}} v);
-  void {{x}}Del({{KP}} k);
+  {{V}} {{x}}Del({{KP}} k);
   void {{x}}Del({{X}}Map::const_iterator it);
   void {{x}}DelAll();
   void {{x}}Notify({{KP}} k);'''
 RECORD_DEF = '''
 void {{E}}::{{x}}Is({{VP}} v) { Kiv::collIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v.{{KEYED}}(), v, &NotifieeConst::on{{X}}); }
 void {{E}}::new{{X}}({{VP}} v) { Kiv::collNew<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v.{{KEYED}}(), v, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{KP}} k) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
+{{V}} {{E}}::{{x}}Del({{KP}} k) { return Kiv::collTake<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}Del({{X}}Map::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, it, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}DelAll() { Kiv::collDelAll<NotifieeConst>(*this, k{{X}}Id, {{x}}_, &NotifieeConst::on{{X}}); }
 void {{E}}::{{x}}Notify({{KP}} k) { Kiv::collNotify<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }'''

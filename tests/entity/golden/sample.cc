@@ -215,7 +215,7 @@ void Tree::lateIs(bool v) { Kiv::attrIs<NotifieeConst>(*this, kLateId, late_, v,
 
 void Tree::entryIs(const Entry& v) { Kiv::collIs<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
 void Tree::newEntry(const Entry& v) { Kiv::collNew<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
-void Tree::entryDel(uint32_t k) { Kiv::collDel<NotifieeConst>(*this, kEntryId, entry_, k, &NotifieeConst::onEntry); }
+Entry Tree::entryDel(uint32_t k) { return Kiv::collTake<NotifieeConst>(*this, kEntryId, entry_, k, &NotifieeConst::onEntry); }
 void Tree::entryDel(EntryMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kEntryId, entry_, it, &NotifieeConst::onEntry); }
 void Tree::entryDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kEntryId, entry_, &NotifieeConst::onEntry); }
 void Tree::entryNotify(uint32_t k) { Kiv::collNotify<NotifieeConst>(*this, kEntryId, entry_, k, &NotifieeConst::onEntry); }

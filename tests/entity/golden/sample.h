@@ -459,7 +459,7 @@ class Tree : public Kiv::Entity {
   Entry entry(uint32_t k) const { return Kiv::collValue(entry_, k); }
   void entryIs(const Entry& v);
   void newEntry(const Entry& v);
-  void entryDel(uint32_t k);
+  Entry entryDel(uint32_t k);
   void entryDel(EntryMap::const_iterator it);
   void entryDelAll();
   void entryNotify(uint32_t k);
