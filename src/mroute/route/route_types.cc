@@ -26,12 +26,6 @@ void registerValue(const char* name, std::vector<Kiv::AttrRecord> fields) {
   registerValue("Brume::Multicast::Fib::OifIndexIntf", {field("key", 258, "OifIndex"),
                                                          field("intf", 259, "Orvet::IntfId"),
                                                          field("refCount", 260, "uint32_t")});
-  registerValue("Brume::Multicast::Fib::BidirGroup",
-                {field("key", 258, "Orvet::IpGenPrefix"), field("rpa", 259, "RpaIndex")});
-  registerValue("Brume::Multicast::Fib::DfProfile",
-                {field("key", 258, "Orvet::IntfId"), field("dfBitmap", 259, "uint64_t")});
-  registerValue("Brume::Multicast::Fib::IntfOifIndex",
-                {field("key", 258, "Orvet::IntfId"), field("oifIndex", 259, "OifIndex")});
   registerValue("Brume::Multicast::Fib::MfibBrumeDirRouteKey",
                 {field("brumeKey", 258, "uint32_t"), field("routeKey", 259, "Routing::Multicast::Fib::IpGenRouteKey")});
   registerValue("Multicast::Group::GroupKey",
