@@ -31,7 +31,7 @@
 #include "mroute/kernel/mrt_notify_socket_pam.h"
 #include "mroute/kernel/vif_intf_map.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 namespace {
 

@@ -1,18 +1,25 @@
-# mroute_library(<name> SOURCES ... [DEPS ...])
-# One static library per subsystem, exported as mroute::<name>. Headers are
-# found from the shared source root so that includes read "mroute/route/...".
+# mroute_library(<name> [HEADER_ONLY] SOURCES ... [DEPS ...])
+# One static library per subsystem (HEADER_ONLY: an interface library of
+# templates), exported as mroute::<name>. Headers are found from the shared
+# source root so that includes read "mroute/route/...".
 function(mroute_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
-  add_library(mroute_${name} STATIC ${ARG_SOURCES})
+  cmake_parse_arguments(ARG "HEADER_ONLY" "" "SOURCES;DEPS" ${ARGN})
+  set(scope PUBLIC)
+  if(ARG_HEADER_ONLY)
+    add_library(mroute_${name} INTERFACE)
+    set(scope INTERFACE)
+  else()
+    add_library(mroute_${name} STATIC ${ARG_SOURCES})
+  endif()
   add_library(mroute::${name} ALIAS mroute_${name})
   set_target_properties(mroute_${name} PROPERTIES EXPORT_NAME ${name})
-  target_include_directories(mroute_${name} PUBLIC
+  target_include_directories(mroute_${name} ${scope}
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
     $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/src>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-  target_compile_features(mroute_${name} PUBLIC cxx_std_20)
+  target_compile_features(mroute_${name} ${scope} cxx_std_20)
   if(ARG_DEPS)
-    target_link_libraries(mroute_${name} PUBLIC ${ARG_DEPS})
+    target_link_libraries(mroute_${name} ${scope} ${ARG_DEPS})
   endif()
   set_property(GLOBAL APPEND PROPERTY MROUTE_LIBRARIES mroute_${name})
 endfunction()

@@ -92,7 +92,19 @@ TEST(TypeRegistrationTest, EveryTypeIsRegisteredAtLoadInUnitOrder) {
   }
   EXPECT_EQ(names, (std::vector<std::string>{"Sample::Volume", "Sample::Span", "Sample::Marks", "Sample::Octet",
                                              "Sample::Holder::Lone", "Sample::Slot", "Sample::Weight",
-                                             "Sample::Leaf", "Sample::Holder", "Sample::Holder::Mode"}));
+                                             "Sample::Leaf", "Sample::Holder", "Sample::Holder::Mode",
+                                             "Sample::RackSlot", "Sample::Nothing", "Sample::Entry",
+                                             "Sample::Branch", "Sample::Tree"}));
+  // Entities list their attributes with ids, kinds and defaults.
+  const Kiv::TypeRecord* tree = Kiv::findType("Sample::Tree");
+  ASSERT_NE(tree, nullptr);
+  ASSERT_EQ(tree->attributes.size(), 11u);
+  const Kiv::AttrRecord& entries = tree->attributes.back();
+  EXPECT_EQ(entries.id, 274);
+  EXPECT_EQ(entries.kind, "table");
+  EXPECT_EQ(entries.capacity, 16u);
+  EXPECT_EQ(entries.operations, "entriesIs entriesDel entriesNotify");
+  EXPECT_EQ(tree->attributes[4].defaultText, "224.0.0.0/4");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""A wrong flags or bounded description fails in the generator, naming its line,
-instead of producing C++ that fails to compile or checks the wrong range."""
+"""A wrong description fails in the generator, naming its file and line, instead of producing C++ that
+fails to compile or checks the wrong range; and the includes of a header follow from the types it uses."""
 import sys
 import unittest
 
@@ -38,6 +38,58 @@ class DescriptionErrors(unittest.TestCase):
         header, _ = generate('bounded B: u64 = 5 max 0xffffffffffffffff\nbounded C: u8 max 0x3f\n')
         self.assertIn('Kiv::BoundedValue<B, uint64_t, 0, 18446744073709551615ull, 5>', header)
         self.assertIn('Kiv::BoundedValue<C, uint8_t, 0, 63, 0>', header)
+
+
+class TypeCheck(unittest.TestCase):
+    def rejects(self, body, *words, catalog=None):
+        with self.assertRaises(entitygen.DescriptionError) as e:
+            entitygen.generate('namespace T\n' + body, 't.ent', 't/t.h', catalog)
+        for w in words:
+            self.assertIn(w, str(e.exception))
+
+    def other(self, text, path='other.ent', header='o/other.h'):
+        catalog = entitygen.Catalog()
+        catalog.add_known(entitygen.KNOWN_TYPES)
+        catalog.add_description(entitygen.parse(text, path, header))
+        return catalog
+
+    def test_unknown_types_name_file_and_line(self):
+        self.rejects('entity E\n  attr x: Nope\n', "t.ent:3: unknown type 'Nope'")
+        self.rejects('entity E\n  coll c: u32 -> Missing\n', "t.ent:3: unknown type 'Missing'")
+        self.rejects('entity E\n  table t: Absent -> u32 capacity 4\n', "t.ent:3: unknown type 'Absent'")
+        self.rejects('entity E\n  ref r: Gone\n', "t.ent:3: unknown type 'Gone'")
+        self.rejects('entity E : Base\n', "t.ent:2: unknown base entity 'Base'")
+        # Resolved from the description's namespace outward, as C++ does.
+        self.rejects('entity E\n  attr x: IntfId\n', "unknown type 'IntfId'")
+
+    def test_duplicate_names(self):
+        self.rejects('value V\nvalue V\n', 'line 3', 'type V is declared twice')
+        self.rejects('entity E\n  attr a: u8\n  counter a: u8\n', 'line 4', 'a is declared twice')
+        catalog = self.other('namespace T\n\nvalue V\n')
+        self.rejects('value V\n', 't.ent:2: type T::V is declared twice (first at other.ent:3)', catalog=catalog)
+        self.rejects('value IntfId\n', 'type T::IntfId', catalog=self.other('namespace T\nvalue IntfId\n'))
+
+    def test_member_shapes(self):
+        self.rejects('entity E\n  table t: u32 -> u32\n', 'line 3', 'a table needs "capacity N"')
+        self.rejects('entity E\n  coll c: u32\n', 'coll needs "key -> value"')
+        self.rejects('entity E\n  attr x: u8 ordered\n', "'ordered' is not an option of attr")
+        self.rejects('entity E\n  attr a: u8 id 300\n  attr b: u8 id 290\n', 'id 290 of b is not above')
+        self.rejects('entity E\n  factory make(a)\n  attr a: u8\n', "factory argument 'a' is not an attribute set")
+        self.rejects('entity E\n  backptr p: E\n  reset p\n', "cannot reset 'p'")
+        self.rejects('entity E\n  const c: u8\n', 'a constant needs "= value"')
+        self.rejects('entity E\n  method not a declaration\n', 'method needs a C++ declaration')
+        self.rejects('value V\n  table t: u32 -> u32 capacity 1\n', "'table' does not belong in value V")
+
+    def test_includes_follow_from_the_types_used(self):
+        header, _ = entitygen.generate('namespace T\nentity E\n  attr a: Orvet::IntfId\n  coll c: L3::VrfName -> u8\n',
+                                       't.ent', 't/t.h')
+        self.assertIn('#include "mroute/runtime/net/intf_id.h"', header)
+        self.assertIn('#include "mroute/runtime/net/vrf_name.h"', header)
+        catalog = self.other('namespace T::Inner\nvalue W\n')
+        header, _ = entitygen.generate('namespace T::Inner::Deep\nentity E\n  attr w: W\n  table t: u32 -> W capacity 8\n',
+                                       't.ent', 't/t.h', catalog)
+        self.assertIn('#include "o/other.h"', header)
+        self.assertIn('#include "mroute/kivbrume/table_collection.h"', header)
 
 
 if __name__ == '__main__':

@@ -112,7 +112,7 @@ TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
   EXPECT_EQ(set.size(), 2u);
 }
 
-// The wrappers the generator writes over runtime/kiv's enumeration support.
+// The wrappers the generator writes over entity/kiv's enumeration support.
 TEST(GeneratedEnumTest, WrappersReachTheRegisteredLiterals) {
   EXPECT_EQ(Sample::VolumeInstance(2u), Volume::loud);
   EXPECT_EQ(Sample::VolumeInstance("quiet"), Volume::quiet);

@@ -19,7 +19,7 @@
 #include "mroute/kernel/mrt_stock_socket_pam.h"
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 namespace Routing::Multicast::Notify {
 namespace {

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/runtime/error.h"
 #include "testing/expect_assert.h"

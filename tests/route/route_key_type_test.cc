@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/group_key.h"
 #include "mroute/runtime/error.h"
 #include "testing/expect_assert.h"
@@ -42,6 +42,23 @@ TEST(RouteKeyTypeTest, ConverterCarriesTheValue) {
     EXPECT_EQ(e.attribute(), "value");
     EXPECT_EQ(e.cause(), "RouteKeyType 'bogus' not allowed");
   }
+}
+
+TEST(RouteKeyTypeTest, EnumerationFunctionsAndRegisteredLiterals) {
+  EXPECT_EQ(valueToStrep(vxlanCoreSideFloodset_), "'vxlanCoreSideFloodset'");
+  EXPECT_EQ(valueToStrep(static_cast<RouteKeyType>(9)), "9");
+  const std::string text = "'mcastGroup' and more";
+  RouteKeyType t = unknownRouteKeyType_;
+  EXPECT_TRUE(sequenceToValue(text.data(), text.data() + 12, t));
+  EXPECT_EQ(t, mcastGroup_);
+  EXPECT_FALSE(sequenceToValue(text.data(), text.data() + 5, t));
+  EXPECT_EQ(t, mcastGroup_);  // untouched on failure
+  // Registration at load is the install test's (this program links the parts statically).
+  const Kiv::TypeRecord* record = &Kiv::EnumInfo<RouteKeyType>::type();
+  EXPECT_EQ(Kiv::findType("Routing::Multicast::Fib::RouteKeyType"), record);
+  ASSERT_EQ(record->literals.size(), 7u);
+  EXPECT_EQ(record->literals[6].name, "mroute");
+  EXPECT_EQ(Kiv::enumInstance<RouteKeyType>("ethGroup"), ethGroup_);
 }
 
 TEST(RouteKeyTypeTest, GroupKeyOrderAndText) {

@@ -1,79 +1,76 @@
 #!/usr/bin/env python3
 """entitygen: writes the C++ header and source of the types in one description.
 
-A description (*.ent) holds a namespace, the headers it needs, and types:
+A description (*.ent) holds a namespace and types; the headers it needs follow from the types it uses
+(the other descriptions under --src and the hand-written types of known_types.txt):
 
     namespace Routing::Multicast::Fib
-    include mroute/route/ip_gen_route_key.h
 
     # The configuration of one VRF.          <- comment lines above a type
     entity Config                             #    become its class comment
       factory none                            # no ConfigIs(name)
+      factory configFactory(size, refs)       # ... or a named factory of the attributes set at construction
       mount routing/x routing6/x              # static mountPath(family)
+      mount routing/x routing6/x vrf-application   # mountPath(family, vrf, application): <path>/<vrf>/<application>
       enum MultipathControl: a b c            # nested enumeration, values 0..
       attr routing: bool = false              # x(), xIs()
-      counter clearMfibCount: u8 = 0          # x(), xIs(), xInc()
+      attr size: u32 ctor                     # x() only, set by the constructor
+      attr late: bool = false id 263          # an explicit attribute id (ids count on from it)
+      counter clearMfibCount: u8 = 0          # x(), xIs(), xInc(n) and xDec(n) returning the new value
       const fastdropDefault: bool = true      # static x(); takes an id only
+      const prefixGroup: Orvet::IpGenPrefix = "224.0.0.0/4"   # a constant of any value type, read from its text
       coll counterRoute: IpGenRouteKey -> bool          # keyed values
       coll ordered: Kiv::Name -> u32 ordered            # ... in key order
-      child config: Kiv::Name -> Config                 # child entities
+      coll toAdd: GroupKey -> Request keyed key         # whole records filed under their own key()
+      coll status: L3::VrfName -> Kiv::Ptr<Status>      # counted references to entities
+      child config: Kiv::Name -> Config                 # child entities (keyed by any value type)
+      table route: IpGenRouteKey -> Route capacity 12000   # a shared-memory table (KivBrume::KivBrumeMap)
+      ref owner: Owner                        # a counted reference (Kiv::Ptr), notified on change
+      ref parentStatus: Owner valid           # ... that may never be null ("null ValidPtr")
+      backptr up: Owner                       # a plain pointer: not counted, notified or replicated
       reset routing counterRoute              # what reset()/isDefault() cover
       init configIs("default");               # doInit() body, run by the constructor
+    entity Kind : Message                     # inherits Message's attributes; ids count on after them
 
     enum CounterMode: None packetMode byteMode
-    value Pair                                # a value type
+    value Pair                                # a value type (no fields: every two are equal)
       field low: u16 = 1 range 1..4094        # checked: "Pair::low < 1 or > 4094 not allowed"
       field high: u8 max 0x3f                 # checked: "Pair::high > 0x3f not allowed"
     flags HwFlags: u8 noRoute noIntfs         # flag word over Kiv::FlagSet, bit 0 first
     flags IifFlags: u32 noRpf
       name Brume::Multicast::Fib::Route::IifFlags   # text-form and registry name, if not <namespace>::<type>
       text bare                               # prints as the boolean of its only flag
-
-    # The index of an outgoing interface.
     bounded OifIndex: u16 = 512 range 0..512  # one number over Kiv::BoundedValue; prints as the number
       error "OifIndex::value < OifIndex::min or > OifIndex::null not allowed"
       const min = 0                           # static const OifIndex min
       const null = 512 test isNull            # ... and bool isNull() const
-      # Bitmap positions.                     <- comment lines above a member
-      number kPositions = 512                 #    become its comment; static constexpr uint16_t
-    bounded RoutePriority: u8 = 1             # range 0..255: "RoutePriority::value < 0 or > 255 not allowed"
+      const invalid() = 65534 test !isValid   # static invalid() and bool isValid() (false for it alone)
+      number kPositions = 512                 # static constexpr uint16_t
 
-Flag words and bounded numbers take an unsigned word (u8, u16, u32, u64). A
-bounded number takes `range low..high` or `max high` like a field; without
-them its range is the whole word, and without `= default` its default is the
-low end. Without `error` the range error is the one the template writes.
-Attribute ids count from 258 in declaration order within each entity.
-Every generated member is one call into mroute/entity/*.h.
+Attribute ids count from 258 in declaration order within each entity. Every generated member is one call
+into mroute/entity/*.h (or mroute/kivbrume/*.h for tables). The pieces: parser.py reads, model.py holds
+the types and the catalog with the type check, emit_*.py write one kind each.
 Standard library only: this is a build tool.
 """
 
 import argparse
 import difflib
 import os
-import re
 import sys
 
-UNSIGNED_BITS = {'u8': 8, 'u16': 16, 'u32': 32, 'u64': 64}
-SHORT_TYPES = {'u8': 'uint8_t', 'u16': 'uint16_t', 'u32': 'uint32_t', 'u64': 'uint64_t',
-               'i8': 'int8_t', 'i16': 'int16_t', 'i32': 'int32_t', 'i64': 'int64_t'}
-BY_VALUE = {'bool', 'double', 'float'} | set(SHORT_TYPES.values())
+sys.dont_write_bytecode = True  # leave no cache in the source tree
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
+from emit_entity import emit_entity  # noqa: E402
+from emit_enum import emit_enum  # noqa: E402
+from emit_value import emit_value  # noqa: E402
+from emit_word import emit_bounded, emit_flags  # noqa: E402
+from emit_common import fill  # noqa: E402
+from model import Catalog, DescriptionError, check_types, default_catalog  # noqa: E402
+from parser import parse  # noqa: E402
 
-class DescriptionError(Exception):
-    pass
-
-
-def fill(template, **holes):
-    """Replaces every {{NAME}} of the template; a hole left unfilled is a bug."""
-    out = re.sub(r'\{\{(\w+)\}\}', lambda m: str(holes[m.group(1)]), template)
-    return out
-
-
-def cap(name):
-    return name[0].upper() + name[1:]
-
-
-# ---------------------------------------------------------------- templates
+__all__ = ['Catalog', 'DescriptionError', 'KNOWN_TYPES', 'generate', 'parse']
+KNOWN_TYPES = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'known_types.txt')
 
 HEADER = '''\
 // Generated by tools/entitygen/entitygen.py from {{SOURCE}}; do not edit.
@@ -100,444 +97,11 @@ namespace {
 }  // namespace
 
 }  // namespace {{NS}}
-{{AFTER}}'''
-
-ENUM_DECL = '''
-{{DOC}}enum class {{NAME}} : uint8_t { {{LITERALS}} };
+{{AFTER}}
+// Linking this symbol (mroute::mroute asks the linker for it) keeps the unit, and so its registrations,
+// in a program that links the library statically.
+extern "C" void {{ANCHOR}}() {}
 '''
-
-ENUM_INFO = '''
-template <>
-struct Kiv::EnumInfo<{{NS}}::{{QNAME}}> {
-  static const TypeRecord& type();
-};
-'''
-
-ENUM_FUNCTIONS = '''
-inline {{QNAME}} {{NAME}}Instance(unsigned v) { return Kiv::enumInstance<{{QNAME}}>(v); }
-inline {{QNAME}} {{NAME}}Instance(const Kiv::String8& literal) { return Kiv::enumInstance<{{QNAME}}>(literal); }
-inline Kiv::String8 stringValue({{QNAME}} e) { return Kiv::enumLiteral(e); }
-inline std::string valueToStrep({{QNAME}} e) { return Kiv::enumStrep(e); }
-inline bool sequenceToValue(const char* begin, const char* end, {{QNAME}}& result) {
-  return Kiv::enumFromSequence(begin, end, result);
-}
-inline std::ostream& operator<<(std::ostream& os, {{QNAME}} e) { return Kiv::writeEnum(os, e); }
-'''
-
-ENUM_TYPE = '''
-const Kiv::TypeRecord& Kiv::EnumInfo<{{NS}}::{{QNAME}}>::type() {
-  static const TypeRecord& record =
-      registerType("{{NS}}::{{QNAME}}", TypeKind::enumeration, {{{LITERALS}}});
-  return record;
-}
-'''
-
-ENTITY_DECL = '''
-{{DOC}}class {{NAME}} : public Kiv::Entity {
- public:{{ENUMS}}
-{{IDS}}
-
-  class NotifieeConst;
-  class Notifiee;
-
-  explicit {{NAME}}(const Kiv::Name& name);
-  static const Kiv::TypeRecord& type();
-  const Kiv::TypeRecord& fwkType() const override { return type(); }
-{{MOUNT}}{{MEMBERS}}
-  void reset();
-  bool isDefault() const;
-
- private:{{INIT}}
-{{STORAGE}}
-};
-
-class {{NAME}}::NotifieeConst : public Kiv::NotifieeConstOf<{{NAME}}> {
- public:
-{{CALLBACKS}}
-};
-
-class {{NAME}}::Notifiee : public Kiv::NotifieeOf<{{NAME}}, {{NAME}}::NotifieeConst> {};
-{{FACTORY}}'''
-
-ENTITY_DEFS = '''
-{{NAME}}::{{NAME}}(const Kiv::Name& name) : Kiv::Entity(name) {{{CALL_INIT}}}
-
-const Kiv::TypeRecord& {{NAME}}::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity);
-  return record;
-}
-{{DEFS}}
-void {{NAME}}::reset() {{{RESET}}
-}
-
-bool {{NAME}}::isDefault() const { return {{IS_DEFAULT}}; }
-{{INIT_DEF}}{{FACTORY}}'''
-
-SCALAR_DECL = '''
-  {{R}} {{x}}() const { return {{x}}_; }
-  void {{x}}Is({{P}} v);'''
-SCALAR_DEF = '''
-void {{E}}::{{x}}Is({{P}} v) { Kiv::attrIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v, &NotifieeConst::on{{X}}); }'''
-COUNTER_DECL = '''
-  void {{x}}Inc({{P}} n);'''
-COUNTER_DEF = '''
-void {{E}}::{{x}}Inc({{P}} n) { Kiv::attrInc<NotifieeConst>(*this, k{{X}}Id, {{x}}_, n, &NotifieeConst::on{{X}}); }'''
-CONST_DECL = '''
-  static {{T}} {{x}}() { return {{DEFAULT}}; }'''
-
-COLL_DECL = '''
-  using {{X}}Map = {{MAP}};
-  const {{X}}Map& {{x}}() const { return {{x}}_; }
-  {{V}} {{x}}({{KP}} k) const { return Kiv::collValue({{x}}_, k); }
-  void {{x}}Is({{KP}} k, {{VP}} v);
-  void new{{X}}({{KP}} k, {{VP}} v);
-  void {{x}}Del({{KP}} k);
-  void {{x}}Del({{X}}Map::const_iterator it);
-  void {{x}}DelAll();
-  void {{x}}Notify({{KP}} k);'''
-COLL_DEF = '''
-void {{E}}::{{x}}Is({{KP}} k, {{VP}} v) { Kiv::collIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, v, &NotifieeConst::on{{X}}); }
-void {{E}}::new{{X}}({{KP}} k, {{VP}} v) { Kiv::collNew<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, v, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{KP}} k) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{X}}Map::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, it, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}DelAll() { Kiv::collDelAll<NotifieeConst>(*this, k{{X}}Id, {{x}}_, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Notify({{KP}} k) { Kiv::collNotify<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }'''
-
-CHILD_DECL = '''
-  using {{X}}Map = Kiv::ChildMap<{{K}}, {{C}}>;
-  const {{X}}Map& {{x}}() const { return {{x}}_; }
-  Kiv::Ptr<{{C}}> {{x}}({{KP}} k) const { return Kiv::childValue({{x}}_, k); }
-  Kiv::Ptr<{{C}}> new{{X}}({{KP}} k);
-  Kiv::Ptr<{{C}}> {{x}}Is({{KP}} k);
-  void {{x}}Del({{KP}} k);
-  void {{x}}Del({{X}}Map::const_iterator it);
-  void {{x}}DelAll();
-  void {{x}}Notify({{KP}} k);'''
-CHILD_DEF = '''
-Kiv::Ptr<{{C}}> {{E}}::new{{X}}({{KP}} k) { return Kiv::childNew<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
-Kiv::Ptr<{{C}}> {{E}}::{{x}}Is({{KP}} k) { return Kiv::childIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{KP}} k) { Kiv::childDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Del({{X}}Map::const_iterator it) { Kiv::childDel<NotifieeConst>(*this, k{{X}}Id, {{x}}_, it, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}DelAll() { Kiv::childDelAll<NotifieeConst>(*this, k{{X}}Id, {{x}}_, &NotifieeConst::on{{X}}); }
-void {{E}}::{{x}}Notify({{KP}} k) { Kiv::collNotify<NotifieeConst>(*this, k{{X}}Id, {{x}}_, k, &NotifieeConst::on{{X}}); }'''
-
-SCALAR_CALLBACK = '''  virtual void on{{X}}() {}'''
-COLL_CALLBACKS = '''  virtual void on{{X}}(const {{K}}&) {}
-  virtual void on{{X}}kivImmediate() {}
-  virtual void on{{X}}() {}'''
-
-MOUNT_DECL = '''  static std::string mountPath(Orvet::AddressFamily af) { return Kiv::familyPath(af.value(), "{{V4}}", "{{V6}}"); }
-'''
-
-FACTORY_DECL = '''
-Kiv::Ptr<{{NAME}}> {{NAME}}Is(const Kiv::Name& name);
-'''
-FACTORY_DEF = '''
-Kiv::Ptr<{{NAME}}> {{NAME}}Is(const Kiv::Name& name) { return new {{NAME}}(name); }
-'''
-
-VALUE_DECL = '''
-{{DOC}}class {{NAME}} {
- public:
-  {{NAME}}() = default;
-  {{EXPLICIT}}{{NAME}}({{PARAMS}});
-{{MEMBERS}}
-
-  friend bool operator==(const {{NAME}}&, const {{NAME}}&) = default;
-  friend bool operator<(const {{NAME}}& a, const {{NAME}}& b) { return {{TIE_A}} < {{TIE_B}}; }
-  // Reads the text that operator<< writes.
-  static {{NAME}} fromText(std::string_view text);
-  static const Kiv::TypeRecord& type();
-
- private:
-{{STORAGE}}
-};
-
-std::ostream& operator<<(std::ostream& os, const {{NAME}}& v);
-'''
-
-VALUE_HASH = '''
-template <>
-struct std::hash<{{NS}}::{{NAME}}> {
-  size_t operator()(const {{NS}}::{{NAME}}& v) const { return Kiv::hashFields({{FIELDS}}); }
-};
-'''
-
-VALUE_DEFS = '''
-{{NAME}}::{{NAME}}({{PARAMS}}) {{{SETS}}
-}
-
-const Kiv::TypeRecord& {{NAME}}::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::value);
-  return record;
-}
-
-std::ostream& operator<<(std::ostream& os, const {{NAME}}& v) {
-  Kiv::ValueWriter(os, "{{NS}}::{{NAME}}"){{WRITES}}.end();
-  return os;
-}
-
-{{NAME}} {{NAME}}::fromText(std::string_view text) {
-  Kiv::ValueReader r(text, "{{NS}}::{{NAME}}");
-  {{NAME}} v;{{READS}}
-  r.end();
-  return v;
-}
-'''
-
-FLAGS_DECL = '''
-{{DOC}}class {{NAME}} : public Kiv::FlagSet<{{NAME}}, {{WORD}}, {{COUNT}}> {
- public:
-  using FlagSet::FlagSet;
-  static constexpr std::string_view kTypeName = "{{QNAME}}";
-  static constexpr std::string_view kShortName = "{{NAME}}";
-  static constexpr std::array<std::string_view, {{COUNT}}> kFlagNames = {{{FLAG_NAMES}}};{{BARE}}
-  static const Kiv::TypeRecord& type();
-{{FLAGS}}
-};
-{{LAYOUT}}'''
-FLAG_DECL = '''  bool {{x}}() const { return flag({{BIT}}); }
-  void {{x}}Is(bool v) { flagIs({{BIT}}, v); }'''
-BARE_TEXT = '''
-  static constexpr bool kBareFlagText = true;'''
-
-BOUNDED_DECL = '''
-{{DOC}}class {{NAME}} : public Kiv::BoundedValue<{{NAME}}, {{WORD}}, {{MIN}}, {{MAX}}, {{DEFAULT}}> {
- public:
-  using BoundedValue::BoundedValue;
-  static constexpr std::string_view kShortName = "{{NAME}}";{{ERROR}}
-  static const Kiv::TypeRecord& type();
-{{CONSTS}}};
-{{CONST_DEFS}}{{LAYOUT}}'''
-RANGE_ERROR = '''
-  static constexpr std::string_view kRangeError = "{{TEXT}}";'''
-NAMED_CONST = '''{{DOC}}  static const {{NAME}} {{x}};'''
-CONST_TEST = '''  constexpr bool {{TEST}}() const { return value() == {{V}}; }'''
-NUMBER_CONST = '''{{DOC}}  static constexpr {{WORD}} {{x}} = {{V}};'''
-CONST_DEF = '''inline constexpr {{NAME}} {{NAME}}::{{x}}{{{V}}};
-'''
-
-# A flag word or bounded number is exactly its word: it is copied byte for byte.
-LAYOUT = '''
-static_assert(sizeof({{NAME}}) == sizeof({{WORD}}) && std::is_trivially_copyable_v<{{NAME}}>);
-'''
-
-TYPE_DEF = '''
-const Kiv::TypeRecord& {{NAME}}::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("{{QNAME}}", Kiv::TypeKind::value);
-  return record;
-}
-'''
-
-FIELD_DECL = '''
-  {{R}} {{x}}() const { return {{x}}_; }
-  void {{x}}Is({{P}} v) {{{CHECK}} {{x}}_ = v; }'''
-
-
-# ---------------------------------------------------------------- model
-
-class Member:
-    def __init__(self, kind, name, type_=None, default=None, key=None, ordered=False):
-        self.kind, self.name, self.type, self.default = kind, name, type_, default
-        self.key, self.ordered = key, ordered
-        self.check = (None, None)  # ('range', '1..4094') or ('max', '0x3f')
-        self.id = 0
-        self.doc, self.test = [], None  # bounded constants: comment lines, is...() predicate
-
-
-class Type:
-    def __init__(self, kind, name, doc):
-        self.kind, self.name, self.doc = kind, name, doc
-        self.members, self.enums, self.reset, self.mount = [], [], [], None
-        self.init, self.factory, self.literals, self.base = None, True, [], None
-        self.qname, self.bare, self.error = None, False, None  # flags and bounded values
-        self.low = self.high = self.initial = None  # bounded values, as numbers
-
-
-def ctype(t):
-    return SHORT_TYPES.get(t, t)
-
-
-def param(t, enums):
-    return t if t in BY_VALUE or t in enums else 'const %s&' % t
-
-
-def parse(text):
-    ns, includes, types, doc, member_doc, cur = None, [], [], [], [], None
-    for number, raw in enumerate(text.splitlines(), 1):
-        line = raw.rstrip()
-        try:
-            if not line.strip():
-                doc, member_doc = [], []
-                continue
-            if line.lstrip().startswith('#'):
-                (member_doc if raw[0].isspace() else doc).append(line.lstrip()[1:].strip())
-                continue
-            if raw[0].isspace():
-                if cur is None:
-                    raise DescriptionError('member outside a type')
-                parse_member(cur, line.strip(), member_doc)
-                member_doc = []
-                continue
-            word, _, rest = line.partition(' ')
-            if word == 'namespace':
-                ns = rest.strip()
-            elif word == 'include':
-                includes.append(rest.strip())
-            elif word in ('entity', 'value'):
-                cur = Type(word, rest.strip(), doc)
-                types.append(cur)
-            elif word in ('enum', 'flags'):
-                name, _, lits = rest.partition(':')
-                cur = Type(word, name.strip(), doc)
-                words = lits.split()
-                if word == 'flags':
-                    cur.base, bits, words = unsigned_word(words[0]), UNSIGNED_BITS[words[0]], words[1:]
-                    if not 1 <= len(words) <= bits:
-                        raise DescriptionError('a flag word needs 1 to %d flags' % bits)
-                cur.literals = words
-                types.append(cur)
-            elif word == 'bounded':
-                cur = parse_bounded(rest, doc)
-                types.append(cur)
-            else:
-                raise DescriptionError('unknown word %r' % word)
-            doc = []
-        except (DescriptionError, IndexError, ValueError) as e:
-            raise DescriptionError('line %d: %s: %s' % (number, e, line))
-    if not ns:
-        raise DescriptionError('no namespace')
-    for t in types:
-        number_attributes(t)
-        if t.bare and len(t.literals) != 1:
-            raise DescriptionError('%s: "text bare" needs exactly one flag' % t.name)
-        t.qname = t.qname or '%s::%s' % (ns, t.name)
-    return ns, includes, types
-
-
-def unsigned_word(t):
-    if t not in UNSIGNED_BITS:
-        raise DescriptionError('%r is not an unsigned word (u8, u16, u32, u64)' % t)
-    return ctype(t)
-
-
-def number(text):
-    return int(text, 0)
-
-
-BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
-
-
-def parse_bounded(rest, doc):
-    """bounded Name: word [= default] [range low..high | max high]"""
-    m = BOUNDED.match(rest.strip())
-    if not m:
-        raise DescriptionError('cannot read bounded value')
-    name, word, default, check, limit = m.groups()
-    t = Type('bounded', name, doc)
-    t.base = unsigned_word(word)
-    t.low, t.high = 0, (1 << UNSIGNED_BITS[word]) - 1
-    if check == 'range':
-        low, high = limit.split('..')
-        t.low, t.high = number(low), number(high)
-    elif check == 'max':
-        t.high = number(limit)
-    t.initial = t.low if default is None else number(default)
-    if not 0 <= t.low <= t.initial <= t.high < 1 << UNSIGNED_BITS[word]:
-        raise DescriptionError('need 0 <= low <= default <= high within the word')
-    return t
-
-
-MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
-ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child'},
-           'value': {'field'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
-NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)\s*=\s*(\w+)(?:\s+test\s+(\w+))?$')
-
-
-def parse_member(t, line, doc):
-    word, _, rest = line.partition(' ')
-    if word not in ALLOWED.get(t.kind, ()):
-        raise DescriptionError('%r does not belong in %s %s' % (word, t.kind, t.name))
-    if t.kind in ('flags', 'bounded'):
-        parse_word_member(t, line, doc)
-        return
-    if word == 'reset':
-        t.reset = rest.split()
-        return
-    if word == 'init':
-        t.init = rest.strip()
-        return
-    if word == 'factory':
-        t.factory = rest.strip() != 'none'
-        return
-    if word == 'mount':
-        t.mount = rest.split()
-        if len(t.mount) != 2:
-            raise DescriptionError('mount needs an IPv4 and an IPv6 path')
-        return
-    if word == 'enum':
-        name, _, lits = rest.partition(':')
-        e = Type('enum', name.strip(), [])
-        e.literals = lits.split()
-        t.enums.append(e)
-        return
-    m = MEMBER.match(line)
-    if not m:
-        raise DescriptionError('cannot read member')
-    kind, name, decl = m.groups()
-    if kind in ('coll', 'child'):
-        key, _, value = decl.partition('->')
-        words = value.split()
-        t.members.append(Member(kind, name, ctype(words[0]), key=ctype(key.strip()),
-                                ordered='ordered' in words[1:]))
-    elif kind in ('attr', 'counter', 'const', 'field'):
-        m2 = re.match(r'([\w:<>, ]+?)\s*(?:=\s*(.+?))?\s*(?:(range|max)\s+(\S+))?$', decl)
-        if not m2:
-            raise DescriptionError('cannot read type and default')
-        typ, default, check, limit = m2.groups()
-        member = Member(kind, name, ctype(typ), default)
-        member.check = (check, limit)
-        t.members.append(member)
-    if [m.name for m in t.members].count(name) > 1:
-        raise DescriptionError('%s is declared twice' % name)
-
-
-def parse_word_member(t, line, doc):
-    word, _, rest = line.partition(' ')
-    rest = rest.strip()
-    if word == 'name':
-        t.qname = rest
-    elif word == 'text':
-        if rest != 'bare':
-            raise DescriptionError('the only text option is "bare"')
-        t.bare = True
-    elif word == 'error':
-        if not re.fullmatch(r'"[^"\\]*"', rest):
-            raise DescriptionError('error needs one double-quoted text')
-        t.error = rest[1:-1]
-    else:
-        m = NAMED_NUMBER.match(line)
-        if not m or (m.group(1) == 'number' and m.group(4)):
-            raise DescriptionError('cannot read %s' % word)
-        kind, name, value, test = m.groups()
-        member = Member(kind, name, t.base, value)
-        member.doc, member.test = list(doc), test
-        if kind == 'const' and not t.low <= number(value) <= t.high:
-            raise DescriptionError('%s = %s lies outside %d..%d' % (name, value, t.low, t.high))
-        if any(c.name == name for c in t.members):
-            raise DescriptionError('%s is declared twice' % name)
-        t.members.append(member)
-
-
-def number_attributes(t):
-    for i, m in enumerate(t.members):
-        m.id = 258 + i
-
-
-# ---------------------------------------------------------------- emitters
-
-def doc_comment(doc, indent=''):
-    return ''.join(indent + ('// %s\n' % d if d else '//\n') for d in doc)
 
 
 def enum_names(types):
@@ -549,149 +113,9 @@ def enum_names(types):
     return names
 
 
-def emit_enum(ns, e, outer):
-    qname = '%s::%s' % (outer, e.name) if outer else e.name
-    lits = ', '.join('%s = %d' % (l, i) for i, l in enumerate(e.literals))
-    table = ', '.join('{"%s", %d}' % (l, i) for i, l in enumerate(e.literals))
-    return (fill(ENUM_DECL, DOC=doc_comment(e.doc), NAME=e.name, LITERALS=lits),
-            fill(ENUM_INFO, NS=ns, QNAME=qname),
-            fill(ENUM_FUNCTIONS, NAME=e.name, QNAME=qname),
-            fill(ENUM_TYPE, NS=ns, QNAME=qname, LITERALS=table))
-
-
-def emit_entity(ns, t, enums):
-    decls, defs, callbacks, storage, ids = [], [], [], [], []
-    enum_decls, after, enum_defs, registers = '', [], [], ['%s::type()' % t.name]
-    for e in t.enums:
-        d, info, funcs, typedef = emit_enum(ns, e, t.name)
-        enum_decls += d.replace('\nenum', '\n  enum')
-        after.append((info, funcs))
-        enum_defs.append(typedef)
-        registers.append('Kiv::EnumInfo<%s::%s>::type()' % (t.name, e.name))
-    for m in t.members:
-        x, X = m.name, cap(m.name)
-        ids.append('  static constexpr Kiv::AttrId k%sId = %d;' % (X, m.id))
-        holes = dict(E=t.name, x=x, X=X, T=m.type, P=param(m.type, enums), R=param(m.type, enums),
-                     DEFAULT=m.default)
-        if m.kind == 'const':
-            decls.append(fill(CONST_DECL, **holes))
-            continue
-        if m.kind in ('attr', 'counter'):
-            decls.append(fill(SCALAR_DECL, **holes))
-            defs.append(fill(SCALAR_DEF, **holes))
-            if m.kind == 'counter':
-                decls.append(fill(COUNTER_DECL, **holes))
-                defs.append(fill(COUNTER_DEF, **holes))
-            callbacks.append(fill(SCALAR_CALLBACK, X=X))
-            storage.append('  %s %s_ = %s;' % (m.type, x, m.default or '{}'))
-            continue
-        holes.update(K=m.key, KP=param(m.key, enums), V=m.type, VP=param(m.type, enums), C=m.type)
-        if m.kind == 'coll':
-            holes['MAP'] = 'Kiv::%s<%s, %s>' % ('RbTreeMap' if m.ordered else 'HashMap', m.key, m.type)
-            decls.append(fill(COLL_DECL, **holes))
-            defs.append(fill(COLL_DEF, **holes))
-        else:
-            decls.append(fill(CHILD_DECL, **holes))
-            defs.append(fill(CHILD_DEF, **holes))
-        callbacks.append(fill(COLL_CALLBACKS, **holes))
-        storage.append('  %sMap %s_;' % (X, x))
-    by_name = {m.name: m for m in t.members}
-    resets, defaults = [], []
-    for name in t.reset:
-        m = by_name.get(name)
-        if m is None or m.kind == 'const':
-            raise DescriptionError('%s: cannot reset %r' % (t.name, name))
-        if m.kind in ('coll', 'child'):
-            resets.append('\n  %sDelAll();' % name)
-            defaults.append('%s_.empty()' % name)
-        else:
-            resets.append('\n  %sIs(%s);' % (name, m.default or '{}'))
-            defaults.append('%s_ == %s' % (name, m.default or '%s{}' % m.type))
-    mount = fill(MOUNT_DECL, V4=t.mount[0], V6=t.mount[1]) if t.mount else ''
-    decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, ENUMS=enum_decls, IDS='\n'.join(ids),
-                MOUNT=mount, MEMBERS='\n'.join(decls),
-                INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
-                CALLBACKS='\n'.join(callbacks),
-                FACTORY=fill(FACTORY_DECL, NAME=t.name) if t.factory else '')
-    init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
-    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, CALL_INIT=' doInit(); ' if t.init else '',
-                      DEFS='\n'.join(defs) + '\n', RESET=''.join(resets),
-                      IS_DEFAULT=' && '.join(defaults) or 'true', INIT_DEF=init_def,
-                      FACTORY=fill(FACTORY_DEF, NAME=t.name) if t.factory else '')
-    return decl, after, definition, enum_defs, registers
-
-
-def emit_value(ns, t, enums):
-    fields = t.members
-    members, storage, sets, writes, reads = [], [], [], [], []
-    for f in fields:
-        check, limit = f.check
-        text, call = '', ''
-        if check == 'range':
-            low, high = limit.split('..')
-            text = '%s::%s < %s or > %s not allowed' % (t.name, f.name, low, high)
-            call = ' Kiv::checkRange<%s>(v, %s, %s, "%s");' % (f.type, low, high, text)
-        elif check == 'max':
-            text = '%s::%s > %s not allowed' % (t.name, f.name, limit)
-            call = ' Kiv::checkMax<%s>(v, %s, "%s");' % (f.type, limit, text)
-        members.append(fill(FIELD_DECL, x=f.name, T=f.type, P=param(f.type, enums), R=param(f.type, enums),
-                            CHECK=call))
-        writes.append('\n      .field("%s", v.%s())' % (f.name, f.name))
-        reads.append('\n  Kiv::readInto<%s>(r, "%s", [&v](%s x) { v.%sIs(x); });'
-                     % (f.type, f.name, param(f.type, enums), f.name))
-        storage.append('  %s %s_ = %s;' % (f.type, f.name, f.default or '{}'))
-        sets.append('\n  %sIs(%s);' % (f.name, f.name))
-    params = ', '.join('%s %s' % (param(f.type, enums), f.name) for f in fields)
-    tie = lambda o: 'std::tie(%s)' % ', '.join('%s.%s_' % (o, f.name) for f in fields)
-    decl = fill(VALUE_DECL, DOC=doc_comment(t.doc), NAME=t.name, PARAMS=params,
-                EXPLICIT='explicit ' if len(fields) == 1 else '', MEMBERS='\n'.join(members),
-                TIE_A=tie('a'), TIE_B=tie('b'), STORAGE='\n'.join(storage))
-    after = fill(VALUE_HASH, NS=ns, NAME=t.name, FIELDS=', '.join('v.%s()' % f.name for f in fields))
-    definition = fill(VALUE_DEFS, NS=ns, NAME=t.name, PARAMS=params, SETS=''.join(sets),
-                      WRITES=''.join(writes), READS=''.join(reads))
-    return decl, after, definition
-
-
-def emit_flags(t):
-    """A thin class over Kiv::FlagSet: names, and one getter/setter pair a flag."""
-    flags = [fill(FLAG_DECL, x=flag, BIT=bit) for bit, flag in enumerate(t.literals)]
-    decl = fill(FLAGS_DECL, DOC=doc_comment(t.doc), NAME=t.name, WORD=t.base, COUNT=len(t.literals),
-                QNAME=t.qname, FLAG_NAMES=', '.join('"%s"' % f for f in t.literals),
-                BARE=BARE_TEXT if t.bare else '', FLAGS='\n' + '\n'.join(flags),
-                LAYOUT=fill(LAYOUT, NAME=t.name, WORD=t.base))
-    return decl, fill(TYPE_DEF, NAME=t.name, QNAME=t.qname)
-
-
-def literal(n):
-    """A template argument or constant; past int's range it needs the suffix."""
-    return '%d' % n if n <= 0x7fffffff else '%dull' % n
-
-
-def emit_bounded(t):
-    """A thin class over Kiv::BoundedValue: its range, named constants and tests."""
-    consts, defs = [], []
-    for c in t.members:
-        holes = dict(DOC=doc_comment(c.doc, '  '), NAME=t.name, WORD=t.base, x=c.name,
-                     V=literal(number(c.default)), TEST=c.test)
-        if c.kind == 'number':
-            consts.append(fill(NUMBER_CONST, **holes))
-            continue
-        consts.append(fill(NAMED_CONST, **holes))
-        if c.test:
-            consts.append(fill(CONST_TEST, **holes))
-        defs.append(fill(CONST_DEF, **holes))
-    decl = fill(BOUNDED_DECL, DOC=doc_comment(t.doc), NAME=t.name, WORD=t.base, MIN=literal(t.low),
-                MAX=literal(t.high), DEFAULT=literal(t.initial),
-                ERROR=fill(RANGE_ERROR, TEXT=t.error) if t.error else '',
-                CONSTS=''.join('\n' + c for c in consts) + ('\n' if consts else ''),
-                CONST_DEFS=('\n' + ''.join(defs)) if defs else '',
-                LAYOUT=fill(LAYOUT, NAME=t.name, WORD=t.base))
-    return decl, fill(TYPE_DEF, NAME=t.name, QNAME=t.qname)
-
-
-def include_lines(types, includes):
-    """The headers the generated code calls into, then the description's own."""
-    kinds = {t.kind for t in types}
+def include_lines(d, used_headers):
+    """The headers the generated code calls into, then those of the types it uses."""
+    kinds = {t.kind for t in d.types}
     system, project = [], []
     if kinds & {'flags', 'bounded'}:
         system = ['cstdint', 'string_view', 'type_traits']
@@ -702,29 +126,46 @@ def include_lines(types, includes):
     if 'bounded' in kinds:
         project.append('mroute/entity/bounded_value.h')
     if 'mroute/entity/entity_support.h' not in project:
-        project.append('mroute/runtime/kiv/type_registry.h')
-    project += includes
-    if any(t.mount for t in types):
+        project.append('mroute/entity/kiv/type_registry.h')
+    if any(m.kind == 'table' for t in d.types for m in t.members):
+        project.append('mroute/kivbrume/table_collection.h')
+    if any(t.mount for t in d.types):
         project.append('mroute/runtime/net/address_family.h')
+    if any(t.mount_args for t in d.types):
+        project.append('mroute/runtime/net/vrf_name.h')
+    for h in list(d.includes) + used_headers:
+        if h not in project:
+            project.append(h)
     lines = ''.join('#include <%s>\n' % h for h in system)
     return lines + ('\n' if lines else '') + ''.join('#include "%s"\n' % h for h in project)
 
 
-def generate(text, source_name, header_path):
-    ns, includes, types = parse(text)
+def anchor_name(header_path):
+    """The unit's link anchor: mroute_types_ and its header path as an identifier."""
+    return 'mroute_types_' + ''.join(c if c.isalnum() else '_' for c in header_path[:-2])
+
+
+def generate(text, source_name, header_path, catalog=None, path=None):
+    d = parse(text, path or source_name, header_path)
+    if catalog is None:
+        catalog = Catalog()
+        catalog.add_known(KNOWN_TYPES)
+    catalog.add_description(d)
+    used_headers = check_types(d, catalog)
+    ns, types = d.ns, d.types
     enums = enum_names(types)
     decls, infos, funcs, hashes, defs, kiv_defs, registers = [], [], [], [], [], [], []
     for t in types:
         if t.kind == 'enum':
-            d, info, f, typedef = emit_enum(ns, t, None)
-            decls.append(d)
+            dcl, info, f, typedef = emit_enum(ns, t, None)
+            decls.append(dcl)
             infos.append(info)
             funcs.append(f)
             kiv_defs.append(typedef)
             registers.append('Kiv::EnumInfo<%s>::type()' % t.name)
         elif t.kind == 'entity':
-            d, after, definition, enum_defs, regs = emit_entity(ns, t, enums)
-            decls.append(d)
+            dcl, after, definition, enum_defs, regs = emit_entity(ns, t, enums)
+            decls.append(dcl)
             for info, f in after:
                 infos.append(info)
                 funcs.append(f)
@@ -732,38 +173,57 @@ def generate(text, source_name, header_path):
             kiv_defs.extend(enum_defs)
             registers.extend(regs)
         elif t.kind in ('flags', 'bounded'):
-            d, definition = (emit_flags if t.kind == 'flags' else emit_bounded)(t)
-            decls.append(d)
+            dcl, definition = (emit_flags if t.kind == 'flags' else emit_bounded)(t)
+            decls.append(dcl)
             defs.append(definition)
             registers.append('%s::type()' % t.name)
         else:
-            d, h, definition = emit_value(ns, t, enums)
-            decls.append(d)
-            hashes.append(h)
+            dcl, h, definition = emit_value(ns, t, enums)
+            # The hash goes right after its type: later types of the unit may key maps by it.
+            decls.append(dcl + '\n}  // namespace %s\n%s\nnamespace %s {\n' % (ns, h, ns))
             defs.append(definition)
             registers.append('%s::type()' % t.name)
+    entities = [t.name for t in types if t.kind == 'entity']
+    if len(entities) > 1:
+        # Entities of one description may point at each other (back pointers, references).
+        decls.insert(0, '\n' + ''.join('class %s;\n' % e for e in entities))
     after = ''.join(infos) + ''.join(hashes)
     if funcs:
         after += '\nnamespace %s {\n%s\n}  // namespace %s\n' % (ns, ''.join(funcs), ns)
     header = fill(HEADER, SOURCE=source_name, NS=ns, DECLS=''.join(decls), AFTER=after,
-                  INCLUDES=include_lines(types, includes))
+                  INCLUDES=include_lines(d, used_headers))
     source = fill(SOURCE, SOURCE=source_name, HEADER=header_path, NS=ns, DEFS=''.join(defs),
-                  REGISTER=', '.join(registers), AFTER=''.join(kiv_defs))
+                  REGISTER=', '.join(registers), AFTER=''.join(kiv_defs), ANCHOR=anchor_name(header_path))
     return header, source
 
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument('description')
-    ap.add_argument('--out', required=True, help='directory of the generated .h and .cc')
-    ap.add_argument('--include-prefix', required=True, help='include path of the header, less its name')
+    ap.add_argument('description', nargs='?', default='')
+    ap.add_argument('--out', help='directory of the generated .h and .cc')
+    ap.add_argument('--include-prefix', help='include path of the header, less its name')
+    ap.add_argument('--src', help='source root whose descriptions (and their include paths) are known')
     ap.add_argument('--check', action='store_true', help='compare with the files in --out instead of writing')
+    ap.add_argument('--anchor', action='store_true', help='print the link anchor of the unit and exit')
+    ap.add_argument('--list-types', action='store_true',
+                    help='print the qualified name of every type described under --src and exit')
     args = ap.parse_args()
+    if args.list_types:
+        catalog = default_catalog(args.src, None, parse)
+        print('\n'.join(sorted(set(catalog.registered))))
+        return
+    if not (args.description and args.out and args.include_prefix):
+        ap.error('a description, --out and --include-prefix are needed')
     stem = os.path.splitext(os.path.basename(args.description))[0]
+    header_path = '%s/%s.h' % (args.include_prefix, stem)
+    if args.anchor:
+        print(anchor_name(header_path))
+        return
     with open(args.description) as f:
         text = f.read()
     try:
-        outputs = generate(text, os.path.basename(args.description), '%s/%s.h' % (args.include_prefix, stem))
+        catalog = default_catalog(args.src, KNOWN_TYPES, parse)
+        outputs = generate(text, os.path.basename(args.description), header_path, catalog, args.description)
     except DescriptionError as e:
         sys.exit('%s: %s' % (args.description, e))
     differs = False

@@ -35,5 +35,7 @@ extern const Subcommand dumpCommand;
 extern const Subcommand validateCommand;
 extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
+// types_command.cc: the registered entity, value and enumeration types.
+extern const Subcommand typesCommand;
 
 }  // namespace Mroutectl

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "command.h"
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route_key.h"
 #include "mroute/runtime/assert.h"

@@ -7,7 +7,8 @@
 // Thread-safety: on the entity's event loop only.
 #pragma once
 
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
+#include "mroute/entity/kiv/text_form.h"
 
 namespace Kiv {
 
@@ -19,15 +20,26 @@ void attrIs(const Entity& e, AttrId id, T& slot, const T& v, void (N::*on)()) {
 }
 
 // A counter: adds `n` in T's own arithmetic, so unsigned types wrap
-// (255 + 1 is 0 for 8 bits), and notifies as attrIs does.
+// (255 + 1 is 0 for 8 bits), notifies once as attrIs does (so not at all
+// for n = 0), and returns the new count.
 template <class N, class T>
-void attrInc(const Entity& e, AttrId id, T& slot, T n, void (N::*on)()) {
+T attrInc(const Entity& e, AttrId id, T& slot, T n, void (N::*on)()) {
   attrIs(e, id, slot, static_cast<T>(slot + n), on);
+  return slot;
 }
 
 template <class N, class T>
-void attrDec(const Entity& e, AttrId id, T& slot, T n, void (N::*on)()) {
+T attrDec(const Entity& e, AttrId id, T& slot, T n, void (N::*on)()) {
   attrIs(e, id, slot, static_cast<T>(slot - n), on);
+  return slot;
+}
+
+// A constant attribute of a value type, read from its text form
+// (`const prefixGroup: Orvet::IpGenPrefix = "224.0.0.0/4"`); the generated
+// getter keeps the value in a static of its own.
+template <class T>
+T constantFromText(const char* text) {
+  return TextTraits<T>::read(text);
 }
 
 }  // namespace Kiv

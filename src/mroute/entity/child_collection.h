@@ -9,9 +9,12 @@
 // Thread-safety: on the entity's event loop only.
 #pragma once
 
+#include <sstream>
+#include <type_traits>
+
 #include "mroute/entity/collection.h"
-#include "mroute/runtime/kiv/entity.h"
-#include "mroute/runtime/kiv/hash_map.h"
+#include "mroute/entity/kiv/entity.h"
+#include "mroute/entity/kiv/hash_map.h"
 
 namespace Kiv {
 
@@ -29,13 +32,35 @@ class ChildMap : public Base {
   }
 };
 
-// Creates a child constructed from the key, replacing a member of that key,
+// The name of the child filed under `k`: the key itself when it is a name,
+// otherwise its text (an interface id, a VRF name, a VLAN id, a group key).
+template <class K>
+Name childName(const K& k) {
+  if constexpr (std::is_constructible_v<Name, const K&>) {
+    return Name(k);
+  } else {
+    std::ostringstream os;
+    os << k;
+    return Name(os.str());
+  }
+}
+
+// Creates a child named after the key, replacing a member of that key,
 // and notifies.
-template <class N, class Map>
-auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
+template <class N, class P, class Map>
+auto childNew(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
               void (N::*on)(const typename Map::key_type&)) {
   using Child = typename Map::mapped_type;  // Ptr<C>
-  Child c = new std::remove_reference_t<decltype(*Child())>(k);
+  using C = std::remove_reference_t<decltype(*Child())>;
+  using K = typename Map::key_type;
+  Child c;
+  if constexpr (std::is_constructible_v<C, const Name&, const K&, P*>) {
+    c = new C(childName(k), k, &parent);  // keeps its key and a back pointer (PimIntf::IntfStatus)
+  } else if constexpr (std::is_constructible_v<C, const Name&, const K&>) {
+    c = new C(childName(k), k);  // keeps its key as an attribute (Hardware::RouteStatus::key)
+  } else {
+    c = new C(childName(k));
+  }
   c->parentIs(&parent);
   auto [it, inserted] = m.try_emplace(k, c);
   if (!inserted) {
@@ -47,8 +72,8 @@ auto childNew(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k
 }
 
 // The existing child, or a new one.
-template <class N, class Map>
-auto childIs(Entity& parent, AttrId id, Map& m, const typename Map::key_type& k,
+template <class N, class P, class Map>
+auto childIs(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
              void (N::*on)(const typename Map::key_type&)) {
   if (const auto* c = m.lookup(k)) return *c;
   return childNew(parent, id, m, k, on);

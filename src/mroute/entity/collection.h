@@ -9,14 +9,28 @@
 // Thread-safety: on the entity's event loop only.
 #pragma once
 
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 
 namespace Kiv {
+
+// Tells every notifiee onX(key), changed or not (used to make readers look again).
+template <class N, class K>
+void keyNotify(const Entity& e, AttrId id, const K& k, void (N::*on)(const K&)) {
+  e.notify<N>(id, [&k, on](N& n) { (n.*on)(k); });
+}
 
 template <class N, class Map>
 void collNotify(const Entity& e, AttrId id, const Map&, const typename Map::key_type& k,
                 void (N::*on)(const typename Map::key_type&)) {
-  e.notify<N>(id, [&k, on](N& n) { (n.*on)(k); });
+  keyNotify(e, id, k, on);
+}
+
+// The whole collection changed: every notifiee hears onXkivImmediate(), then
+// every notifiee hears onX(). The collection-level form goes out under -id.
+template <class N>
+void collectionNotify(const Entity& e, AttrId id, void (N::*immediate)(), void (N::*whole)()) {
+  e.notify<N>(-id, [immediate](N& n) { (n.*immediate)(); });
+  e.notify<N>(-id, [whole](N& n) { (n.*whole)(); });
 }
 
 // Creates the member, or replaces its value, and notifies.
@@ -52,6 +66,18 @@ bool collDel(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k
   if (it == m.end()) return false;
   collDel(e, id, m, typename Map::const_iterator(it), on);
   return true;
+}
+
+// Removes the member under k and returns its value; V() and no notification
+// when the key is absent.
+template <class N, class Map>
+typename Map::mapped_type collTake(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
+                                   void (N::*on)(const typename Map::key_type&)) {
+  auto it = m.find(k);
+  if (it == m.end()) return typename Map::mapped_type{};
+  typename Map::mapped_type v = it->second;
+  collDel(e, id, m, typename Map::const_iterator(it), on);
+  return v;
 }
 
 // Removes every member one at a time, each with its own notification. A

@@ -15,4 +15,14 @@ std::string familyPath(uint32_t family, std::string_view ipv4Path, std::string_v
   }
 }
 
+std::string familyPath(uint32_t family, std::string_view ipv4Path, std::string_view ipv6Path,
+                       std::initializer_list<std::string_view> parts) {
+  std::string path = familyPath(family, ipv4Path, ipv6Path);
+  for (std::string_view part : parts) {
+    path += '/';
+    path += part;
+  }
+  return path;
+}
+
 }  // namespace Kiv

@@ -7,7 +7,7 @@
 // Thread-safety: a notifiee lives on its notifier's event loop.
 #pragma once
 
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 
 namespace Kiv {
 

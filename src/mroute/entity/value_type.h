@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/runtime/error.h"
 
 namespace Kiv {

@@ -14,11 +14,11 @@
 
 #include "mroute/entity/attribute.h"
 #include "mroute/entity/notifiee.h"
-#include "mroute/runtime/kiv/entity.h"
-#include "mroute/runtime/kiv/enumeration.h"
+#include "mroute/entity/kiv/entity.h"
+#include "mroute/entity/kiv/enumeration.h"
 #include "mroute/runtime/net/intf_id.h"
 #include "mroute/runtime/net/ip_gen_addr.h"
-#include "mroute/runtime/pam/pkt.h"
+#include "mroute/pam/pkt.h"
 
 namespace Orvet {
 

@@ -25,7 +25,7 @@
 #include "mroute/kernel/mrt_socket_pam.h"
 #include "mroute/kernel/vif_intf_map.h"
 #include "mroute/runtime/brevet.h"
-#include "mroute/runtime/kiv/entity.h"
+#include "mroute/entity/kiv/entity.h"
 #include "mroute/runtime/net/address_family.h"
 #include "mroute/runtime/net/namespace_name.h"
 

@@ -21,7 +21,7 @@
 #include "mroute/kernel/vif_intf_map.h"
 #include "mroute/runtime/brevet.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/runtime/pam/pam.h"
+#include "mroute/pam/pam.h"
 
 namespace Routing::Multicast::Notify {
 

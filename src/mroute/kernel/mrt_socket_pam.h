@@ -31,13 +31,13 @@
 
 #include "mroute/kernel/mrt_constants.h"
 #include "mroute/kernel/mrt_sys.h"
-#include "mroute/runtime/kiv/ptr.h"
+#include "mroute/entity/kiv/ptr.h"
 #include "mroute/runtime/net/ip_addr.h"
 #include "mroute/runtime/net/namespace_name.h"
-#include "mroute/runtime/pam/file_desc.h"
-#include "mroute/runtime/pam/pam.h"
-#include "mroute/runtime/pam/pam_fd_sm.h"
-#include "mroute/runtime/pam/pkt.h"
+#include "mroute/pam/file_desc.h"
+#include "mroute/pam/pam.h"
+#include "mroute/pam/pam_fd_sm.h"
+#include "mroute/pam/pkt.h"
 #include "mroute/runtime/trace.h"
 
 namespace Routing::Multicast::Notify {

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 namespace Routing::Multicast::Notify {
 

@@ -2,7 +2,7 @@
 
 #include <ostream>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/internal/key_display.h"
 #include "mroute/route/internal/key_encoding.h"
 #include "mroute/route/route_key.h"

@@ -3,7 +3,7 @@
 #include <ostream>
 #include <sstream>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
 
 namespace Brume::Multicast::Fib {
 namespace {

@@ -1,7 +1,9 @@
 #include "mroute/route/route_key_type.h"
 
 #include <ostream>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "mroute/runtime/error.h"
 
@@ -32,6 +34,23 @@ std::string_view stringValue(RouteKeyType type) {
   return type <= routeKeyTypeMax ? kNames[type] : std::string_view();
 }
 
+std::string valueToStrep(RouteKeyType type) {
+  if (type > routeKeyTypeMax) return std::to_string(static_cast<uint32_t>(type));
+  return "'" + std::string(stringValue(type)) + "'";
+}
+
+bool sequenceToValue(const char* begin, const char* end, RouteKeyType& result) {
+  std::string_view text(begin, static_cast<size_t>(end - begin));
+  if (text.size() >= 2 && text.front() == '\'' && text.back() == '\'') text = text.substr(1, text.size() - 2);
+  for (uint32_t i = 0; i <= routeKeyTypeMax; ++i) {
+    if (kNames[i] == text) {
+      result = static_cast<RouteKeyType>(i);
+      return true;
+    }
+  }
+  return false;
+}
+
 std::ostream& operator<<(std::ostream& os, RouteKeyType type) {
   if (type > routeKeyTypeMax) return os << static_cast<uint32_t>(type);
   return os << stringValue(type);
@@ -55,6 +74,17 @@ std::ostream& operator<<(std::ostream& os, RouteKeyTypeConverter c) {
 namespace Kiv {
 
 using Routing::Multicast::Fib::RouteKeyType;
+
+const TypeRecord& EnumInfo<RouteKeyType>::type() {
+  static const TypeRecord& record = [] {
+    std::vector<EnumLiteral> literals;
+    for (uint32_t i = 0; i <= Routing::Multicast::Fib::routeKeyTypeMax; ++i) {
+      literals.push_back({std::string(Routing::Multicast::Fib::stringValue(static_cast<RouteKeyType>(i))), i});
+    }
+    return std::ref(registerType("Routing::Multicast::Fib::RouteKeyType", TypeKind::enumeration, literals));
+  }();
+  return record;
+}
 
 void TextTraits<RouteKeyType>::write(std::ostream& os, RouteKeyType v) {
   if (v > Routing::Multicast::Fib::routeKeyTypeMax) {

@@ -11,9 +11,11 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <string>
 #include <string_view>
 
-#include "mroute/entity/text_form.h"
+#include "mroute/entity/kiv/text_form.h"
+#include "mroute/entity/kiv/enumeration.h"
 
 namespace Routing::Multicast::Fib {
 
@@ -35,6 +37,11 @@ RouteKeyType RouteKeyTypeInstance(std::string_view name);
 
 // "mroute", "vlanFloodset", ...; empty for a number that names no kind.
 std::string_view stringValue(RouteKeyType type);
+// The quoted literal, 'mroute'; a number that names no kind gives its number.
+std::string valueToStrep(RouteKeyType type);
+// Reads one literal, bare or quoted, from [begin, end); false (and `result`
+// untouched) when the text names no kind.
+bool sequenceToValue(const char* begin, const char* end, RouteKeyType& result);
 
 // The bare name; a number that names no kind prints as that number.
 std::ostream& operator<<(std::ostream& os, RouteKeyType type);
@@ -62,6 +69,12 @@ class RouteKeyTypeConverter {
 std::ostream& operator<<(std::ostream& os, RouteKeyTypeConverter c);
 
 }  // namespace Routing::Multicast::Fib
+
+// Registered as the enumeration "Routing::Multicast::Fib::RouteKeyType".
+template <>
+struct Kiv::EnumInfo<Routing::Multicast::Fib::RouteKeyType> {
+  static const TypeRecord& type();
+};
 
 // Enumerations print their literal name in single quotes: 'mroute'.
 template <>

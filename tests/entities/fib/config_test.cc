@@ -185,7 +185,7 @@ TEST(MulticastLegacyConfigTest, Defaults) {
   EXPECT_FALSE(IntfConfigIs("Ethernet1")->noFastdrop());
 }
 
-// The enumeration machinery itself is covered in runtime/kiv; here only what
+// The enumeration machinery itself is covered in entity/kiv; here only what
 // the FIB descriptions decide: literal numbering and the error texts.
 TEST(FibEnumTest, CounterModeLiteralsAndErrors) {
   EXPECT_EQ(static_cast<unsigned>(CounterModeInstance("None")), 0u);

@@ -10,8 +10,10 @@ Span::Span(uint16_t low, uint8_t high, Volume volume, const Kiv::String8& label)
   labelIs(label);
 }
 
+size_t Span::hash() const { return Kiv::hashFields(low_, high_, volume_, label_); }
+
 const Kiv::TypeRecord& Span::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Span", Kiv::TypeKind::value, {}, {{"low", 258, "field", "uint16_t", "1", 0, ""}, {"high", 259, "field", "uint8_t", "", 0, ""}, {"volume", 260, "field", "Volume", "Volume::normal", 0, ""}, {"label", 261, "field", "Kiv::String8", "", 0, ""}});
   return record;
 }
 
@@ -60,10 +62,10 @@ const Kiv::TypeRecord& Weight::type() {
   return record;
 }
 
-Leaf::Leaf(const Kiv::Name& name) : Kiv::Entity(name) {}
+Leaf::Leaf(const Kiv::Name& entityName) : Kiv::Entity(entityName) {}
 
 const Kiv::TypeRecord& Leaf::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Leaf", Kiv::TypeKind::entity, {}, {{"weight", 258, "attr", "uint32_t", "7", 0, ""}});
   return record;
 }
 
@@ -76,10 +78,10 @@ bool Leaf::isDefault() const { return true; }
 
 Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name) { return new Leaf(name); }
 
-Holder::Holder(const Kiv::Name& name) : Kiv::Entity(name) { doInit(); }
+Holder::Holder(const Kiv::Name& entityName) : Kiv::Entity(entityName) { doInit(); }
 
 const Kiv::TypeRecord& Holder::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity);
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Holder", Kiv::TypeKind::entity, {}, {{"flag", 258, "attr", "bool", "true", 0, ""}, {"mode", 259, "attr", "Mode", "Mode::on", 0, ""}, {"flagDefault", 260, "const", "bool", "true", 0, ""}, {"ticks", 261, "counter", "uint8_t", "0", 0, ""}, {"item", 262, "coll", "uint32_t -> Kiv::String", "", 0, "itemIs itemDel itemNotify"}, {"sorted", 263, "coll", "Kiv::Name -> bool", "", 0, "sortedIs sortedDel sortedNotify"}, {"leaf", 264, "child", "Kiv::Name -> Leaf", "", 0, "leafIs leafDel leafNotify"}, {"span", 265, "attr", "Span", "", 0, ""}});
   return record;
 }
 
@@ -89,18 +91,19 @@ void Holder::modeIs(Mode v) { Kiv::attrIs<NotifieeConst>(*this, kModeId, mode_, 
 
 void Holder::ticksIs(uint8_t v) { Kiv::attrIs<NotifieeConst>(*this, kTicksId, ticks_, v, &NotifieeConst::onTicks); }
 
-void Holder::ticksInc(uint8_t n) { Kiv::attrInc<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
+uint8_t Holder::ticksInc(uint8_t n) { return Kiv::attrInc<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
+uint8_t Holder::ticksDec(uint8_t n) { return Kiv::attrDec<NotifieeConst>(*this, kTicksId, ticks_, n, &NotifieeConst::onTicks); }
 
 void Holder::itemIs(uint32_t k, const Kiv::String& v) { Kiv::collIs<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
 void Holder::newItem(uint32_t k, const Kiv::String& v) { Kiv::collNew<NotifieeConst>(*this, kItemId, item_, k, v, &NotifieeConst::onItem); }
-void Holder::itemDel(uint32_t k) { Kiv::collDel<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
+Kiv::String Holder::itemDel(uint32_t k) { return Kiv::collTake<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
 void Holder::itemDel(ItemMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kItemId, item_, it, &NotifieeConst::onItem); }
 void Holder::itemDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kItemId, item_, &NotifieeConst::onItem); }
 void Holder::itemNotify(uint32_t k) { Kiv::collNotify<NotifieeConst>(*this, kItemId, item_, k, &NotifieeConst::onItem); }
 
 void Holder::sortedIs(const Kiv::Name& k, bool v) { Kiv::collIs<NotifieeConst>(*this, kSortedId, sorted_, k, v, &NotifieeConst::onSorted); }
 void Holder::newSorted(const Kiv::Name& k, bool v) { Kiv::collNew<NotifieeConst>(*this, kSortedId, sorted_, k, v, &NotifieeConst::onSorted); }
-void Holder::sortedDel(const Kiv::Name& k) { Kiv::collDel<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
+bool Holder::sortedDel(const Kiv::Name& k) { return Kiv::collTake<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
 void Holder::sortedDel(SortedMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kSortedId, sorted_, it, &NotifieeConst::onSorted); }
 void Holder::sortedDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kSortedId, sorted_, &NotifieeConst::onSorted); }
 void Holder::sortedNotify(const Kiv::Name& k) { Kiv::collNotify<NotifieeConst>(*this, kSortedId, sorted_, k, &NotifieeConst::onSorted); }
@@ -126,9 +129,142 @@ void Holder::doInit() { leafIs("first"); }
 
 Kiv::Ptr<Holder> HolderIs(const Kiv::Name& name) { return new Holder(name); }
 
+const Kiv::TypeRecord& RackSlot::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::RackSlot", Kiv::TypeKind::value);
+  return record;
+}
+
+const Kiv::TypeRecord& Nothing::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Nothing", Kiv::TypeKind::value, {}, {});
+  return record;
+}
+
+std::ostream& operator<<(std::ostream& os, const Nothing&) {
+  Kiv::ValueWriter(os, "Sample::Nothing").end();
+  return os;
+}
+
+Nothing Nothing::fromText(std::string_view text) {
+  Kiv::ValueReader r(text, "Sample::Nothing");
+  Nothing v;
+  r.end();
+  return v;
+}
+
+Entry::Entry(uint32_t key, uint16_t weight) {
+  keyIs(key);
+  weightIs(weight);
+}
+
+size_t Entry::hash() const { return Kiv::hashFields(key_, weight_); }
+
+const Kiv::TypeRecord& Entry::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Entry", Kiv::TypeKind::value, {}, {{"key", 258, "field", "uint32_t", "", 0, ""}, {"weight", 259, "field", "uint16_t", "1", 0, ""}});
+  return record;
+}
+
+std::ostream& operator<<(std::ostream& os, const Entry& v) {
+  Kiv::ValueWriter(os, "Sample::Entry")
+      .field("key", v.key())
+      .field("weight", v.weight()).end();
+  return os;
+}
+
+Entry Entry::fromText(std::string_view text) {
+  Kiv::ValueReader r(text, "Sample::Entry");
+  Entry v;
+  Kiv::readInto<uint32_t>(r, "key", [&v](uint32_t x) { v.keyIs(x); });
+  Kiv::readInto<uint16_t>(r, "weight", [&v](uint16_t x) { v.weightIs(x); });
+  r.end();
+  return v;
+}
+
+Branch::Branch(const Kiv::Name& entityName) : Leaf(entityName) {}
+
+const Kiv::TypeRecord& Branch::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Branch", Kiv::TypeKind::entity, {}, {{"length", 259, "attr", "uint16_t", "3", 0, ""}});
+  return record;
+}
+
+void Branch::lengthIs(uint16_t v) { Kiv::attrIs<NotifieeConst>(*this, kLengthId, length_, v, &NotifieeConst::onLength); }
+
+void Branch::reset() {
+}
+
+bool Branch::isDefault() const { return true; }
+
+Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name) { return new Branch(name); }
+
+Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) {}
+
+const Kiv::TypeRecord& Tree::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Tree", Kiv::TypeKind::entity, {}, {{"height", 258, "ctor", "uint32_t", "", 0, ""}, {"root", 259, "validref", "Leaf", "", 0, ""}, {"shade", 260, "ref", "Holder", "", 0, ""}, {"forest", 261, "backptr", "Holder", "", 0, ""}, {"prefixGroup", 262, "const", "Orvet::IpGenPrefix", "224.0.0.0/4", 0, ""}, {"rings", 263, "counter", "uint32_t", "0", 0, ""}, {"late", 270, "attr", "bool", "false", 0, ""}, {"entry", 271, "coll", "uint32_t -> Entry", "", 0, "entryIs entryDel entryNotify"}, {"byVlan", 272, "child", "Bridging::VlanId -> Leaf", "", 0, "byVlanIs byVlanDel byVlanNotify"}, {"sortedLeaf", 273, "child", "Kiv::Name -> Leaf", "", 0, "sortedLeafIs sortedLeafDel sortedLeafNotify"}, {"entries", 274, "table", "uint32_t -> Entry", "", 16, "entriesIs entriesDel entriesNotify"}});
+  return record;
+}
+
+void Tree::rootIs(const Kiv::ValidPtr<Leaf>& v) { Kiv::attrIs<NotifieeConst>(*this, kRootId, root_, Kiv::Ptr<Leaf>(v), &NotifieeConst::onRoot); }
+
+void Tree::shadeIs(const Kiv::Ptr<Holder>& v) { Kiv::attrIs<NotifieeConst>(*this, kShadeId, shade_, Kiv::Ptr<Holder>(v), &NotifieeConst::onShade); }
+
+void Tree::ringsIs(uint32_t v) { Kiv::attrIs<NotifieeConst>(*this, kRingsId, rings_, v, &NotifieeConst::onRings); }
+
+uint32_t Tree::ringsInc(uint32_t n) { return Kiv::attrInc<NotifieeConst>(*this, kRingsId, rings_, n, &NotifieeConst::onRings); }
+uint32_t Tree::ringsDec(uint32_t n) { return Kiv::attrDec<NotifieeConst>(*this, kRingsId, rings_, n, &NotifieeConst::onRings); }
+
+void Tree::lateIs(bool v) { Kiv::attrIs<NotifieeConst>(*this, kLateId, late_, v, &NotifieeConst::onLate); }
+
+void Tree::entryIs(const Entry& v) { Kiv::collIs<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
+void Tree::newEntry(const Entry& v) { Kiv::collNew<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
+Entry Tree::entryDel(uint32_t k) { return Kiv::collTake<NotifieeConst>(*this, kEntryId, entry_, k, &NotifieeConst::onEntry); }
+void Tree::entryDel(EntryMap::const_iterator it) { Kiv::collDel<NotifieeConst>(*this, kEntryId, entry_, it, &NotifieeConst::onEntry); }
+void Tree::entryDelAll() { Kiv::collDelAll<NotifieeConst>(*this, kEntryId, entry_, &NotifieeConst::onEntry); }
+void Tree::entryNotify(uint32_t k) { Kiv::collNotify<NotifieeConst>(*this, kEntryId, entry_, k, &NotifieeConst::onEntry); }
+
+Kiv::Ptr<Leaf> Tree::newByVlan(const Bridging::VlanId& k) { return Kiv::childNew<NotifieeConst>(*this, kByVlanId, byVlan_, k, &NotifieeConst::onByVlan); }
+Kiv::Ptr<Leaf> Tree::byVlanIs(const Bridging::VlanId& k) { return Kiv::childIs<NotifieeConst>(*this, kByVlanId, byVlan_, k, &NotifieeConst::onByVlan); }
+void Tree::byVlanDel(const Bridging::VlanId& k) { Kiv::childDel<NotifieeConst>(*this, kByVlanId, byVlan_, k, &NotifieeConst::onByVlan); }
+void Tree::byVlanDel(ByVlanMap::const_iterator it) { Kiv::childDel<NotifieeConst>(*this, kByVlanId, byVlan_, it, &NotifieeConst::onByVlan); }
+void Tree::byVlanDelAll() { Kiv::childDelAll<NotifieeConst>(*this, kByVlanId, byVlan_, &NotifieeConst::onByVlan); }
+void Tree::byVlanNotify(const Bridging::VlanId& k) { Kiv::collNotify<NotifieeConst>(*this, kByVlanId, byVlan_, k, &NotifieeConst::onByVlan); }
+
+Kiv::Ptr<Leaf> Tree::newSortedLeaf(const Kiv::Name& k) { return Kiv::childNew<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, k, &NotifieeConst::onSortedLeaf); }
+Kiv::Ptr<Leaf> Tree::sortedLeafIs(const Kiv::Name& k) { return Kiv::childIs<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, k, &NotifieeConst::onSortedLeaf); }
+void Tree::sortedLeafDel(const Kiv::Name& k) { Kiv::childDel<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, k, &NotifieeConst::onSortedLeaf); }
+void Tree::sortedLeafDel(SortedLeafMap::const_iterator it) { Kiv::childDel<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, it, &NotifieeConst::onSortedLeaf); }
+void Tree::sortedLeafDelAll() { Kiv::childDelAll<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, &NotifieeConst::onSortedLeaf); }
+void Tree::sortedLeafNotify(const Kiv::Name& k) { Kiv::collNotify<NotifieeConst>(*this, kSortedLeafId, sortedLeaf_, k, &NotifieeConst::onSortedLeaf); }
+
+void Tree::entriesIs(const Entry& v) { KivBrume::tableIs<NotifieeConst>(*this, kEntriesId, entries_, v, &NotifieeConst::onEntries); }
+void Tree::newEntries(const Entry& v) { KivBrume::tableNew<NotifieeConst>(*this, kEntriesId, entries_, v, &NotifieeConst::onEntries); }
+Entry Tree::entriesDel(uint32_t k) { return KivBrume::tableDel<NotifieeConst>(*this, kEntriesId, entries_, k, &NotifieeConst::onEntries); }
+Entry Tree::entriesDel(EntriesTable::const_iterator it) { return KivBrume::tableDel<NotifieeConst>(*this, kEntriesId, entries_, it, &NotifieeConst::onEntries); }
+void Tree::entriesDelAll() { KivBrume::tableDelAll<NotifieeConst>(*this, kEntriesId, entries_, &NotifieeConst::onEntries); }
+void Tree::entriesCommit(const Entry* v) { KivBrume::tableCommit<NotifieeConst>(*this, kEntriesId, entries_, v, &NotifieeConst::onEntries); }
+void Tree::entriesNotify(uint32_t k) { Kiv::keyNotify<NotifieeConst>(*this, kEntriesId, k, &NotifieeConst::onEntries); }
+void Tree::entriesNotifyCollection() { Kiv::collectionNotify<NotifieeConst>(*this, kEntriesId, &NotifieeConst::onEntrieskivImmediate, &NotifieeConst::onEntries); }
+
+void Tree::mountTables(Mroute::Loop::EventLoop& loop, std::string_view mountPath, Brume::BrumeType type) {
+  entries_.mount(loop, mountPath, type, [this](const uint32_t& k) { entriesNotify(k); }, [this] { entriesNotifyCollection(); });
+}
+void Tree::unmountTables() {
+  entries_.unmount();
+}
+
+void Tree::reset() {
+  shadeIs(nullptr);
+  ringsIs(0);
+  lateIs(false);
+  entryDelAll();
+  byVlanDelAll();
+}
+
+bool Tree::isDefault() const { return !shade_ && rings_ == 0 && late_ == false && entry_.empty() && byVlan_.empty(); }
+
+Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root) { return new Tree(Kiv::childName(height), height, root); }
+
 namespace {
 // Registers the types of this unit, in declaration order, at load.
-[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Octet::type(), Lone::type(), Slot::type(), Weight::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), true);
+[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Octet::type(), Lone::type(), Slot::type(), Weight::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), RackSlot::type(), Nothing::type(), Entry::type(), Branch::type(), Tree::type(), true);
 }  // namespace
 
 }  // namespace Sample
@@ -144,3 +280,7 @@ const Kiv::TypeRecord& Kiv::EnumInfo<Sample::Holder::Mode>::type() {
       registerType("Sample::Holder::Mode", TypeKind::enumeration, {{"off", 0}, {"on", 1}});
   return record;
 }
+
+// Linking this symbol (mroute::mroute asks the linker for it) keeps the unit, and so its registrations,
+// in a program that links the library statically.
+extern "C" void mroute_types_entitygen_sample_sample() {}

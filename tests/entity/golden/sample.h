@@ -11,9 +11,18 @@
 #include "mroute/entity/entity_support.h"
 #include "mroute/entity/flag_set.h"
 #include "mroute/entity/bounded_value.h"
+#include "mroute/kivbrume/table_collection.h"
 #include "mroute/runtime/net/address_family.h"
+#include "mroute/runtime/net/vrf_name.h"
+#include "mroute/runtime/net/ip_gen_prefix.h"
+#include "mroute/runtime/net/vlan_id.h"
 
 namespace Sample {
+
+class Leaf;
+class Holder;
+class Branch;
+class Tree;
 
 // How loud a sample is.
 enum class Volume : uint8_t { quiet = 0, normal = 1, loud = 2 };
@@ -21,6 +30,7 @@ enum class Volume : uint8_t { quiet = 0, normal = 1, loud = 2 };
 // A checked record.
 class Span {
  public:
+  static constexpr std::string_view kTypeName = "Sample::Span";
   Span() = default;
   Span(uint16_t low, uint8_t high, Volume volume, const Kiv::String8& label);
 
@@ -38,6 +48,8 @@ class Span {
 
   friend bool operator==(const Span&, const Span&) = default;
   friend bool operator<(const Span& a, const Span& b) { return std::tie(a.low_, a.high_, a.volume_, a.label_) < std::tie(b.low_, b.high_, b.volume_, b.label_); }
+  // Over the fields in declaration order.
+  size_t hash() const;
   // Reads the text that operator<< writes.
   static Span fromText(std::string_view text);
   static const Kiv::TypeRecord& type();
@@ -50,6 +62,15 @@ class Span {
 };
 
 std::ostream& operator<<(std::ostream& os, const Span& v);
+
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Span> {
+  size_t operator()(const Sample::Span& v) const { return v.hash(); }
+};
+
+namespace Sample {
 
 class Marks : public Kiv::FlagSet<Marks, uint8_t, 2> {
  public:
@@ -149,7 +170,7 @@ class Leaf : public Kiv::Entity {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Leaf(const Kiv::Name& name);
+  explicit Leaf(const Kiv::Name& entityName);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
 
@@ -188,7 +209,7 @@ class Holder : public Kiv::Entity {
   class NotifieeConst;
   class Notifiee;
 
-  explicit Holder(const Kiv::Name& name);
+  explicit Holder(const Kiv::Name& entityName);
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
   static std::string mountPath(Orvet::AddressFamily af) { return Kiv::familyPath(af.value(), "sample/holder", "sample6/holder"); }
@@ -204,14 +225,16 @@ class Holder : public Kiv::Entity {
   uint8_t ticks() const { return ticks_; }
   void ticksIs(uint8_t v);
 
-  void ticksInc(uint8_t n);
+  uint8_t ticksInc(uint8_t n);
+  uint8_t ticksDec(uint8_t n);
 
   using ItemMap = Kiv::HashMap<uint32_t, Kiv::String>;
   const ItemMap& item() const { return item_; }
   Kiv::String item(uint32_t k) const { return Kiv::collValue(item_, k); }
   void itemIs(uint32_t k, const Kiv::String& v);
   void newItem(uint32_t k, const Kiv::String& v);
-  void itemDel(uint32_t k);
+  // Returns the removed value; V() when the key was absent (nobody is told then).
+  Kiv::String itemDel(uint32_t k);
   void itemDel(ItemMap::const_iterator it);
   void itemDelAll();
   void itemNotify(uint32_t k);
@@ -221,7 +244,8 @@ class Holder : public Kiv::Entity {
   bool sorted(const Kiv::Name& k) const { return Kiv::collValue(sorted_, k); }
   void sortedIs(const Kiv::Name& k, bool v);
   void newSorted(const Kiv::Name& k, bool v);
-  void sortedDel(const Kiv::Name& k);
+  // Returns the removed value; V() when the key was absent (nobody is told then).
+  bool sortedDel(const Kiv::Name& k);
   void sortedDel(SortedMap::const_iterator it);
   void sortedDelAll();
   void sortedNotify(const Kiv::Name& k);
@@ -273,6 +297,257 @@ class Holder::Notifiee : public Kiv::NotifieeOf<Holder, Holder::NotifieeConst> {
 
 Kiv::Ptr<Holder> HolderIs(const Kiv::Name& name);
 
+// A slot of a rack: 65535 is none() and the default; 65534 marks a slot that
+// waits (isReady() is false for it alone).
+class RackSlot : public Kiv::BoundedValue<RackSlot, uint16_t, 0, 65535, 65535> {
+ public:
+  using BoundedValue::BoundedValue;
+  static constexpr std::string_view kShortName = "RackSlot";
+  static const Kiv::TypeRecord& type();
+
+  static constexpr RackSlot none() { return RackSlot(65535); }
+  constexpr bool isNone() const { return value() == 65535; }
+  static constexpr RackSlot waiting() { return RackSlot(65534); }
+  constexpr bool isReady() const { return value() != 65534; }
+};
+
+static_assert(sizeof(RackSlot) == sizeof(uint16_t) && std::is_trivially_copyable_v<RackSlot>);
+
+// No fields: every two are equal.
+class Nothing {
+ public:
+  static constexpr std::string_view kTypeName = "Sample::Nothing";
+  friend bool operator==(const Nothing&, const Nothing&) = default;
+  friend bool operator<(const Nothing&, const Nothing&) { return false; }
+  size_t hash() const { return 0; }
+  static Nothing fromText(std::string_view text);
+  static const Kiv::TypeRecord& type();
+};
+
+std::ostream& operator<<(std::ostream& os, const Nothing& v);
+
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Nothing> {
+  size_t operator()(const Sample::Nothing& v) const { return v.hash(); }
+};
+
+namespace Sample {
+
+// A record filed under its own key, in a table or a keyed collection.
+class Entry {
+ public:
+  static constexpr std::string_view kTypeName = "Sample::Entry";
+  Entry() = default;
+  Entry(uint32_t key, uint16_t weight);
+
+  uint32_t key() const { return key_; }
+  void keyIs(uint32_t v) { key_ = v; }
+
+  uint16_t weight() const { return weight_; }
+  void weightIs(uint16_t v) { weight_ = v; }
+
+  friend bool operator==(const Entry&, const Entry&) = default;
+  friend bool operator<(const Entry& a, const Entry& b) { return std::tie(a.key_, a.weight_) < std::tie(b.key_, b.weight_); }
+  // Over the fields in declaration order.
+  size_t hash() const;
+  // Reads the text that operator<< writes.
+  static Entry fromText(std::string_view text);
+  static const Kiv::TypeRecord& type();
+
+ private:
+  uint32_t key_ = {};
+  uint16_t weight_ = 1;
+};
+
+std::ostream& operator<<(std::ostream& os, const Entry& v);
+
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Entry> {
+  size_t operator()(const Sample::Entry& v) const { return v.hash(); }
+};
+
+namespace Sample {
+
+// A Leaf with more: its attributes count on after Leaf's.
+class Branch : public Leaf {
+ public:
+  static constexpr Kiv::AttrId kLengthId = 259;
+
+  class NotifieeConst;
+  class Notifiee;
+
+  explicit Branch(const Kiv::Name& entityName);
+  static const Kiv::TypeRecord& type();
+  const Kiv::TypeRecord& fwkType() const override { return type(); }
+
+  uint16_t length() const { return length_; }
+  void lengthIs(uint16_t v);
+  void reset();
+  bool isDefault() const;
+
+ private:
+  uint16_t length_ = 3;
+};
+
+class Branch::NotifieeConst : public Leaf::NotifieeConst {
+ public:
+  Kiv::Ptr<const Branch> notifier() const { return static_cast<const Branch*>(notifierEntity()); }
+  void notifierIs(const Kiv::Ptr<const Branch>& e) { notifierEntityIs(const_cast<Branch*>(e.ptr())); }
+  virtual void onLength() {}
+};
+
+class Branch::Notifiee : public Kiv::NotifieeOf<Branch, Branch::NotifieeConst> {};
+
+Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name);
+
+// Every other kind of member.
+class Tree : public Kiv::Entity {
+ public:
+  static constexpr Kiv::AttrId kHeightId = 258;
+  static constexpr Kiv::AttrId kRootId = 259;
+  static constexpr Kiv::AttrId kShadeId = 260;
+  static constexpr Kiv::AttrId kForestId = 261;
+  static constexpr Kiv::AttrId kPrefixGroupId = 262;
+  static constexpr Kiv::AttrId kRingsId = 263;
+  static constexpr Kiv::AttrId kLateId = 270;
+  static constexpr Kiv::AttrId kEntryId = 271;
+  static constexpr Kiv::AttrId kByVlanId = 272;
+  static constexpr Kiv::AttrId kSortedLeafId = 273;
+  static constexpr Kiv::AttrId kEntriesId = 274;
+
+  class NotifieeConst;
+  class Notifiee;
+
+  explicit Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root);
+  static const Kiv::TypeRecord& type();
+  const Kiv::TypeRecord& fwkType() const override { return type(); }
+  static std::string mountPath(Orvet::AddressFamily af, const L3::VrfName& vrf, const Kiv::Name& application) {
+    return Kiv::familyPath(af.value(), "sample/tree", "sample6/tree", {vrf.str(), application});
+  }
+
+  uint32_t height() const { return height_; }
+
+  Kiv::Ptr<Leaf> root() const { return root_; }
+  void rootIs(const Kiv::ValidPtr<Leaf>& v);
+
+  Kiv::Ptr<Holder> shade() const { return shade_; }
+  void shadeIs(const Kiv::Ptr<Holder>& v);
+
+  Holder* forest() const { return forest_; }
+  void forestIs(Holder* v) { forest_ = v; }
+
+  static const Orvet::IpGenPrefix& prefixGroup() {
+    static const Orvet::IpGenPrefix value = Kiv::constantFromText<Orvet::IpGenPrefix>("224.0.0.0/4");
+    return value;
+  }
+
+  uint32_t rings() const { return rings_; }
+  void ringsIs(uint32_t v);
+
+  uint32_t ringsInc(uint32_t n);
+  uint32_t ringsDec(uint32_t n);
+
+  bool late() const { return late_; }
+  void lateIs(bool v);
+
+  using EntryMap = Kiv::HashMap<uint32_t, Entry>;
+  const EntryMap& entry() const { return entry_; }
+  Entry entry(uint32_t k) const { return Kiv::collValue(entry_, k); }
+  void entryIs(const Entry& v);
+  void newEntry(const Entry& v);
+  Entry entryDel(uint32_t k);
+  void entryDel(EntryMap::const_iterator it);
+  void entryDelAll();
+  void entryNotify(uint32_t k);
+
+  using ByVlanMap = Kiv::ChildMap<Bridging::VlanId, Leaf>;
+  const ByVlanMap& byVlan() const { return byVlan_; }
+  Kiv::Ptr<Leaf> byVlan(const Bridging::VlanId& k) const { return Kiv::childValue(byVlan_, k); }
+  Kiv::Ptr<Leaf> newByVlan(const Bridging::VlanId& k);
+  Kiv::Ptr<Leaf> byVlanIs(const Bridging::VlanId& k);
+  void byVlanDel(const Bridging::VlanId& k);
+  void byVlanDel(ByVlanMap::const_iterator it);
+  void byVlanDelAll();
+  void byVlanNotify(const Bridging::VlanId& k);
+
+  using SortedLeafMap = Kiv::ChildMap<Kiv::Name, Leaf, Kiv::RbTreeMap<Kiv::Name, Kiv::Ptr<Leaf>>>;
+  const SortedLeafMap& sortedLeaf() const { return sortedLeaf_; }
+  Kiv::Ptr<Leaf> sortedLeaf(const Kiv::Name& k) const { return Kiv::childValue(sortedLeaf_, k); }
+  Kiv::Ptr<Leaf> newSortedLeaf(const Kiv::Name& k);
+  Kiv::Ptr<Leaf> sortedLeafIs(const Kiv::Name& k);
+  void sortedLeafDel(const Kiv::Name& k);
+  void sortedLeafDel(SortedLeafMap::const_iterator it);
+  void sortedLeafDelAll();
+  void sortedLeafNotify(const Kiv::Name& k);
+
+  using EntriesTable = KivBrume::KivBrumeMap<uint32_t, Entry>;
+  const EntriesTable& entries() const { return entries_; }
+  EntriesTable& entries() { return entries_; }
+  Entry entries(uint32_t k) const { return entries_.lookup(k); }
+  void entriesIs(const Entry& v);
+  void newEntries(const Entry& v);
+  Entry entriesDel(uint32_t k);
+  Entry entriesDel(EntriesTable::const_iterator it);
+  void entriesDelAll();
+  // Opens the slot of k for writing in place; entriesCommit publishes it.
+  Entry* entriesDirectIs(uint32_t k) { return entries_.directWrite(k); }
+  void entriesCommit(const Entry* v);
+  void entriesNotify(uint32_t k);
+  void entriesNotifyCollection();
+  uint64_t entriesDelCount() const { return entries_.delCount(); }
+  uint64_t entriesCommitCount() const { return entries_.commitCount(); }
+
+  // Mounts every shared table under mountPath (one directory per table, named after it); a reader kind
+  // announces each change it learns as onX(key) and its readiness as the collection-level callbacks.
+  void mountTables(Mroute::Loop::EventLoop& loop, std::string_view mountPath, Brume::BrumeType type);
+  void unmountTables();
+
+  // Rings per unit of height.
+  double density() const;
+  void reset();
+  bool isDefault() const;
+
+ private:
+  uint32_t height_;
+  Kiv::Ptr<Leaf> root_;
+  Kiv::Ptr<Holder> shade_;
+  Holder* forest_ = nullptr;
+  uint32_t rings_ = 0;
+  bool late_ = false;
+  EntryMap entry_;
+  ByVlanMap byVlan_;
+  SortedLeafMap sortedLeaf_;
+  EntriesTable entries_{"entries", 16};
+};
+
+class Tree::NotifieeConst : public Kiv::NotifieeConstOf<Tree> {
+ public:
+  virtual void onRoot() {}
+  virtual void onShade() {}
+  virtual void onRings() {}
+  virtual void onLate() {}
+  virtual void onEntry(const uint32_t&) {}
+  virtual void onEntrykivImmediate() {}
+  virtual void onEntry() {}
+  virtual void onByVlan(const Bridging::VlanId&) {}
+  virtual void onByVlankivImmediate() {}
+  virtual void onByVlan() {}
+  virtual void onSortedLeaf(const Kiv::Name&) {}
+  virtual void onSortedLeafkivImmediate() {}
+  virtual void onSortedLeaf() {}
+  virtual void onEntries(const uint32_t&) {}
+  virtual void onEntrieskivImmediate() {}
+  virtual void onEntries() {}
+};
+
+class Tree::Notifiee : public Kiv::NotifieeOf<Tree, Tree::NotifieeConst> {};
+
+Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root);
+
 }  // namespace Sample
 
 template <>
@@ -283,11 +558,6 @@ struct Kiv::EnumInfo<Sample::Volume> {
 template <>
 struct Kiv::EnumInfo<Sample::Holder::Mode> {
   static const TypeRecord& type();
-};
-
-template <>
-struct std::hash<Sample::Span> {
-  size_t operator()(const Sample::Span& v) const { return Kiv::hashFields(v.low(), v.high(), v.volume(), v.label()); }
 };
 
 namespace Sample {

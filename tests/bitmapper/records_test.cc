@@ -1,0 +1,128 @@
+// The bit-index allocator's records: the reserved indexes, the keys and rows
+// and their text forms, the request counters and the reader queries.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <unordered_set>
+
+#include "mroute/bitmapper/brume_status.h"
+#include "mroute/bitmapper/config.h"
+#include "mroute/bitmapper/status.h"
+#include "testing/shm_root_scope.h"
+
+namespace {
+
+using namespace BitMapper;
+
+template <class T>
+std::string text(const T& v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+BitMapperKey key(const char* intf, const char* addr) {
+  return BitMapperKey(Orvet::IntfId::fromText(intf), Orvet::IpGenAddr::fromText(addr));
+}
+
+TEST(BitIndexTest, InvalidIndexIsAnOrdinaryValueExceptForIsValid) {
+  const BitIndex invalid = BitIndex::invalid();
+  EXPECT_EQ(invalid.value(), 65534);
+  EXPECT_EQ(BitIndex().value(), 65535);
+  EXPECT_EQ(BitIndex(), BitIndex::null());
+  EXPECT_FALSE(invalid.isValid());
+  EXPECT_TRUE(BitIndex::null().isValid());
+  EXPECT_TRUE(BitIndex(7).isValid());
+  EXPECT_TRUE(BitIndex::null().isNull());
+  EXPECT_FALSE(invalid.isNull());
+  EXPECT_LT(BitIndex(7), invalid);
+  EXPECT_LT(invalid, BitIndex::null());
+  EXPECT_EQ(text(invalid), "65534");
+  EXPECT_EQ(BitIndex::fromText("65534"), invalid);
+  EXPECT_NE(invalid.hash(), BitIndex::null().hash());
+}
+
+TEST(RecordsTest, TextFormsRoundTrip) {
+  const BitMapperKey k = key("Ethernet1", "10.0.0.1");
+  EXPECT_EQ(text(k), "Value('BitMapper::BitMapperKey', ** {'intfId': Ethernet1, 'ipGenAddr': 10.0.0.1})");
+  const BitIndexMap row(BitIndex(3), k, 2, false);
+  EXPECT_EQ(text(row),
+            "Value('BitMapper::BitIndexMap', ** {'key': 3, 'bitMapperKey': " + text(k) +
+                ", 'refCount': 2, 'isNewMapping': False})");
+  EXPECT_EQ(BitIndexMap::fromText(text(row)), row);
+  const WaitlistMap wait(k, 4);
+  EXPECT_EQ(text(wait), "Value('BitMapper::WaitlistMap', ** {'key': " + text(k) + ", 'refCount': 4})");
+  EXPECT_EQ(WaitlistMap::fromText(text(wait)), wait);
+  EXPECT_EQ(text(TableInfo()), "Value('BitMapper::TableInfo', ** {})");
+  EXPECT_EQ(TableInfo::fromText(text(TableInfo())), TableInfo());
+}
+
+TEST(RecordsTest, KeysOrderByInterfaceThenAddressAndRowsDifferInIsNewMapping) {
+  EXPECT_LT(key("Ethernet1", "10.0.0.9"), key("Ethernet2", "10.0.0.1"));
+  EXPECT_LT(key("Ethernet1", "10.0.0.1"), key("Ethernet1", "10.0.0.2"));
+  std::unordered_set<BitMapperKey> keys{key("Ethernet1", "10.0.0.1"), key("Ethernet1", "10.0.0.1")};
+  EXPECT_EQ(keys.size(), 1u);
+  const BitIndexMap row(BitIndex(3), key("Ethernet1", "10.0.0.1"), 1, true);
+  BitIndexMap other = row;
+  other.isNewMappingIs(false);
+  EXPECT_NE(row, other);
+  EXPECT_EQ(BitIndexMap().key(), BitIndex::null());
+  EXPECT_TRUE(BitIndexMap().isNewMapping());
+}
+
+struct CountRecorder : Config::NotifieeConst {
+  void onAllocRequestKey() override { ++keys; }
+  void onAllocRequestCount() override { ++counts; }
+  int keys = 0;
+  int counts = 0;
+};
+
+TEST(ConfigTest, IncNotifiesOncePerChangeAndReturnsTheNewCount) {
+  Kiv::Ptr<Config> config = configFactory(64, true);
+  EXPECT_EQ(config->bitMapSize(), 64u);
+  EXPECT_TRUE(config->enableRefCount());
+  CountRecorder rec;
+  rec.notifierIs(config);
+  config->allocRequestKeyIs(BitMapperKey());  // the key already held
+  EXPECT_EQ(rec.keys, 0);
+  EXPECT_EQ(config->allocRequestCountInc(3), 3u);  // one request, not three
+  EXPECT_EQ(rec.counts, 1);
+  EXPECT_EQ(config->allocRequestCountInc(0), 3u);
+  EXPECT_EQ(rec.counts, 1);
+  config->allocRequestCountIs(0xffffffffu);
+  EXPECT_EQ(config->allocRequestCountInc(1), 0u);  // wraps
+  EXPECT_EQ(rec.counts, 3);
+}
+
+TEST(StatusTest, AbsentKeyReadsAsNullAndAWaitingKeyHoldsTheInvalidIndex) {
+  Kiv::Ptr<Status> status = statusFactory();
+  const BitMapperKey k = key("Ethernet1", "10.0.0.1");
+  EXPECT_TRUE(status->bitIndex(k).isNull());
+  status->bitIndexIs(k, BitIndex::invalid());
+  EXPECT_FALSE(status->bitIndex(k).isValid());
+  status->reset();
+  EXPECT_TRUE(status->isDefault());
+}
+
+class BrumeStatusTest : public testing::Test {
+ protected:
+  void SetUp() override { status->mountTables(loop, "bitmapper/test", Brume::BrumeType::writer); }
+  Testing::ShmRootScope root{"bitmapper"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<BrumeStatus> status = BrumeStatusIs("bitmapper");
+};
+
+TEST_F(BrumeStatusTest, LookupBitIndexAndIsNewMappingReadTheIndexTable) {
+  const BitMapperKey k = key("Ethernet1", "10.0.0.1");
+  EXPECT_EQ(status->lookupBitIndex(BitIndex(5)), BitMapperKey());
+  EXPECT_TRUE(status->isNewMapping(BitIndex(5)));  // absent row reads as BitIndexMap()
+  status->bitIndexMapIs(BitIndexMap(BitIndex(5), k, 1, false));
+  EXPECT_EQ(status->lookupBitIndex(BitIndex(5)), k);
+  EXPECT_FALSE(status->isNewMapping(BitIndex(5)));
+  EXPECT_TRUE(status->isNewMapping(BitIndex::invalid()));
+  status->waitlistMapIs(WaitlistMap(k, 2));
+  EXPECT_EQ(status->waitlistMap(k).refCount(), 2u);
+  EXPECT_EQ(status->bitIndexMap().capacity(), 65536u);
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+// The hardware status tree: its unusual defaults, the dirty-LAG count that a
+// delete hands back, the route count over VRFs, the skipped attribute ids and
+// the hardware flags.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "mroute/entities/hardware/hardware_status.h"
+#include "testing/expect_assert.h"
+
+namespace {
+
+using namespace Routing::Multicast::Fib::Hardware;
+using Routing::Multicast::Fib::IpGenRouteKey;
+
+IpGenRouteKey routeKey(const char* group) {
+  return IpGenRouteKey(Orvet::IpGenPrefix::fromText("0.0.0.0/0"), Orvet::IpGenPrefix::fromText(group));
+}
+
+TEST(HardwareStatusTest, FreshStatusHasItsDocumentedDefaults) {
+  Kiv::Ptr<Status> status = statusFactory("hw");
+  EXPECT_TRUE(status->hwRouting());
+  EXPECT_EQ(status->pollingInterval(), 60);
+  EXPECT_EQ(status->pollingMinInterval(), 1);
+  EXPECT_TRUE(status->avoidDuplicates());
+  EXPECT_TRUE(status->deleteL2RouteOnFailure());
+  EXPECT_FALSE(status->hwResourceFull() || status->needIifInOifSet() || status->batchEnabled() ||
+               status->routeCounterSupported() || status->routingEnabled() || status->anyDirtyLag());
+  EXPECT_EQ(status->routeLimit(), 0u);
+  EXPECT_TRUE(status->isDefault());
+  EXPECT_EQ(Status::mountPath(Orvet::AddressFamily(1)), "routing/hardware/multicast/status");
+}
+
+TEST(HardwareStatusTest, DirtyLagDelReturnsTheRemovedCount) {
+  Kiv::Ptr<Status> status = StatusIs("hw");
+  struct Recorder : Status::NotifieeConst {
+    void onDirtyLag(const Orvet::IntfId&) override { ++calls; }
+    using Status::NotifieeConst::onDirtyLag;
+    int calls = 0;
+  } rec;
+  rec.notifierIs(status);
+  const Orvet::IntfId lag = Orvet::IntfId::fromText("Port-Channel1");
+  EXPECT_EQ(status->dirtyLagDel(lag), 0u);
+  EXPECT_EQ(rec.calls, 0);
+  status->dirtyLagIs(lag, 4);
+  EXPECT_EQ(status->dirtyLagDel(lag), 4u);
+  EXPECT_EQ(rec.calls, 2);
+}
+
+TEST(HardwareStatusTest, RoutesCountsEveryVrfAndChildrenKeepTheirKeys) {
+  Kiv::Ptr<Status> status = StatusIs("hw");
+  Kiv::Ptr<VrfStatus> red = status->vrfStatusIs(L3::VrfName("red"));
+  EXPECT_EQ(red->name(), L3::VrfName("red"));
+  Kiv::Ptr<RouteStatus> route = red->routeIs(routeKey("239.1.1.1/32"));
+  EXPECT_EQ(route->key(), routeKey("239.1.1.1/32"));
+  red->routeIs(routeKey("239.1.1.2/32"));
+  status->vrfStatusIs(L3::VrfName("blue"))->routeIs(routeKey("239.1.1.1/32"));
+  EXPECT_EQ(status->routes(), 3u);
+  EXPECT_EQ(vrfStatusFactory(L3::VrfName("green"))->name(), L3::VrfName("green"));
+}
+
+TEST(RouteStatusTest, SkippedIdsAndHardwareFlags) {
+  EXPECT_EQ(RouteStatus::kHwFlagsId, 260);
+  EXPECT_EQ(RouteStatus::kLastPollTimeId, 263);
+  EXPECT_EQ(RouteStatus::kFrrIntfIdId, 268);
+  std::ostringstream os;
+  os << HwFlags(3);
+  EXPECT_EQ(os.str(), "Value('Routing::Multicast::Fib::Hardware::RouteStatus::HwFlags', ** {'noRoute': True, "
+                      "'noIntfs': True})");
+  EXPECT_THROW_TEXT(HwFlags(4), Kiv::RangeException, "HwFlags::value > 0x3 not allowed");
+}
+
+}  // namespace

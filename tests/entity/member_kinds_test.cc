@@ -1,0 +1,155 @@
+// The member kinds beyond plain attributes and value collections, on the
+// sample Tree and Branch: references, constants of value types, counters,
+// explicit ids, records keyed by their own field, children keyed by values,
+// shared tables, named factories and inheritance.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "entitygen_sample/sample.h"
+#include "testing/expect_assert.h"
+#include "testing/shm_root_scope.h"
+
+namespace {
+
+using namespace Sample;
+using Log = std::vector<std::string>;
+
+struct TreeRecorder : Tree::NotifieeConst {
+  explicit TreeRecorder(Log* log) : log(log) {}
+  void onRoot() override { log->push_back("root"); }
+  void onShade() override { log->push_back("shade"); }
+  void onRings() override { log->push_back("rings"); }
+  void onEntry(const uint32_t& k) override { log->push_back("entry " + std::to_string(k)); }
+  void onEntries(const uint32_t& k) override { log->push_back("entries " + std::to_string(k)); }
+  void onEntrieskivImmediate() override { log->push_back("entries immediate"); }
+  void onEntries() override { log->push_back("entries all"); }
+  using Tree::NotifieeConst::onEntry;
+  Log* log;
+};
+
+class TreeTest : public testing::Test {
+ protected:
+  void SetUp() override { rec.notifierIs(tree); }
+  Kiv::Ptr<Leaf> root = LeafIs("root");
+  Kiv::Ptr<Tree> tree = treeFactory(4, root);
+  Log log;
+  TreeRecorder rec{&log};
+};
+
+TEST_F(TreeTest, ValidReferenceRefusesNullAndCountsItsTarget) {
+  EXPECT_EQ(tree->root(), root);
+  EXPECT_EQ(root->references(), 2u);
+  EXPECT_THROW_TEXT(tree->rootIs(nullptr), Kiv::RangeException, "null ValidPtr");
+  EXPECT_THROW_TEXT(treeFactory(1, Kiv::Ptr<Leaf>()), Kiv::RangeException, "null ValidPtr");
+  EXPECT_EQ(tree->root(), root);
+  tree->rootIs(root);  // the same target: nobody hears
+  Kiv::Ptr<Leaf> other = LeafIs("other");
+  tree->rootIs(other);
+  EXPECT_EQ(log, (Log{"root"}));
+  EXPECT_EQ(root->references(), 1u);
+}
+
+TEST_F(TreeTest, PlainReferenceAndBackPointer) {
+  Kiv::Ptr<Holder> holder = HolderIs("h");
+  tree->shadeIs(holder);
+  tree->shadeIs(holder);
+  tree->forestIs(holder.ptr());  // not counted, not notified
+  EXPECT_EQ(holder->references(), 2u);
+  EXPECT_EQ(log, (Log{"shade"}));
+  EXPECT_FALSE(tree->isDefault());
+  tree->reset();
+  EXPECT_EQ(holder->references(), 1u);
+  EXPECT_EQ(tree->forest(), holder.ptr());  // reset leaves what it does not list
+  EXPECT_TRUE(tree->isDefault());
+}
+
+TEST_F(TreeTest, ConstantOfAValueTypeCounterAndExplicitIds) {
+  std::ostringstream os;
+  os << Tree::prefixGroup();
+  EXPECT_EQ(os.str(), "224.0.0.0/4");
+  EXPECT_EQ(tree->ringsInc(5), 5u);
+  EXPECT_EQ(tree->ringsDec(2), 3u);
+  EXPECT_EQ(tree->ringsInc(0), 3u);
+  EXPECT_EQ(log, (Log{"rings", "rings"}));
+  EXPECT_DOUBLE_EQ(tree->density(), 0.75);
+  EXPECT_EQ(Tree::kRingsId, 263);
+  EXPECT_EQ(Tree::kLateId, 270);
+  EXPECT_EQ(Tree::kEntryId, 271);  // ids count on from an explicit one
+}
+
+TEST_F(TreeTest, RecordsAreFiledUnderTheirOwnKey) {
+  tree->entryIs(Entry(7, 2));
+  tree->entryIs(Entry(7, 2));
+  tree->entryIs(Entry(7, 3));
+  EXPECT_EQ(tree->entry(7).weight(), 3);
+  EXPECT_EQ(log, (Log{"entry 7", "entry 7"}));
+}
+
+TEST_F(TreeTest, ChildrenKeyedByAValueAreNamedByItsText) {
+  Kiv::Ptr<Leaf> leaf = tree->byVlanIs(Bridging::VlanId(10));
+  EXPECT_EQ(leaf->name(), Kiv::Name("10"));
+  EXPECT_EQ(leaf->parent(), tree.ptr());
+  EXPECT_EQ(tree->byVlanIs(Bridging::VlanId(10)), leaf);
+  for (const char* n : {"c", "a", "b"}) tree->sortedLeafIs(n);
+  std::string order;
+  for (const auto& [name, child] : tree->sortedLeaf()) order += name.stdString();
+  EXPECT_EQ(order, "abc");
+}
+
+TEST(TreePathTest, MountPathTakesVrfAndApplication) {
+  EXPECT_EQ(Tree::mountPath(Orvet::AddressFamily(2), L3::VrfName("red"), "pim"), "sample6/tree/red/pim");
+  EXPECT_ASSERTION(Tree::mountPath(Orvet::AddressFamily(0), L3::VrfName("red"), "pim"),
+                   "false && \"Unsupported address family\"");
+}
+
+class TreeTableTest : public TreeTest {
+ protected:
+  void SetUp() override {
+    TreeTest::SetUp();
+    tree->mountTables(loop, "sample/tree", Brume::BrumeType::writer);
+  }
+  Testing::ShmRootScope shm{"tree"};
+  Mroute::Loop::EventLoop loop;
+};
+
+TEST_F(TreeTableTest, TableOperationsNotifyOnlyOnChange) {
+  tree->entriesIs(Entry(1, 5));
+  tree->entriesIs(Entry(1, 5));
+  tree->newEntries(Entry(1, 5));  // the generated insertion always tells
+  EXPECT_EQ(tree->entriesDel(9), Entry());
+  EXPECT_EQ(tree->entriesDel(1), Entry(1, 5));
+  EXPECT_EQ(log, (Log{"entries 1", "entries 1", "entries 1"}));
+  EXPECT_EQ(tree->entriesDelCount(), 2u);
+  log.clear();
+  tree->entriesNotify(4);
+  tree->entriesNotifyCollection();
+  EXPECT_EQ(log, (Log{"entries 4", "entries immediate", "entries all"}));
+}
+
+TEST_F(TreeTableTest, UnmountedTableReadsEmptyAndWritingAsserts) {
+  tree->unmountTables();
+  EXPECT_EQ(tree->entries(1), Entry());
+  EXPECT_EQ(tree->entries().begin(), tree->entries().end());
+  EXPECT_ASSERTION(tree->entriesIs(Entry(1, 1)), "front_ != nullptr && \"table not mounted\"");
+}
+
+struct BranchRecorder : Branch::NotifieeConst {
+  void onWeight() override { log.push_back("weight"); }
+  void onLength() override { log.push_back("length"); }
+  Log log;
+};
+
+TEST(BranchTest, InheritedAttributesNotifyTheDerivedNotifiee) {
+  Kiv::Ptr<Branch> branch = BranchIs("b");
+  BranchRecorder rec;
+  rec.notifierIs(branch);
+  branch->weightIs(1);
+  branch->lengthIs(9);
+  EXPECT_EQ(rec.log, (Log{"weight", "length"}));
+  EXPECT_EQ(rec.notifier(), branch);
+  EXPECT_EQ(Branch::kLengthId, Leaf::kWeightId + 1);
+  EXPECT_EQ(Kiv::findType("Sample::Branch"), &Branch::type());
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+// An application's MFIB table set: the shared route and oif-index tables with
+// their notifications and counters, the mount paths, and the per-VRF
+// collection of table sets.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "testing/expect_assert.h"
+#include "mroute/bitmapper/brume_status.h"
+#include "mroute/route/mfib_status.h"
+#include "testing/shm_root_scope.h"
+
+namespace {
+
+using Brume::Multicast::Fib::BidirStatus;
+using Brume::Multicast::Fib::Route;
+using Brume::Multicast::Fib::Status;
+using Brume::Multicast::Fib::VrfStatus;
+using Routing::Multicast::Fib::IpGenRouteKey;
+using Log = std::vector<std::string>;
+
+IpGenRouteKey routeKey(const char* source, const char* group) {
+  return IpGenRouteKey(Orvet::IpGenPrefix::fromText(source), Orvet::IpGenPrefix::fromText(group));
+}
+
+struct Recorder : Status::NotifieeConst {
+  explicit Recorder(Log* log) : log(log) {}
+  void onRoute(const IpGenRouteKey& k) override {
+    std::ostringstream os;
+    os << "route " << k.s() << " " << k.g();
+    log->push_back(os.str());
+  }
+  void onRoutekivImmediate() override { log->push_back("route immediate"); }
+  void onRoute() override { log->push_back("route all"); }
+  void onBitMapperBrumeStatus() override { log->push_back("bitMapper"); }
+  Log* log;
+};
+
+class MfibStatusTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    status->mountTables(loop, Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), "pim"),
+                        Brume::BrumeType::writer);
+    rec.notifierIs(status);
+  }
+  Testing::ShmRootScope root{"mfibstatus"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<Status> status = Brume::Multicast::Fib::StatusIs("pim");
+  Log log;
+  Recorder rec{&log};
+  const IpGenRouteKey key = routeKey("10.0.0.0/24", "232.1.1.1/32");
+};
+
+TEST_F(MfibStatusTest, DelOfAMissingKeyReturnsAnUnsetKeyAndTellsNobody) {
+  const Route gone = status->routeDel(key);
+  EXPECT_EQ(gone.key(), IpGenRouteKey());
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(status->routeDelCount(), 1u);  // every delete call counts
+}
+
+TEST_F(MfibStatusTest, DelOfAPresentKeyReturnsTheRecordAndNotifiesOnce) {
+  Route r(key);
+  r.versionIs(4);
+  status->routeIs(r);
+  status->routeIs(r);  // the same value: no change
+  EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
+  log.clear();
+  EXPECT_EQ(status->routeDel(key), r);
+  EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
+  EXPECT_EQ(status->route(key), Route());
+}
+
+TEST_F(MfibStatusTest, DelAllNotifiesEachKeyAndAnExhaustedIteratorRemovesNothing) {
+  status->routeIs(Route(key));
+  status->routeIs(Route(routeKey("0.0.0.0/0", "239.1.1.1/32")));
+  log.clear();
+  status->routeDelAll();
+  EXPECT_EQ(log.size(), 2u);
+  EXPECT_EQ(status->route().size(), 0u);
+  EXPECT_EQ(status->routeDel(status->route().end()).key(), IpGenRouteKey());
+  EXPECT_EQ(log.size(), 2u);
+}
+
+TEST_F(MfibStatusTest, DirectWriteIsPublishedByCommitAndCommitWithoutASlotAsserts) {
+  Route* slot = status->routeDirectIs(key);
+  *slot = Route(key);
+  slot->versionIs(9);
+  status->routeCommit(slot);
+  EXPECT_EQ(status->route(key).version(), 9u);
+  EXPECT_EQ(status->routeCommitCount(), 1u);
+  EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
+  EXPECT_ASSERTION(status->routeCommit(slot), "BrumeMap::directCommit() in no man's land");
+}
+
+TEST_F(MfibStatusTest, CollectionNotificationTellsImmediateThenWhole) {
+  Log other;
+  Recorder second(&other);
+  second.notifierIs(status);
+  status->routeNotifyCollection();
+  EXPECT_EQ(log, (Log{"route immediate", "route all"}));
+  EXPECT_EQ(other, log);
+}
+
+TEST_F(MfibStatusTest, ReaderLearnsChangesAsKeysAndReadinessAsTheCollection) {
+  Kiv::Ptr<Status> reader = Brume::Multicast::Fib::StatusIs("pim");
+  Log readLog;
+  Recorder readRec(&readLog);
+  readRec.notifierIs(reader);
+  status->routeIs(Route(key));
+  reader->mountTables(loop, Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), "pim"),
+                      Brume::BrumeType::shadow);
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return reader->route(key) == Route(key); }));
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return !readLog.empty() && readLog.back() == "route all"; }));
+  readLog.clear();
+  status->routeDel(key);
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return !readLog.empty(); }));
+  EXPECT_EQ(readLog, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
+  EXPECT_EQ(reader->route(key), Route());
+}
+
+TEST_F(MfibStatusTest, BitMapperReferenceNotifiesOnlyWhenTheTargetChanges) {
+  Kiv::Ptr<BitMapper::BrumeStatus> bits = BitMapper::BrumeStatusIs("bits");
+  status->bitMapperBrumeStatusIs(bits);
+  status->bitMapperBrumeStatusIs(bits);
+  EXPECT_EQ(log, (Log{"bitMapper"}));
+  EXPECT_EQ(bits->references(), 2u);  // counted: the entity holds one
+  status->reset();
+  EXPECT_EQ(bits->references(), 1u);
+  EXPECT_TRUE(status->isDefault());
+}
+
+TEST(MfibStatusPathTest, PathsByFamilyVrfAndApplication) {
+  EXPECT_EQ(Status::mountPath(Orvet::AddressFamily(2), L3::VrfName("red"), "pim"),
+            "routing6/multicast/routestatus/red/pim");
+  EXPECT_EQ(Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("default"), "igmp"),
+            "routing/multicast/routestatus/default/igmp");
+  EXPECT_ASSERTION(Status::mountPath(Orvet::AddressFamily(3), L3::VrfName("red"), "pim"),
+                   "false && \"Unsupported address family\"");
+}
+
+TEST(VrfStatusTest, StatusByVrfHoldsReferencesAndRefusesLongNames) {
+  Kiv::Ptr<VrfStatus> vrfs = Brume::Multicast::Fib::VrfStatusIs("pim");
+  Kiv::Ptr<Status> red = Brume::Multicast::Fib::StatusIs("red");
+  vrfs->statusIs(L3::VrfName("red"), red);
+  EXPECT_EQ(vrfs->status(L3::VrfName("red")), red);
+  EXPECT_EQ(vrfs->status(L3::VrfName("blue")), nullptr);
+  EXPECT_THROW_TEXT(vrfs->statusIs(L3::VrfName(std::string(101, 'v')), red), Kiv::RangeException,
+                    "VrfName::bytes > 100 not allowed");
+  vrfs->statusDel(L3::VrfName("red"));
+  EXPECT_EQ(red->references(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,30 @@
+#!/bin/sh
+# mroutectl types: every registered type with its kind, one type's attributes
+# with ids, kinds, types, defaults and table capacities, an enumeration's
+# literals, and a one-line error with exit code 2 for an unknown name.
+set -u
+mroutectl="$1"
+fail() { echo "FAIL: $*"; exit 1; }
+
+out=$("$mroutectl" types) || fail "types exited $?"
+echo "$out" | grep -q '^entity      BitMapper::BrumeStatus$' || fail "types entity: $out"
+echo "$out" | grep -q '^enumeration Routing::Multicast::Fib::RouteKeyType$' || fail "types enumeration: $out"
+echo "$out" | grep -q '^enumeration Orvet::MrtMessageType$' || fail "types kernel enumeration: $out"
+echo "$out" | grep -q '^value       Brume::Multicast::Fib::Route::RouteFlags$' || fail "types flags: $out"
+[ "$(echo "$out" | sort | uniq -d)" = "" ] || fail "a type is listed twice: $out"
+
+out=$("$mroutectl" types BitMapper::BrumeStatus) || fail "types BrumeStatus exited $?"
+echo "$out" | grep -q '^BitMapper::BrumeStatus (entity)$' || fail "type header: $out"
+echo "$out" | grep -q '^   258  bitIndexMap  *table  *BitIndex -> BitIndexMap, capacity 65536$' || fail "table row: $out"
+echo "$out" | grep -q '^   260  maxBitIndexMaps  *const  *uint32_t = 65536$' || fail "const row: $out"
+
+out=$("$mroutectl" types Routing::Multicast::Fib::Config) || fail "types Config exited $?"
+echo "$out" | grep -q '^   267  clearMfibCount  *counter  *uint8_t = 0$' || fail "counter row: $out"
+
+out=$("$mroutectl" types Orvet::MrtMessageType) || fail "types MrtMessageType exited $?"
+echo "$out" | grep -q '^     2  wholePktAlert$' || fail "literal row: $out"
+
+out=$("$mroutectl" types No::Such 2>&1)
+[ $? -eq 2 ] || fail "unknown type: exit code"
+[ "$out" = "mroutectl types: no type 'No::Such' (see mroutectl types)" ] || fail "unknown type: $out"
+echo ok

@@ -1,0 +1,272 @@
+"""Entities: the class, its notifiees, factory, reset()/isDefault(), and the scalar members
+(attr, counter, const, ref, backptr). Collections come from emit_collections."""
+
+from emit_collections import emit_collection
+from emit_common import attr_record, cstring, doc_comment, fill, param
+from emit_enum import emit_enum
+from model import DescriptionError, cap
+
+ENTITY_DECL = '''
+{{DOC}}class {{NAME}} : public {{BASE}} {
+ public:{{ENUMS}}
+{{IDS}}
+
+  class NotifieeConst;
+  class Notifiee;
+
+  explicit {{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}});
+  static const Kiv::TypeRecord& type();
+  const Kiv::TypeRecord& fwkType() const override { return type(); }
+{{MOUNT}}{{MEMBERS}}
+  void reset();
+  bool isDefault() const;
+
+ private:{{INIT}}
+{{STORAGE}}
+};
+
+class {{NAME}}::NotifieeConst : public {{NOTIFIEE_BASE}} {
+ public:{{NOTIFIER}}
+{{CALLBACKS}}
+};
+
+class {{NAME}}::Notifiee : public Kiv::NotifieeOf<{{NAME}}, {{NAME}}::NotifieeConst> {};
+{{FACTORY}}'''
+
+# A derived entity's notifiees are notifiees of its base too, so the base's setters reach them.
+DERIVED_NOTIFIER = '''
+  Kiv::Ptr<const {{NAME}}> notifier() const { return static_cast<const {{NAME}}*>(notifierEntity()); }
+  void notifierIs(const Kiv::Ptr<const {{NAME}}>& e) { notifierEntityIs(const_cast<{{NAME}}*>(e.ptr())); }'''
+
+ENTITY_DEFS = '''
+{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName){{CTOR_INITS}} {{{CALL_INIT}}}
+
+const Kiv::TypeRecord& {{NAME}}::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{{ATTRS}}});
+  return record;
+}
+{{DEFS}}
+void {{NAME}}::reset() {{{RESET}}
+}
+
+bool {{NAME}}::isDefault() const { return {{IS_DEFAULT}}; }
+{{INIT_DEF}}{{FACTORY}}'''
+
+SCALAR_DECL = '''
+  {{R}} {{x}}() const { return {{x}}_; }
+  void {{x}}Is({{P}} v);'''
+SCALAR_DEF = '''
+void {{E}}::{{x}}Is({{P}} v) { Kiv::attrIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v, &NotifieeConst::on{{X}}); }'''
+CTOR_ATTR_DECL = '''
+  {{R}} {{x}}() const { return {{x}}_; }'''
+COUNTER_DECL = '''
+  {{T}} {{x}}Inc({{P}} n);
+  {{T}} {{x}}Dec({{P}} n);'''
+COUNTER_DEF = '''
+{{T}} {{E}}::{{x}}Inc({{P}} n) { return Kiv::attrInc<NotifieeConst>(*this, k{{X}}Id, {{x}}_, n, &NotifieeConst::on{{X}}); }
+{{T}} {{E}}::{{x}}Dec({{P}} n) { return Kiv::attrDec<NotifieeConst>(*this, k{{X}}Id, {{x}}_, n, &NotifieeConst::on{{X}}); }'''
+CONST_DECL = '''
+  static {{T}} {{x}}() { return {{DEFAULT}}; }'''
+CONST_TEXT_DECL = '''
+  static const {{T}}& {{x}}() {
+    static const {{T}} value = Kiv::constantFromText<{{T}}>({{DEFAULT}});
+    return value;
+  }'''
+REF_DECL = '''
+  Kiv::Ptr<{{T}}> {{x}}() const { return {{x}}_; }
+  void {{x}}Is({{P}} v);'''
+REF_DEF = '''
+void {{E}}::{{x}}Is({{P}} v) { Kiv::attrIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, Kiv::Ptr<{{T}}>(v), &NotifieeConst::on{{X}}); }'''
+# A plain back pointer: not counted, not notified, never replicated.
+BACKPTR_DECL = '''
+  {{T}}* {{x}}() const { return {{x}}_; }
+  void {{x}}Is({{T}}* v) { {{x}}_ = v; }'''
+
+SCALAR_CALLBACK = '''  virtual void on{{X}}() {}'''
+
+MOUNT_DECL = '''  static std::string mountPath(Orvet::AddressFamily af) { return Kiv::familyPath(af.value(), "{{V4}}", "{{V6}}"); }
+'''
+MOUNT_ARGS_DECL = '''  static std::string mountPath(Orvet::AddressFamily af, const L3::VrfName& vrf, const Kiv::Name& application) {
+    return Kiv::familyPath(af.value(), "{{V4}}", "{{V6}}", {vrf.str(), application});
+  }
+'''
+
+FACTORY_DECL = '''
+Kiv::Ptr<{{NAME}}> {{FACTORY}}({{PARAMS}});
+'''
+FACTORY_DEF = '''
+Kiv::Ptr<{{NAME}}> {{FACTORY}}({{PARAMS}}) { return new {{NAME}}({{ARGS}}); }
+'''
+
+
+def ref_param(m):
+    return 'const Kiv::%s<%s>&' % ('ValidPtr' if m.valid else 'Ptr', m.type)
+
+
+def emit_scalar(t, m, enums, holes, out):
+    decls, defs, callbacks, storage, attrs = out
+    x, X = m.name, cap(m.name)
+    if m.kind == 'const':
+        text = m.default.startswith('"')
+        decls.append(fill(CONST_TEXT_DECL if text else CONST_DECL, **holes))
+        attrs.append(attr_record(m, 'const'))
+        return
+    if m.kind == 'backptr':
+        decls.append(fill(BACKPTR_DECL, **holes))
+        storage.append('  %s* %s_%s;' % (m.type, x, '' if m.ctor else ' = nullptr'))
+        attrs.append(attr_record(m, 'backptr'))
+        return
+    if m.kind == 'ref':
+        holes['P'] = ref_param(m)
+        decls.append(fill(REF_DECL, **holes))
+        defs.append(fill(REF_DEF, **holes))
+        storage.append('  Kiv::Ptr<%s> %s_;' % (m.type, x))
+        attrs.append(attr_record(m, 'validref' if m.valid else 'ref'))
+    elif m.ctor:
+        decls.append(fill(CTOR_ATTR_DECL, **holes))
+        storage.append('  %s %s_;' % (m.type, x))
+        attrs.append(attr_record(m, 'ctor'))
+        return
+    else:
+        decls.append(fill(SCALAR_DECL, **holes))
+        defs.append(fill(SCALAR_DEF, **holes))
+        if m.kind == 'counter':
+            decls.append(fill(COUNTER_DECL, **holes))
+            defs.append(fill(COUNTER_DEF, **holes))
+        storage.append('  %s %s_ = %s;' % (m.type, x, m.default or '{}'))
+        attrs.append(attr_record(m, m.kind))
+    callbacks.append(fill(SCALAR_CALLBACK, X=X))
+
+
+def reset_lines(t):
+    by_name = {m.name: m for m in t.members}
+    resets, defaults = [], []
+    for name in t.reset:
+        m = by_name.get(name)
+        if m is None or m.kind in ('const', 'backptr') or m.ctor:
+            raise DescriptionError('line %d: %s: cannot reset %r' % (t.line, t.name, name))
+        if m.kind in ('coll', 'child', 'table'):
+            resets.append('\n  %sDelAll();' % name)
+            defaults.append('%s_.empty()' % name)
+        elif m.kind == 'ref':
+            resets.append('\n  %sIs(nullptr);' % name)
+            defaults.append('!%s_' % name)
+        else:
+            resets.append('\n  %sIs(%s);' % (name, m.default or '{}'))
+            defaults.append('%s_ == %s' % (name, m.default or '%s{}' % m.type))
+    return ''.join(resets), ' && '.join(defaults) or 'true'
+
+
+def ctor_members(t):
+    """The members the constructor takes, in declaration order."""
+    return [m for m in t.members if m.ctor or (m.kind == 'ref' and m.valid)]
+
+
+def arg_param(m, enums):
+    if m.kind == 'ref':
+        return ref_param(m)
+    if m.kind == 'backptr':
+        return '%s*' % m.type
+    return param(m.type, enums)
+
+
+def ctor_params(t, enums):
+    """", T x[ = {}]" for each constructor member; those after the last required one have defaults."""
+    members = ctor_members(t)
+    required = max([i for i, m in enumerate(members) if m.kind == 'ref'] + [-1])
+    return ''.join(', %s %s%s' % (arg_param(m, enums), m.name, ' = {}' if i > required else '')
+                   for i, m in enumerate(members))
+
+
+def factories(t, by_name, enums):
+    """(declarations, definitions): XIs(name) when nothing must be given, and each named factory."""
+    if not t.factory:
+        return '', ''
+    members = ctor_members(t)
+    decls, defs = [], []
+    if not any(m.kind == 'ref' for m in members):
+        holes = dict(NAME=t.name, FACTORY='%sIs' % t.name, PARAMS='const Kiv::Name& name', ARGS='name')
+        decls.append(fill(FACTORY_DECL, **holes))
+        defs.append(fill(FACTORY_DEF, **holes))
+    for function, args in t.factories:
+        params, entity_name = [], None
+        for a in args:
+            m = by_name.get(a)
+            if m is None and a == 'name':
+                params.append('const Kiv::Name& name')
+                entity_name = 'name'
+            elif m is None or m not in members:
+                raise DescriptionError('line %d: factory argument %r is not an attribute set at construction'
+                                       % (t.line, a))
+            else:
+                params.append('%s %s' % (arg_param(m, enums), a))
+        for m in members:
+            if m.kind == 'ref' and m.name not in args:
+                raise DescriptionError('line %d: factory %s must take %s' % (t.line, function, m.name))
+        if entity_name is None:
+            entity_name = 'Kiv::childName(%s)' % args[0] if args else 'Kiv::Name("%s")' % t.name
+        call = [entity_name] + [m.name if m.name in args else '{}' for m in members]
+        while len(call) > 1 and call[-1] == '{}':
+            call.pop()
+        holes = dict(NAME=t.name, FACTORY=function, PARAMS=', '.join(params), ARGS=', '.join(call))
+        decls.append(fill(FACTORY_DECL, **holes))
+        defs.append(fill(FACTORY_DEF, **holes))
+    return ''.join(decls), ''.join(defs)
+
+
+def emit_entity(ns, t, enums):
+    """(declaration, [(EnumInfo, functions)], definitions, enum registry definitions, registrations)."""
+    decls, defs, callbacks, storage, attrs, ids = [], [], [], [], [], []
+    out = (decls, defs, callbacks, storage, attrs)
+    enum_decls, after, enum_defs, registers = '', [], [], ['%s::type()' % t.name]
+    for e in t.enums:
+        d, info, funcs, typedef = emit_enum(ns, e, t.name)
+        enum_decls += d.replace('\nenum', '\n  enum')
+        after.append((info, funcs))
+        enum_defs.append(typedef)
+        registers.append('Kiv::EnumInfo<%s::%s>::type()' % (t.name, e.name))
+    tables = []
+    for m in t.members:
+        x, X = m.name, cap(m.name)
+        ids.append('  static constexpr Kiv::AttrId k%sId = %d;' % (X, m.id))
+        holes = dict(E=t.name, x=x, X=X, T=m.type, P=param(m.type, enums), R=param(m.type, enums),
+                     DEFAULT=m.default)
+        if m.kind in ('coll', 'child', 'table'):
+            emit_collection(t, m, enums, holes, out)
+            if m.kind == 'table':
+                tables.append(m)
+        else:
+            emit_scalar(t, m, enums, holes, out)
+    by_name = {m.name: m for m in t.members}
+    ctor_inits = ''.join(', %s_(%s)' % (m.name, m.name) for m in ctor_members(t))
+    params = ctor_params(t, enums)
+    reset, is_default = reset_lines(t)
+    if t.mount:
+        mount = fill(MOUNT_ARGS_DECL if t.mount_args else MOUNT_DECL, V4=t.mount[0], V6=t.mount[1])
+    else:
+        mount = ''
+    if t.attach_on_parent and not tables:
+        raise DescriptionError('line %d: %s: "attach on-parent" needs a table' % (t.line, t.name))
+    if tables:
+        from emit_collections import emit_mount_tables
+        emit_mount_tables(t, tables, out)
+    for declaration, doc in t.methods:
+        decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
+    base = t.parent or 'Kiv::Entity'
+    factory_decl, factory_def = factories(t, by_name, enums)
+    decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,
+                IDS='\n'.join(ids), CTOR_PARAMS=params, MOUNT=mount, MEMBERS='\n'.join(decls),
+                INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
+                NOTIFIEE_BASE=('%s::NotifieeConst' % t.parent) if t.parent else 'Kiv::NotifieeConstOf<%s>' % t.name,
+                NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',
+                CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl)
+    init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
+    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, CTOR_PARAMS=params.replace(' = {}', ''),
+                      CTOR_INITS=ctor_inits,
+                      CALL_INIT=' doInit(); ' if t.init else '', ATTRS=', '.join(attrs),
+                      DEFS='\n'.join(defs) + '\n', RESET=reset, IS_DEFAULT=is_default, INIT_DEF=init_def,
+                      FACTORY=factory_def)
+    return decl, after, definition, enum_defs, registers
+
+
+__all__ = ['emit_entity', 'cstring']
