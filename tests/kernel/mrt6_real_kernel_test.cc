@@ -23,7 +23,7 @@
 #include "mroute/kernel/mrt_notify_pam_manager.h"
 #include "mroute/kernel/mrt_notify_sm.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/runtime/pam/socket_at.h"
+#include "mroute/pam/socket_at.h"
 
 namespace Routing::Multicast::Notify {
 namespace {
