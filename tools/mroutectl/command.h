@@ -35,5 +35,7 @@ extern const Subcommand dumpCommand;
 extern const Subcommand validateCommand;
 extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
+// bitmap_command.cc: summarise a bit-index allocator's pool.
+extern const Subcommand bitmapCommand;
 
 }  // namespace Mroutectl
