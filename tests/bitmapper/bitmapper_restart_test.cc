@@ -18,6 +18,7 @@
 #include <string>
 
 #include "bitmapper/bitmapper_test_util.h"
+#include "mroute/runtime/trace.h"
 
 namespace {
 
@@ -70,7 +71,22 @@ void writeLine(int fd, const std::string& text) {
 void runAllocator(int in, int out) {
   Mroute::Loop::EventLoop loop;
   Kiv::Ptr<BrumeStatus> brume = BrumeStatusIs("bitmapper");
-  brume->mountTables(loop, BitMapperTest::kMount, Brume::BrumeType::writer);
+  // A writer that cannot use the files it finds formats fresh ones, and every
+  // index is lost: say why (the validator's finding) instead of going on.
+  std::string findings;
+  bool lost = false;
+  {
+    Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
+    brume->mountTables(loop, BitMapperTest::kMount, Brume::BrumeType::writer);
+    for (const std::string& line : sink.texts("Mroute::Brume")) {
+      findings += line + "; ";
+      lost = lost || line.find("will be lost") != std::string::npos;
+    }
+  }
+  if (lost) {
+    writeLine(out, "bad table re-formatted at attach: " + findings);
+    ::_exit(6);
+  }
   Kiv::Ptr<Config> config = configFactory(kSize, true);
   Kiv::Ptr<Status> status = statusFactory();
   Kiv::Ptr<BitMapperSm> sm = bitMapperSmFactory(config, status, brume);
