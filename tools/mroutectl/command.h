@@ -37,5 +37,7 @@ extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
 // types_command.cc: the registered entity, value and enumeration types.
 extern const Subcommand typesCommand;
+// bitmap_command.cc: summarise a bit-index allocator's pool.
+extern const Subcommand bitmapCommand;
 
 }  // namespace Mroutectl

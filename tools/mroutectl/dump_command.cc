@@ -6,6 +6,7 @@
 #include <tuple>
 #include <vector>
 
+#include "bitmap_rows.h"
 #include "command.h"
 #include "mroute/runtime/error.h"
 #include "mroute/table/brume_reader.h"
@@ -80,6 +81,7 @@ int dumpRun(const Args& args, std::ostream& out, std::ostream& err) {
     err << "mroutectl dump: cannot read the slot file of " << dir << " (see mroutectl validate)\n";
     return 1;
   }
+  if (isBitMapperRowType(s.valueType)) return dumpBitMapperRows(*root, s.valueType, table, out, err);
   if (s.valueType != Brume::Multicast::Fib::Route::kTypeName) {
     out << table << ": " << s.members << " entries of " << s.valueType << "\n";
     return dumpRaw(dir, out, err);
