@@ -1,0 +1,104 @@
+// Best-route selection across the table sets of a VRF and the merged walk:
+// strict priority, ties to the first in map order, priority 0 never wins.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "mfib_test_util.h"
+#include "mroute/mfibdir/merged_route_iterator.h"
+
+namespace {
+
+using namespace MfibTest;
+using Brume::Multicast::Fib::MfibBrumeColl;
+using Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst;
+
+class SelectionTest : public testing::Test {
+ protected:
+  Testing::ShmRootScope root{"selection"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<Status> low = writerStatus(loop, "red", "low");
+  Kiv::Ptr<Status> high = writerStatus(loop, "red", "high");
+  Kiv::Ptr<Status> zero = writerStatus(loop, "red", "zero");
+  Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("red");
+  const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
+
+  void SetUp() override {
+    coll->brumePtrIs(1, low);
+    coll->brumePtrIs(2, high);
+    coll->brumePtrIs(3, zero);
+  }
+};
+
+TEST_F(SelectionTest, HigherPriorityWinsAndNextBestIsTheOther) {
+  low->routeIs(route(k, 1));
+  high->routeIs(route(k, 2, 7));
+  EXPECT_EQ(coll->brumeKey(k), 2u);
+  EXPECT_EQ(coll->mfibBrume(k), high);
+  EXPECT_EQ(coll->route(k), route(k, 2, 7));
+  EXPECT_EQ(coll->nextBestBrume(2, k), low);
+  EXPECT_EQ(coll->nextBestBrume(1, k), high);
+  // The winner withdraws: the next best takes over.
+  high->routeDel(k);
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
+}
+
+TEST_F(SelectionTest, EqualPrioritiesGoToTheFirstInMapOrderAndStayThere) {
+  low->routeIs(route(k, 2));
+  high->routeIs(route(k, 2));
+  uint32_t first = 0;
+  for (const auto& [number, status] : coll->brumePtr()) {
+    if (first == 0 && number != 3) first = number;  // zero has no route
+  }
+  EXPECT_EQ(coll->brumeKey(k), first);
+  // The other one changes its route at the same priority: no displacement.
+  (first == 1 ? high : low)->routeIs(route(k, 2, 5));
+  EXPECT_EQ(coll->brumeKey(k), first);
+}
+
+TEST_F(SelectionTest, PriorityZeroNeverWinsEvenAlone) {
+  zero->routeIs(route(k, 0));
+  EXPECT_EQ(coll->brumeKey(k), 0u);
+  EXPECT_EQ(coll->mfibBrume(k), nullptr);
+  EXPECT_EQ(coll->route(k), Route());
+  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
+  low->routeIs(route(k, 1));
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+  // An unmounted table set has no routes and the others still answer.
+  high->unmountTables();
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+}
+
+TEST_F(SelectionTest, MergedWalkVisitsEachKeyOnceInKeyOrderOnItsWinner) {
+  const IpGenRouteKey a = key("10.0.0.9/32", "232.0.0.1/32");  // group first, then source
+  const IpGenRouteKey b = key("10.0.0.1/32", "232.0.0.2/32");
+  const IpGenRouteKey onlyZero = key("10.0.0.1/32", "232.0.0.3/32");
+  const IpGenRouteKey c = key("10.0.0.1/32", "239.0.0.1/32");
+  low->routeIs(route(b, 1));
+  low->routeIs(route(k, 1));
+  high->routeIs(route(k, 2));
+  high->routeIs(route(c, 5));
+  zero->routeIs(route(onlyZero, 0));
+  zero->routeIs(route(a, 0));
+  low->routeIs(route(a, 3));
+
+  std::vector<IpGenRouteKey> keys;
+  std::vector<uint32_t> winners;
+  std::vector<size_t> candidates;
+  for (MfibBrumeCollRouteIteratorConst it(*coll); !it.atEnd(); it.updateToBestRouteIterators()) {
+    keys.push_back(it.route().key());
+    winners.push_back(it.brumeKey());
+    candidates.push_back(it.candidates().size());
+    EXPECT_EQ(it.brumeKey(), coll->brumeKey(it.route().key()));
+    EXPECT_EQ(it.route(), coll->route(it.route().key()));
+  }
+  EXPECT_EQ(keys, (std::vector<IpGenRouteKey>{k, a, b, c}));
+  EXPECT_EQ(winners, (std::vector<uint32_t>{2, 1, 1, 2}));
+  EXPECT_EQ(candidates, (std::vector<size_t>{2, 2, 1, 1}));
+  EXPECT_EQ(coll->routes(), 4u);
+  coll->brumePtrDelAll();
+  EXPECT_EQ(coll->routes(), 0u);
+}
+
+}  // namespace
