@@ -48,10 +48,15 @@ void OrderRouteSm::mfibBrumeDel(uint32_t number) {
   if (it == brumes_.end()) return;
   const Kiv::Ptr<const Status> status = it->second->notifier();
   brumes_.erase(it);
-  if (!status) return;
-  // The keys it held may now have another winner, or none.
+  // The keys it held may now have another winner, or none: those it still
+  // shows, and those stored under its number (its tables may be gone).
   std::vector<Routing::Multicast::Fib::IpGenRouteKey> keys;
-  for (const Route& r : status->route()) keys.push_back(r.key());
+  if (status) {
+    for (const Route& r : status->route()) keys.push_back(r.key());
+  }
+  for (const auto& [key, stored] : ordered_->route()) {
+    if (stored == number) keys.push_back(key);
+  }
   for (const auto& key : keys) {
     const uint32_t winner = notifier()->brumeKey(key);
     if (winner == 0) {
