@@ -2,7 +2,38 @@
 
 #include <algorithm>
 
+#include "mroute/runtime/error.h"
+
 namespace Brume::Multicast::Fib {
+
+namespace {
+
+// A reader's copy is a scan of the slots, each copied whole (the reader's
+// version checks); walking the chains would look every key up again. After
+// corruption the front's own walk takes over: it runs the table's handler.
+void copyRoutes(const Status& status, std::vector<Route>& out) {
+  auto* front = status.route().front();
+  out.reserve(status.route().size());
+  auto* reader = front->reader();
+  auto frontWalk = [&] { front->forEach([&](const auto& stored) { out.push_back(stored.value); }); };
+  if (reader == nullptr || front->mode() == Brume::BrumeType::shadow) {
+    frontWalk();
+    return;
+  }
+  if (!reader->attached()) return;
+  try {
+    typename std::remove_pointer_t<decltype(reader)>::Stored v;
+    const uint32_t n = reader->capacity();
+    for (uint32_t slot = 0; slot < n; ++slot) {
+      if (reader->retryOnResize([&] { return reader->safeValue(slot, v); })) out.push_back(v.value);
+    }
+  } catch (const Pavo::CorruptionDetectedException&) {
+    out.clear();
+    frontWalk();
+  }
+}
+
+}  // namespace
 
 MfibBrumeCollRouteIteratorConst::MfibBrumeCollRouteIteratorConst(const MfibBrumeColl& coll) {
   cursors_.reserve(coll.brumePtr().size());
@@ -11,13 +42,16 @@ MfibBrumeCollRouteIteratorConst::MfibBrumeCollRouteIteratorConst(const MfibBrume
     Cursor& c = cursors_.emplace_back();
     c.brumeKey = number;
     c.status = status;
-    c.routes.reserve(status->route().size());
-    status->route().front()->forEach([&](const auto& stored) { c.routes.push_back(stored.value); });
+    copyRoutes(*status, c.routes);
     // Sorting indexes moves 4 bytes where a record would move 168.
     c.order.resize(c.routes.size());
     for (uint32_t i = 0; i < c.order.size(); ++i) c.order[i] = i;
     std::sort(c.order.begin(), c.order.end(),
               [&](uint32_t a, uint32_t b) { return c.routes[a].key() < c.routes[b].key(); });
+    // A key the writer moved between two slots during the scan shows twice.
+    c.order.erase(std::unique(c.order.begin(), c.order.end(),
+                              [&](uint32_t a, uint32_t b) { return c.routes[a].key() == c.routes[b].key(); }),
+                  c.order.end());
   }
   updateToBestRouteIterators();
 }
