@@ -35,5 +35,7 @@ extern const Subcommand dumpCommand;
 extern const Subcommand validateCommand;
 extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
+// routes_command.cc: the merged view of the applications' table sets.
+extern const Subcommand routesCommand;
 
 }  // namespace Mroutectl

@@ -29,7 +29,7 @@ bool parseSeconds(std::string_view text, double* seconds) {
 namespace {
 
 const Subcommand* const kCommands[] = {&keyCommand,      &tablesCommand, &listCommand, &dumpCommand,
-                                       &validateCommand, &followCommand, &demoCommand};
+                                       &validateCommand, &followCommand, &demoCommand, &routesCommand};
 
 void usage(std::ostream& os) {
   os << "usage: mroutectl <command> [arguments]\n"
