@@ -37,5 +37,7 @@ extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
 // routes_command.cc: the merged view of the applications' table sets.
 extern const Subcommand routesCommand;
+// apps_demo_command.cc: several applications publishing for the same keys.
+extern const Subcommand appsDemoCommand;
 
 }  // namespace Mroutectl
