@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
@@ -190,6 +191,7 @@ TEST_F(MfibProcessTest, ForwardingFollowsApplicationsInOtherProcesses) {
     for (Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst m(*coll); !m.atEnd(); m.updateToBestRouteIterators()) {
       order.push_back(m.route().key());
     }
+    std::sort(order.begin(), order.end());
     EXPECT_EQ(order, (std::vector<IpGenRouteKey>{keyN(0), keyN(1), keyN(2), keyN(3)}));
   }
   // The ordered view of the red VRF, kept by its reactor.

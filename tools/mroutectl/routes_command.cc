@@ -164,8 +164,8 @@ int routesRun(const Args& args, std::ostream& out, std::ostream& err) {
     };
     while (!allReady() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(10));
 
-    std::vector<std::string> jsonRoutes;
-    if (!o.json) out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
+    // The merged walk goes in hash order; the operator reads keys in order.
+    std::map<Routing::Multicast::Fib::IpGenRouteKey, std::string> lines;
     for (Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst it(*coll); !it.atEnd(); it.updateToBestRouteIterators()) {
       std::vector<Candidate> cands;
       if (o.all) {
@@ -177,12 +177,22 @@ int routesRun(const Args& args, std::ostream& out, std::ostream& err) {
       if (o.json) {
         std::vector<std::string> items;
         for (const Candidate& c : cands) items.push_back(json(c));
-        jsonRoutes.push_back("{\"key\": " + jsonString(key) + ", \"candidates\": [" + join(items, ", ") + "]}");
+        lines[it.route().key()] = "{\"key\": " + jsonString(key) + ", \"candidates\": [" + join(items, ", ") + "]}";
       } else if (!o.all) {
-        out << "  " << key << "  " << text(cands.front()) << "\n";
+        lines[it.route().key()] = "  " + key + "  " + text(cands.front()) + "\n";
       } else {
-        out << "  " << key << "\n";
-        for (const Candidate& c : cands) out << "    " << (c.winner ? "* " : "  ") << text(c) << "\n";
+        std::string& l = lines[it.route().key()];
+        l = "  " + key + "\n";
+        for (const Candidate& c : cands) l += std::string("    ") + (c.winner ? "* " : "  ") + text(c) + "\n";
+      }
+    }
+    std::vector<std::string> jsonRoutes;
+    if (!o.json) out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
+    for (const auto& [k, line] : lines) {
+      if (o.json) {
+        jsonRoutes.push_back(line);
+      } else {
+        out << line;
       }
     }
     if (o.json) {

@@ -43,11 +43,17 @@ MfibBrumeCollRouteIteratorConst::MfibBrumeCollRouteIteratorConst(const MfibBrume
     c.brumeKey = number;
     c.status = status;
     copyRoutes(*status, c.routes);
-    // Sorting indexes moves 4 bytes where a record would move 168.
+    // Ordered by (hash, key): an integer compare almost always decides, and
+    // equal keys of different tables still meet (same hash). Sorting indexes
+    // moves 4 bytes where a record would move 168.
+    c.hashes.resize(c.routes.size());
+    for (size_t i = 0; i < c.routes.size(); ++i) c.hashes[i] = c.routes[i].key().hash();
     c.order.resize(c.routes.size());
     for (uint32_t i = 0; i < c.order.size(); ++i) c.order[i] = i;
-    std::sort(c.order.begin(), c.order.end(),
-              [&](uint32_t a, uint32_t b) { return c.routes[a].key() < c.routes[b].key(); });
+    std::sort(c.order.begin(), c.order.end(), [&](uint32_t a, uint32_t b) {
+      if (c.hashes[a] != c.hashes[b]) return c.hashes[a] < c.hashes[b];
+      return c.routes[a].key() < c.routes[b].key();
+    });
     // A key the writer moved between two slots during the scan shows twice.
     c.order.erase(std::unique(c.order.begin(), c.order.end(),
                               [&](uint32_t a, uint32_t b) { return c.routes[a].key() == c.routes[b].key(); }),
@@ -61,12 +67,12 @@ void MfibBrumeCollRouteIteratorConst::updateToBestRouteIterators() {
   bestKey_ = 0;
   bestStatus_ = nullptr;
   for (;;) {
-    const Routing::Multicast::Fib::IpGenRouteKey* least = nullptr;
+    const Cursor* least = nullptr;
     for (const Cursor& c : cursors_) {
-      if (!c.done() && (least == nullptr || c.current().key() < *least)) least = &c.current().key();
+      if (!c.done() && (least == nullptr || c.before(*least))) least = &c;
     }
     if (least == nullptr) return;
-    const Routing::Multicast::Fib::IpGenRouteKey key = *least;
+    const Routing::Multicast::Fib::IpGenRouteKey key = least->current().key();
     candidates_.clear();
     uint8_t bestPriority = 0;
     // The same rule as selectBest: strictly greater, in the collection's order.

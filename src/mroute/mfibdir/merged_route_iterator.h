@@ -1,7 +1,9 @@
-// MfibBrumeCollRouteIteratorConst: the merged view of a VRF's table sets, in
-// key order, each key visited once and positioned on its winning route (the
-// choice of selection.h). Keys that no table set can win (only priority 0
-// routes) are not visited.
+// MfibBrumeCollRouteIteratorConst: the merged view of a VRF's table sets,
+// each key visited once and positioned on its winning route (the choice of
+// selection.h). Keys that no table set can win (only priority 0 routes) are
+// not visited. The order is that of the keys' hashes, which merges the
+// tables without comparing whole keys; consumers that need key order keep an
+// ordered view (order_route_sm.h) or sort what they collect.
 //
 //   for (MfibBrumeCollRouteIteratorConst it(coll); !it.atEnd(); it.updateToBestRouteIterators())
 //     program(it.route());
@@ -47,10 +49,18 @@ class MfibBrumeCollRouteIteratorConst {
     uint32_t brumeKey;
     Kiv::Ptr<Status> status;
     std::vector<Route> routes;
-    std::vector<uint32_t> order;  // indexes into routes, by key
+    std::vector<uint32_t> hashes;  // of each route's key
+    std::vector<uint32_t> order;   // indexes into routes, by (hash, key)
     size_t pos = 0;
     bool done() const { return pos >= order.size(); }
     const Route& current() const { return routes[order[pos]]; }
+    uint32_t currentHash() const { return hashes[order[pos]]; }
+    // REQUIRES: neither is done().
+    bool before(const Cursor& o) const {
+      if (currentHash() != o.currentHash()) return currentHash() < o.currentHash();
+      // The same key in several tables is the common tie: equality is inline.
+      return !(current().key() == o.current().key()) && current().key() < o.current().key();
+    }
   };
 
   std::vector<Cursor> cursors_;  // in the collection's map order
