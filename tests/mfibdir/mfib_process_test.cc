@@ -147,6 +147,16 @@ class MfibProcessTest : public testing::Test {
   bool waitFor(const std::function<bool()>& pred) {
     return Testing::runUntil(loop, pred, std::chrono::milliseconds(10000));
   }
+  // Every table of every followed table set is attached (a route may be
+  // visible before its oif-index table is).
+  bool allAttached() {
+    for (const auto& [vrf, coll] : colls) {
+      for (const auto& [n, s] : coll->brumePtr()) {
+        if (!s->route().front()->ready() || !s->oifIndexIntf().front()->ready()) return false;
+      }
+    }
+    return true;
+  }
   // Every VRF answers `number` as the winner of key n.
   bool winnerIs(int n, uint32_t number) {
     for (const auto& [vrf, coll] : colls) {
@@ -172,7 +182,10 @@ TEST_F(MfibProcessTest, ForwardingFollowsApplicationsInOtherProcesses) {
   follow(low, 1);
   follow(high, 2);
   follow(zero, 3);
-  ASSERT_TRUE(waitFor([&] { return winnerIs(0, 1) && winnerIs(3, 2) && colls[kVrfs[1]]->routes() == 4; }));
+  ASSERT_TRUE(waitFor([&] {
+    return allAttached() && winnerIs(0, 1) && winnerIs(3, 2) && colls[kVrfs[1]]->routes() == 4 &&
+           colls[kVrfs[1]]->brumePtr(2)->oifIndexIntf().size() == 2 && colls[kVrfs[0]]->brumePtr(2)->oifIndexIntf().size() == 2;
+  }));
 
   for (const auto& [vrf, coll] : colls) {
     SCOPED_TRACE(vrf.str());
