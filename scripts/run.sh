@@ -17,3 +17,5 @@ set -x
 "$ctl" validate "$table"
 "$ctl" key '(*,239.1.1.1)'
 "$ctl" key vlan-floodset 10
+"$ctl" apps-demo
+"$ctl" routes --all

@@ -1,69 +1,187 @@
-// The MFIB directory's entities: the published directory and its per-VRF
-// entries, the reader's per-VRF table sets, and the ordered route views.
+// The MFIB directory: the writer's steps and traces for adding and deleting
+// table sets, and the reader's reactor that mounts what the directory
+// announces and drops what it withdraws.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
-#include "mroute/mfibdir/mfib_brume_dir.h"
-#include "mroute/mfibdir/mfib_dir.h"
-#include "mroute/mfibdir/ordered_routes.h"
+#include "mfib_test_util.h"
+#include "mroute/mfibdir/mfib_dir_sm.h"
+#include "mroute/mfibdir/mfib_dir_writer.h"
+#include "mroute/runtime/trace.h"
 #include "testing/expect_assert.h"
 
 namespace {
 
-using namespace Brume::Multicast::Fib;
-using Routing::Multicast::Fib::IpGenRouteKey;
+using namespace MfibTest;
+using Brume::Multicast::Fib::MfibBrumeDir;
+using Brume::Multicast::Fib::MfibDirDirectory;
+using Brume::Multicast::Fib::MfibDirSm;
+using Brume::Multicast::Fib::MfibDirWriter;
+using Brume::Multicast::Fib::MfibEntityManager;
+using Texts = std::vector<std::string>;
 
-IpGenRouteKey routeKey(const char* source, const char* group) {
-  return IpGenRouteKey(Orvet::IpGenPrefix::fromText(source), Orvet::IpGenPrefix::fromText(group));
+const L3::VrfName kRed("red");
+const L3::VrfName kDefault("default");
+const std::string kPimRed = "routing/multicast/routestatus/red/pim";
+
+class MfibDirTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    writer.handleInitialized();
+    sink.clear();
+  }
+  Texts traces() {
+    Texts t = sink.texts("Mroute::MfibBrume");
+    sink.clear();
+    return t;
+  }
+  Testing::ShmRootScope root{"mfibdir"};
+  Mroute::Loop::EventLoop loop;
+  Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
+  MfibEntityManager manager{loop};
+  Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
+  Kiv::Ptr<MfibBrumeDir> brumeDir = Brume::Multicast::Fib::MfibBrumeDirIs("writer");
+  MfibDirWriter writer{"pim", directory, brumeDir, manager};
+};
+
+TEST(MfibDirWriterInitTest, InitializingPublishesTheDirectoryWithItsDefaultCollection) {
+  Testing::ShmRootScope root{"mfibdirinit"};
+  Mroute::Loop::EventLoop loop;
+  Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
+  MfibEntityManager manager{loop};
+  Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
+  MfibDirWriter writer("igmp", directory, Brume::Multicast::Fib::MfibBrumeDirIs("w"), manager);
+  EXPECT_FALSE(writer.initialized());
+  writer.handleInitialized();
+  EXPECT_TRUE(writer.initialized());
+  ASSERT_EQ(directory->mfibDir(Kiv::Name("igmp")), writer.mfibDir());
+  EXPECT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
+  EXPECT_EQ(sink.texts("Mroute::MfibBrume"), (Texts{"MfibDirWriter::handleInitialized() for app igmp",
+                                                    "Created directory collection for default vrf default"}));
+  EXPECT_EQ(Brume::Multicast::Fib::MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
 }
 
-TEST(MfibDirTest, DirectoryPathsByFamily) {
-  EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(1)), "routing/multicast/fib");
-  EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
-  EXPECT_ASSERTION(MfibDir::mountPath(Orvet::AddressFamily(7)), "false && \"Unsupported address family\"");
+TEST_F(MfibDirTest, FirstTableSetOfAVrfCreatesBothCollectionsAndASecondNeither) {
+  Kiv::Ptr<Status> pim = writer.doAddBrume(kRed, "pim");
+  EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doAddBrume() vrf red application pim for app pim", "Mounted " + kPimRed,
+                             "Created Brumed directory collection for vrf red",
+                             "Created directory collection for vrf red",
+                             "Added url " + kPimRed + " into mfibDir collection"}));
+  Kiv::Ptr<Status> igmp = writer.doAddBrume(kRed, "igmp");
+  EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doAddBrume() vrf red application igmp for app pim",
+                             "Mounted routing/multicast/routestatus/red/igmp",
+                             "Added url routing/multicast/routestatus/red/igmp into mfibDir collection"}));
+  EXPECT_EQ(writer.doAddBrume(kRed, "pim"), pim);  // already there
+  EXPECT_EQ(writer.mfibBrume("igmp", kRed), igmp);
+  EXPECT_EQ(writer.mfibBrume("igmp"), nullptr);  // not in the default VRF
+
+  const auto& numbers = brumeDir->brumeColl(kRed)->brumePtr();
+  ASSERT_EQ(numbers.size(), 2u);
+  EXPECT_EQ(numbers.count(0), 0u);  // 0 is the "no winner" answer
+  EXPECT_TRUE(writer.mfibDir()->dirColl(kRed)->brumeUrl(Kiv::String(kPimRed)));
+  pim->routeIs(route(key("10.0.0.1/32", "232.0.0.1/32"), 3));
+  EXPECT_EQ(brumeDir->brumeColl(kRed)->mfibBrume(key("10.0.0.1/32", "232.0.0.1/32")), pim);
 }
 
-TEST(MfibDirTest, VrfEntriesAreChildrenNamedByTheVrf) {
-  Kiv::Ptr<MfibDir> dir = MfibDirIs("pim");
-  Kiv::Ptr<MfibDirColl> red = dir->dirCollIs(L3::VrfName("red"));
-  EXPECT_EQ(red->name(), Kiv::Name("red"));
-  EXPECT_EQ(red->parent(), dir.ptr());
-  red->brumeUrlIs("routing/multicast/routestatus/red/pim", true);
-  red->bitMapperBrumeUrlIs("routing/multicast/bitmapper/red");
-  EXPECT_TRUE(red->brumeUrl("routing/multicast/routestatus/red/pim"));
-  EXPECT_FALSE(red->brumeUrl("routing/multicast/routestatus/red/igmp"));
-  EXPECT_THROW_TEXT(dir->dirCollIs(L3::VrfName(std::string(101, 'r'))), Kiv::RangeException,
-                    "VrfName::bytes > 100 not allowed");
-  dir->dirCollDel(L3::VrfName("red"));
-  EXPECT_EQ(red->parent(), nullptr);
-  EXPECT_TRUE(dir->isDefault());
+TEST_F(MfibDirTest, LastTableSetOfAVrfDeletesBothCollectionsButTheDefaultDirectoryStays) {
+  writer.doAddBrume(kRed, "pim");
+  writer.doAddBrume(kRed, "igmp");
+  writer.doAddBrume(kDefault, "pim");
+  sink.clear();
+  writer.doDelBrume(kRed, "igmp");
+  EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doDelBrume() vrf red application igmp for app pim",
+                             "Unmounted routing/multicast/routestatus/red/igmp",
+                             "Deleted url routing/multicast/routestatus/red/igmp from mfibDir collection"}));
+  writer.doDelBrume(kRed, "pim");
+  EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doDelBrume() vrf red application pim for app pim", "Unmounted " + kPimRed,
+                             "Deleted Brumed directory collection for vrf red",
+                             "Deleted url " + kPimRed + " from mfibDir collection",
+                             "Deleted directory collection for vrf red"}));
+  EXPECT_EQ(brumeDir->brumeColl(kRed), nullptr);
+  EXPECT_EQ(writer.mfibDir()->dirColl(kRed), nullptr);
+
+  writer.doDelBrume(kDefault, "pim");
+  EXPECT_EQ(brumeDir->brumeColl(kDefault), nullptr);
+  ASSERT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
+  EXPECT_TRUE(writer.mfibDir()->dirColl(kDefault)->brumeUrl().empty());
+  EXPECT_EQ(writer.mfibBrume("pim"), nullptr);
 }
 
-TEST(MfibBrumeDirTest, TableSetsByNumberHoldReadOnlyReferences) {
-  Kiv::Ptr<MfibBrumeDir> dir = MfibBrumeDirIs("reader");
-  Kiv::Ptr<MfibBrumeColl> red = dir->brumeCollIs(L3::VrfName("red"));
-  Kiv::Ptr<Status> pim = StatusIs("pim");
-  red->brumePtrIs(1, pim);
-  EXPECT_EQ(red->brumePtr(1), pim);
-  EXPECT_EQ(red->brumePtr(2), nullptr);
-  EXPECT_EQ(pim->references(), 2u);
-  red->brumePtrDelAll();
-  EXPECT_EQ(pim->references(), 1u);
+TEST_F(MfibDirTest, BitMapperStatusIsAnnouncedBesideTheTableSets) {
+  Kiv::Ptr<BitMapper::BrumeStatus> bits = writer.doAddBitMapperBrume(kRed, "bitmapper");
+  const std::string path = "routing/multicast/bitmapperstatus/red/bitmapper";
+  EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doAddBitMapperBrume() vrf red application bitmapper for app pim",
+                             "Mounted " + path, "Created directory collection for vrf red",
+                             "Added bitmapper url " + path + " into mfibDir collection"}));
+  EXPECT_EQ(writer.mfibBitMapperBrume("bitmapper", kRed), bits);
+  EXPECT_EQ(writer.mfibDir()->dirColl(kRed)->bitMapperBrumeUrl(), Kiv::String(path));
+  EXPECT_EQ(brumeDir->brumeColl(kRed), nullptr);  // not a route table set
+  writer.doDelBitMapperBrume(kRed, "bitmapper");
+  EXPECT_EQ(writer.mfibDir()->dirColl(kRed), nullptr);
+  EXPECT_EQ(writer.mfibBitMapperBrume("bitmapper", kRed), nullptr);
 }
 
-TEST(OrderedRoutesTest, KeysIterateGroupFirstThenSource) {
-  Kiv::Ptr<RouteOrderedCollection> routes = RouteOrderedCollectionIs("routes");
-  routes->routeIs(routeKey("10.0.0.2/32", "239.1.1.1/32"), 1);
-  routes->routeIs(routeKey("10.0.0.1/32", "239.1.1.1/32"), 2);
-  routes->routeIs(routeKey("10.9.9.9/32", "232.1.1.1/32"), 3);
-  std::vector<uint32_t> order;
-  for (const auto& [key, number] : routes->route()) order.push_back(number);
-  EXPECT_EQ(order, (std::vector<uint32_t>{3, 2, 1}));
-  Kiv::Ptr<ModalRouteOrderedCollection> modal = ModalRouteOrderedCollectionIs("modal");
-  modal->routeIs(routeKey("10.0.0.1/32", "239.1.1.1/32"), true);
-  modal->routeDel(routeKey("10.0.0.1/32", "239.1.1.1/32"));
-  EXPECT_TRUE(modal->isDefault());
+TEST_F(MfibDirTest, ReaderMountsAnnouncedTableSetsAndDropsWithdrawnOnes) {
+  Kiv::Ptr<Status> pim = writer.doAddBrume(kRed, "pim");
+  const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
+  pim->routeIs(route(k, 1));
+  sink.clear();
+
+  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader");
+  std::unique_ptr<MfibDirSm> sm = Brume::Multicast::Fib::mfibDirSmFactory(directory, readDir, manager);
+  sm->handleMfibDir();
+  EXPECT_EQ(traces(), (Texts{"Created Mfib directory pim", "Mounted " + kPimRed,
+                             "Created Brumed directory collection for vrf red"}));
+  ASSERT_NE(readDir->brumeColl(kRed), nullptr);
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return readDir->brumeColl(kRed)->brumeKey(k) != 0; }));
+  EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 1));
+
+  // A second application's table set in red, added while the reader runs.
+  MfibDirWriter igmpWriter("igmp", directory, Brume::Multicast::Fib::MfibBrumeDirIs("igmp"), manager);
+  igmpWriter.handleInitialized();
+  igmpWriter.doAddBrume(kRed, "igmp")->routeIs(route(k, 2));
+  ASSERT_EQ(readDir->brumeColl(kRed)->brumePtr().size(), 2u);
+  EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 2));
+
+  // Its path withdrawn: dropped; the other still answers.
+  igmpWriter.doDelBrume(kRed, "igmp");
+  EXPECT_EQ(readDir->brumeColl(kRed)->brumePtr().size(), 1u);
+  EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 1));
+  sink.clear();
+  // The whole directory of pim goes: its table sets and the VRF collection go.
+  directory->mfibDirDel(Kiv::Name("pim"));
+  EXPECT_EQ(traces(), (Texts{"Deleted Mfib directory pim", "Unmounted " + kPimRed,
+                             "Deleted Brumed directory collection for vrf red"}));
+  EXPECT_EQ(readDir->brumeColl(kRed), nullptr);
+  EXPECT_EQ(sm->appDirSm(Kiv::Name("pim")), nullptr);
+}
+
+TEST_F(MfibDirTest, ReaderDropsTheTableSetsOfAVrfCollectionThatGoes) {
+  writer.doAddBrume(kRed, "pim");
+  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader");
+  MfibDirSm sm(directory, readDir, manager);
+  sm.handleMfibDir();
+  const MfibDirSm::AppDirSm* app = sm.appDirSm(Kiv::Name("pim"));
+  ASSERT_NE(app, nullptr);
+  ASSERT_NE(app->mfibColl(kRed), nullptr);
+  EXPECT_NE(app->mfibColl(kRed)->mounted(kPimRed), nullptr);
+  writer.mfibDir()->dirCollDel(kRed);
+  EXPECT_EQ(app->mfibColl(kRed), nullptr);
+  EXPECT_EQ(readDir->brumeColl(kRed), nullptr);
+}
+
+TEST(MfibDirSmArgumentTest, NullArgumentsAreRefusedWithTheirTexts) {
+  Mroute::Loop::EventLoop loop;
+  MfibEntityManager manager{loop};
+  MfibDirSm sm(Brume::Multicast::Fib::MfibDirDirectoryIs("d"), Brume::Multicast::Fib::MfibBrumeDirIs("b"), manager);
+  MfibDirSm::AppDirSm app(sm);
+  EXPECT_THROW_TEXT(app.mfibAppDirIs(nullptr), Kiv::RangeException,
+                    "null _mfibAppDir parameter to mutator for Brume::Multicast::Fib::MfibDirSm::mfibAppDir not "
+                    "allowed\"");
+  EXPECT_THROW_TEXT(app.appDirIs(nullptr), Kiv::RangeException,
+                    "null _appDir parameter to mutator for Brume::Multicast::Fib::MfibDirSm::appDir not allowed\"");
 }
 
 }  // namespace

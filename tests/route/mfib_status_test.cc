@@ -3,6 +3,9 @@
 // collection of table sets.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -91,6 +94,46 @@ TEST_F(MfibStatusTest, DirectWriteIsPublishedByCommitAndCommitWithoutASlotAssert
   EXPECT_EQ(status->routeCommitCount(), 1u);
   EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
   EXPECT_ASSERTION(status->routeCommit(slot), "BrumeMap::directCommit() in no man's land");
+}
+
+// A commit whose notification queue turns out corrupt still publishes the key
+// to the notifiees and hands the finding to the table's corruption handler.
+TEST_F(MfibStatusTest, CommitIntoACorruptQueueRunsTheHandlerAndStillAnnounces) {
+  status->routeIs(Route(key));
+  // The first queue entry's slot word (header 72 bytes, slot at 8 in the
+  // 12-byte entry) no longer names the slot it was written for.
+  const std::string dir = std::string(std::getenv("MROUTE_SHM_ROOT")) + "/" +
+                          Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), "pim") + "/route/";
+  for (const char* file : {"conquer.1", "conquer.2"}) {
+    std::fstream f(dir + file, std::ios::in | std::ios::out | std::ios::binary);
+    ASSERT_TRUE(f.is_open()) << dir + file;
+    const uint32_t bogus = 0x7ffffff0u;
+    f.seekp(72 + 8);
+    f.write(reinterpret_cast<const char*>(&bogus), sizeof bogus);
+  }
+  std::vector<std::string> found;
+  status->route().onCorruptionIs([&](const std::string& what) { found.push_back(what); });
+  log.clear();
+  Route* slot = status->routeDirectIs(key);
+  slot->versionIs(2);
+  status->routeCommit(slot);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_NE(found[0].find("conquer slot mismatch"), std::string::npos) << found[0];
+  EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
+  EXPECT_EQ(status->routeCommitCount(), 1u);
+}
+
+TEST_F(MfibStatusTest, OifIndexTableCountsDeletesAndCommitsOfItsOwn) {
+  const Brume::Multicast::Fib::OifIndex three(3);
+  status->oifIndexIntfDel(three);
+  Brume::Multicast::Fib::OifIndexIntf* slot = status->oifIndexIntfDirectIs(three);
+  *slot = Brume::Multicast::Fib::OifIndexIntf(three, Orvet::IntfId("Ethernet7"), 1);
+  status->oifIndexIntfCommit(slot);
+  EXPECT_EQ(status->oifIndexIntfDelCount(), 1u);
+  EXPECT_EQ(status->oifIndexIntfCommitCount(), 1u);
+  EXPECT_EQ(status->routeDelCount(), 0u);
+  EXPECT_EQ(status->routeCommitCount(), 0u);
+  EXPECT_EQ(status->oifIndexIntf(three).intf(), Orvet::IntfId("Ethernet7"));
 }
 
 TEST_F(MfibStatusTest, CollectionNotificationTellsImmediateThenWhole) {

@@ -39,5 +39,9 @@ extern const Subcommand demoCommand;
 extern const Subcommand typesCommand;
 // bitmap_command.cc: summarise a bit-index allocator's pool.
 extern const Subcommand bitmapCommand;
+// routes_command.cc: the merged view of the applications' table sets.
+extern const Subcommand routesCommand;
+// apps_demo_command.cc: several applications publishing for the same keys.
+extern const Subcommand appsDemoCommand;
 
 }  // namespace Mroutectl

@@ -9,6 +9,11 @@
 // notification; this class only stores, and counts the delete calls and the
 // direct commits of its owner.
 //
+// Corruption met while writing is handed to the table's corruption handler
+// (onCorruptionIs; by default an error trace on "Mroute::Brume"): the owner
+// decides whether to re-format, and the caller goes on as if the write had
+// been made.
+//
 // Iteration walks a copy of the entries taken by begin(): the table may
 // change under it (other processes read it, the owner may delete while
 // walking), and the walk sees the table as it was.
@@ -26,6 +31,8 @@
 #include <vector>
 
 #include "mroute/runtime/assert.h"
+#include "mroute/runtime/error.h"
+#include "mroute/runtime/trace.h"
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/table/brume_map.h"
 #include "mroute/table/brume_type.h"
@@ -44,6 +51,7 @@ class KivBrumeMap {
   using Front = Brume::BrumeMap<K, Stored>;
   using Changed = std::function<void(const K&)>;
   using Ready = std::function<void()>;
+  using Corruption = std::function<void(const std::string& what)>;
 
   class const_iterator {
    public:
@@ -141,8 +149,14 @@ class KivBrumeMap {
     if (!direct_ || !front_) Mroute::assertFailed("BrumeMap::directCommit() in no man's land", __FILE__, __LINE__);
     direct_ = false;
     ++commitCount_;
-    front_->writer()->directCommit();
+    try {
+      front_->writer()->directCommit();
+    } catch (const Pavo::CorruptionDetectedException& e) {
+      corruptionFound(e.what());
+    }
   }
+
+  void onCorruptionIs(Corruption handler) { onCorruption_ = std::move(handler); }
 
   // Every delete call, whether or not a record was there, and every commit.
   uint64_t delCount() const { return delCount_; }
@@ -155,12 +169,22 @@ class KivBrumeMap {
     return front_.get();
   }
 
+  void corruptionFound(const std::string& what) {
+    if (onCorruption_) {
+      onCorruption_(what);
+      return;
+    }
+    static Mroute::Trace::Facility& fac = Mroute::Trace::facility("Mroute::Brume");
+    MROUTE_TRACE(fac, 1, "KivBrumeMap " << name_ << " corruption: " << what);
+  }
+
   std::string name_;
   uint32_t capacity_;
   std::unique_ptr<Front> front_;
   bool direct_ = false;
   uint64_t delCount_ = 0;
   uint64_t commitCount_ = 0;
+  Corruption onCorruption_;
 };
 
 }  // namespace KivBrume

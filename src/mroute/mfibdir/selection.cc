@@ -1,0 +1,54 @@
+#include "mroute/mfibdir/selection.h"
+
+#include <optional>
+
+#include "mroute/mfibdir/merged_route_iterator.h"
+
+namespace Brume::Multicast::Fib {
+
+Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip) {
+  Selection best;
+  uint8_t bestPriority = 0;
+  for (const auto& [number, status] : coll.brumePtr()) {
+    if (number == skip && skip != 0) continue;
+    if (!status) continue;
+    // find() answers "none" after corruption: the front ran its handler.
+    std::optional<Route> r = status->route().find(key);
+    if (!r) continue;
+    // Strictly greater: a tie keeps the first, and priority 0 never wins.
+    if (r->routePriority().value() > bestPriority) {
+      bestPriority = r->routePriority().value();
+      best.brumeKey = number;
+      best.status = &status;
+      best.route = *r;
+    }
+  }
+  return best;
+}
+
+uint32_t MfibBrumeColl::brumeKey(const Routing::Multicast::Fib::IpGenRouteKey& key) const {
+  return selectBest(*this, key).brumeKey;
+}
+
+Kiv::Ptr<Status> MfibBrumeColl::mfibBrume(const Routing::Multicast::Fib::IpGenRouteKey& key) const {
+  const Selection s = selectBest(*this, key);
+  return s.status != nullptr ? *s.status : Kiv::Ptr<Status>();
+}
+
+Route MfibBrumeColl::route(const Routing::Multicast::Fib::IpGenRouteKey& key) const {
+  return selectBest(*this, key).route;
+}
+
+Kiv::Ptr<Status> MfibBrumeColl::nextBestBrume(uint32_t currBrumeKey,
+                                              const Routing::Multicast::Fib::IpGenRouteKey& key) const {
+  const Selection s = selectBest(*this, key, currBrumeKey);
+  return s.status != nullptr ? *s.status : Kiv::Ptr<Status>();
+}
+
+uint32_t MfibBrumeColl::routes() const {
+  uint32_t n = 0;
+  for (MfibBrumeCollRouteIteratorConst it(*this); !it.atEnd(); it.updateToBestRouteIterators()) ++n;
+  return n;
+}
+
+}  // namespace Brume::Multicast::Fib

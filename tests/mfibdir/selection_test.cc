@@ -1,0 +1,102 @@
+// Best-route selection across the table sets of a VRF and the merged walk:
+// strict priority, ties to the first in map order, priority 0 never wins.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "mfib_test_util.h"
+#include "mroute/mfibdir/merged_route_iterator.h"
+
+namespace {
+
+using namespace MfibTest;
+using Brume::Multicast::Fib::MfibBrumeColl;
+using Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst;
+
+class SelectionTest : public testing::Test {
+ protected:
+  Testing::ShmRootScope root{"selection"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<Status> low = writerStatus(loop, "red", "low");
+  Kiv::Ptr<Status> high = writerStatus(loop, "red", "high");
+  Kiv::Ptr<Status> zero = writerStatus(loop, "red", "zero");
+  Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("red");
+  const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
+
+  void SetUp() override {
+    coll->brumePtrIs(1, low);
+    coll->brumePtrIs(2, high);
+    coll->brumePtrIs(3, zero);
+  }
+};
+
+TEST_F(SelectionTest, HigherPriorityWinsAndNextBestIsTheOther) {
+  low->routeIs(route(k, 1));
+  high->routeIs(route(k, 2, 7));
+  EXPECT_EQ(coll->brumeKey(k), 2u);
+  EXPECT_EQ(coll->mfibBrume(k), high);
+  EXPECT_EQ(coll->route(k), route(k, 2, 7));
+  EXPECT_EQ(coll->nextBestBrume(2, k), low);
+  EXPECT_EQ(coll->nextBestBrume(1, k), high);
+  // The winner withdraws: the next best takes over.
+  high->routeDel(k);
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
+}
+
+TEST_F(SelectionTest, EqualPrioritiesGoToTheFirstInMapOrderAndStayThere) {
+  low->routeIs(route(k, 2));
+  high->routeIs(route(k, 2));
+  uint32_t first = 0;
+  for (const auto& [number, status] : coll->brumePtr()) {
+    if (first == 0 && number != 3) first = number;  // zero has no route
+  }
+  EXPECT_EQ(coll->brumeKey(k), first);
+  // The other one changes its route at the same priority: no displacement.
+  (first == 1 ? high : low)->routeIs(route(k, 2, 5));
+  EXPECT_EQ(coll->brumeKey(k), first);
+}
+
+TEST_F(SelectionTest, PriorityZeroNeverWinsEvenAlone) {
+  zero->routeIs(route(k, 0));
+  EXPECT_EQ(coll->brumeKey(k), 0u);
+  EXPECT_EQ(coll->mfibBrume(k), nullptr);
+  EXPECT_EQ(coll->route(k), Route());
+  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
+  low->routeIs(route(k, 1));
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+  // An unmounted table set has no routes and the others still answer.
+  high->unmountTables();
+  EXPECT_EQ(coll->brumeKey(k), 1u);
+}
+
+TEST_F(SelectionTest, MergedWalkVisitsEachKeyOnceOnItsWinner) {
+  const IpGenRouteKey a = key("10.0.0.9/32", "232.0.0.1/32");
+  const IpGenRouteKey b = key("10.0.0.1/32", "232.0.0.2/32");
+  const IpGenRouteKey onlyZero = key("10.0.0.1/32", "232.0.0.3/32");
+  const IpGenRouteKey c = key("10.0.0.1/32", "239.0.0.1/32");
+  low->routeIs(route(b, 1));
+  low->routeIs(route(k, 1));
+  high->routeIs(route(k, 2));
+  high->routeIs(route(c, 5));
+  zero->routeIs(route(onlyZero, 0));
+  zero->routeIs(route(a, 0));
+  low->routeIs(route(a, 3));
+
+  // key -> (winner, candidates): each key once, whatever the walk's order.
+  std::map<IpGenRouteKey, std::pair<uint32_t, size_t>> seen;
+  for (MfibBrumeCollRouteIteratorConst it(*coll); !it.atEnd(); it.updateToBestRouteIterators()) {
+    EXPECT_TRUE(seen.emplace(it.route().key(), std::make_pair(it.brumeKey(), it.candidates().size())).second);
+    EXPECT_EQ(it.brumeKey(), coll->brumeKey(it.route().key()));
+    EXPECT_EQ(it.route(), coll->route(it.route().key()));
+  }
+  using Seen = std::map<IpGenRouteKey, std::pair<uint32_t, size_t>>;
+  EXPECT_EQ(seen, (Seen{{k, {2, 2}}, {a, {1, 2}}, {b, {1, 1}}, {c, {2, 1}}}));
+  EXPECT_EQ(coll->routes(), 4u);
+  coll->brumePtrDelAll();
+  EXPECT_EQ(coll->routes(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,106 @@
+// mroutectl routes on table sets that three applications publish (this test
+// is their writer): one winner per key, --all with every candidate, --vrf,
+// --json, and the refusal of bad arguments.
+#include <stdio.h>
+#include <sys/wait.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mroute/route/mfib_status.h"
+#include "testing/shm_root_scope.h"
+
+namespace {
+
+using Brume::Multicast::Fib::OifIndex;
+using Brume::Multicast::Fib::OifIndexIntf;
+using Brume::Multicast::Fib::Route;
+using Brume::Multicast::Fib::Status;
+
+struct Outcome {
+  int code;
+  std::string out;
+};
+
+Outcome mroutectl(const std::string& args) {
+  Outcome r{-1, ""};
+  std::string command = MROUTECTL_PATH;
+  command.append(" ").append(args).append(" 2>&1");
+  FILE* p = ::popen(command.c_str(), "r");
+  if (p == nullptr) return r;
+  char buf[4096];
+  size_t n;
+  while ((n = ::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  const int status = ::pclose(p);
+  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+class MroutectlRoutesTest : public testing::Test {
+ protected:
+  Kiv::Ptr<Status> publish(const char* vrf, const char* app, uint8_t priority, std::initializer_list<int> groups) {
+    Kiv::Ptr<Status> s = Brume::Multicast::Fib::StatusIs(app);
+    s->mountTables(loop, Status::mountPath(Orvet::AddressFamily(1), L3::VrfName(vrf), app), Brume::BrumeType::writer);
+    s->oifIndexIntfIs(OifIndexIntf(OifIndex(3), Orvet::IntfId("Ethernet" + std::to_string(priority + 1)), 1));
+    for (int g : groups) {
+      Route r(Routing::Multicast::Fib::IpGenRouteKey(Orvet::IpGenPrefix::fromText("10.0.0.1/32"),
+                                                     Orvet::IpGenPrefix::fromText("239.1.1." + std::to_string(g) + "/32")));
+      r.routePriorityIs(Brume::Multicast::Fib::RoutePriority(priority));
+      r.iifIs(Orvet::IntfId("Vlan" + std::to_string(100 + priority)));
+      r.routeFlagsIs(Route::RouteFlags(1));
+      r.oifIs(OifIndex(3), true);
+      r.maxOifIndexIs(OifIndex(3));
+      s->routeIs(r);
+    }
+    return s;
+  }
+  Testing::ShmRootScope root{"routescmd"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<Status> pim = publish("default", "pim", 2, {1, 2});
+  Kiv::Ptr<Status> igmp = publish("default", "igmp", 1, {1, 3});
+  Kiv::Ptr<Status> quiet = publish("default", "quiet", 0, {4});
+  Kiv::Ptr<Status> red = publish("red", "pim", 1, {9});
+};
+
+TEST_F(MroutectlRoutesTest, OneWinnerPerKeyWithItsInterfacesByName) {
+  const Outcome r = mroutectl("routes --vrf default");
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(r.out,
+            "VRF default (IPv4): 3 application(s)\n"
+            "  (10.0.0.1,239.1.1.1)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"
+            "  (10.0.0.1,239.1.1.2)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"
+            "  (10.0.0.1,239.1.1.3)  app igmp  prio 1  iif Vlan101  oifs Ethernet2  flags valid\n");
+}
+
+TEST_F(MroutectlRoutesTest, AllShowsEveryCandidateAndJsonCarriesTheSame) {
+  Outcome r = mroutectl("routes --all");
+  ASSERT_EQ(r.code, 0) << r.out;
+  // Candidates come in the collection's order; the winner carries the mark.
+  const size_t key1 = r.out.find("  (10.0.0.1,239.1.1.1)\n");
+  const size_t key2 = r.out.find("  (10.0.0.1,239.1.1.2)\n");
+  ASSERT_NE(key1, std::string::npos) << r.out;
+  const std::string first = r.out.substr(key1, key2 - key1);
+  EXPECT_NE(first.find("\n      app igmp  prio 1  iif Vlan101  oifs Ethernet2  flags valid\n"), std::string::npos) << r.out;
+  EXPECT_NE(first.find("\n    * app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("quiet"), std::string::npos) << "a priority-0 route alone is no winner";
+  EXPECT_NE(r.out.find("VRF red (IPv4): 1 application(s)\n  (10.0.0.1,239.1.1.9)\n    * app pim  prio 1"),
+            std::string::npos)
+      << r.out;
+  r = mroutectl("routes --vrf red --json");
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(r.out,
+            "[{\"vrf\": \"red\", \"af\": 4, \"routes\": [{\"key\": \"(10.0.0.1,239.1.1.9)\", \"candidates\": "
+            "[{\"app\": \"pim\", \"priority\": 1, \"iif\": \"Vlan101\", \"oifs\": [\"Ethernet2\"], \"flags\": "
+            "[\"valid\"], \"winner\": true}]}]}]\n");
+}
+
+TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndAnEmptyFamilyShowsNothing) {
+  EXPECT_EQ(mroutectl("routes --af 5").code, 2);
+  EXPECT_EQ(mroutectl("routes --vrf").code, 2);
+  const Outcome r = mroutectl("routes --af 6");
+  EXPECT_EQ(r.code, 0);
+  EXPECT_EQ(r.out, "");
+}
+
+}  // namespace

@@ -1,0 +1,211 @@
+// mroutectl routes: the merged view a forwarding agent programs. Every
+// application's table set of a VRF (found under
+// <root>/routing[6]/multicast/routestatus/<vrf>/<application>) is opened
+// read-only; per key the winning application is shown with its priority,
+// the incoming interface and the outgoing interfaces by name (through the
+// winner's oif-index table) and the route's flags. --all lists every
+// application's candidate and marks the winner with '*'.
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "mroute/mfibdir/merged_route_iterator.h"
+#include "mroute/mfibdir/mfib_entity_manager.h"
+#include "mroute/route/route_intf_iterator.h"
+#include "mroute/table/shm_root.h"
+#include "route_text.h"
+
+namespace Mroutectl {
+namespace {
+
+using Brume::Multicast::Fib::MfibBrumeColl;
+using Brume::Multicast::Fib::Route;
+using Brume::Multicast::Fib::Status;
+
+void routesUsage(std::ostream& os) {
+  os << "usage: mroutectl routes [--vrf V] [--af 4|6] [--all] [--json]\n"
+        "  The route each key would be programmed with: per key the winning application\n"
+        "  (strictly highest priority; ties to the first in the collection's order;\n"
+        "  priority 0 never wins), its incoming and outgoing interfaces by name and its flags, read\n"
+        "  from every application's table set under $MROUTE_SHM_ROOT. --vrf limits the\n"
+        "  output to one VRF, --af picks the family (default 4), --all shows every\n"
+        "  application's candidate with '*' on the winner, --json prints one JSON object.\n";
+}
+
+struct Options {
+  std::string vrf;
+  int af = 4;
+  bool all = false;
+  bool json = false;
+};
+
+std::string jsonString(const std::string& s) {
+  std::string out = "\"";
+  for (char c : s) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
+template <typename Flags>
+std::vector<std::string> flagNames(Flags flags) {
+  std::vector<std::string> out;
+  for (size_t i = 0; i < Flags::kFlagNames.size(); ++i) {
+    if ((flags.value() >> i) & 1u) out.emplace_back(Flags::kFlagNames[i]);
+  }
+  return out;
+}
+
+std::string join(const std::vector<std::string>& items, const char* sep) {
+  std::string out;
+  for (const std::string& s : items) out += (out.empty() ? "" : sep) + s;
+  return out;
+}
+
+// One application's route as the operator reads it.
+struct Candidate {
+  std::string app;
+  int priority;
+  std::string iif;
+  std::vector<std::string> oifs;
+  std::vector<std::string> flags;
+  bool winner;
+};
+
+Candidate describe(const std::string& app, const Route& r, const Status& status, bool winner) {
+  Candidate c{app, r.routePriority().value(), r.iif().isNull() ? "none" : r.iif().name(), {}, {}, winner};
+  Brume::Multicast::Fib::RouteIntfIteratorConst it(r, status);
+  for (it.next(); !it.atEnd(); it.next()) {
+    if (!it.oifIndex().isNull()) c.oifs.push_back(it.intf().name());
+  }
+  c.flags = flagNames(r.routeFlags());
+  for (const std::string& f : flagNames(r.iifFlags())) c.flags.push_back(f);
+  return c;
+}
+
+std::string text(const Candidate& c) {
+  std::ostringstream os;
+  os << "app " << c.app << "  prio " << c.priority << "  iif " << c.iif << "  oifs "
+     << (c.oifs.empty() ? "none" : join(c.oifs, ",")) << "  flags " << (c.flags.empty() ? "none" : join(c.flags, ","));
+  return os.str();
+}
+
+std::string json(const Candidate& c) {
+  std::vector<std::string> oifs, flags;
+  for (const auto& o : c.oifs) oifs.push_back(jsonString(o));
+  for (const auto& f : c.flags) flags.push_back(jsonString(f));
+  std::ostringstream os;
+  os << "{\"app\": " << jsonString(c.app) << ", \"priority\": " << c.priority << ", \"iif\": " << jsonString(c.iif)
+     << ", \"oifs\": [" << join(oifs, ", ") << "], \"flags\": [" << join(flags, ", ") << "]"
+     << (c.winner ? ", \"winner\": true" : "") << "}";
+  return os.str();
+}
+
+std::vector<std::string> subdirs(const std::filesystem::path& dir) {
+  std::vector<std::string> out;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
+    if (e.is_directory()) out.push_back(e.path().filename().string());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+int routesRun(const Args& args, std::ostream& out, std::ostream& err) {
+  Options o;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--all") {
+      o.all = true;
+    } else if (args[i] == "--json") {
+      o.json = true;
+    } else if (args[i] == "--vrf" && i + 1 < args.size()) {
+      o.vrf = std::string(args[++i]);
+      L3::VrfName check(o.vrf);  // refuses names over 100 bytes
+    } else if (args[i] == "--af" && i + 1 < args.size() && (args[i + 1] == "4" || args[i + 1] == "6")) {
+      o.af = args[++i] == "4" ? 4 : 6;
+    } else {
+      err << "mroutectl routes: bad argument '" << args[i] << "' (see mroutectl routes --help)\n";
+      return kExitUsage;
+    }
+  }
+  const Orvet::AddressFamily family(o.af == 4 ? 1 : 2);
+  const std::filesystem::path base =
+      std::filesystem::path(Brume::shmRootDirectory()) / (o.af == 4 ? "routing" : "routing6") / "multicast" / "routestatus";
+  std::vector<std::string> vrfs = o.vrf.empty() ? subdirs(base) : std::vector<std::string>{o.vrf};
+
+  Mroute::Loop::EventLoop loop;
+  Brume::Multicast::Fib::MfibEntityManager manager(loop);
+  const auto info = Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name);
+  std::vector<std::string> jsonVrfs;
+  for (const std::string& vrf : vrfs) {
+    Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs(Kiv::Name(vrf));
+    std::map<uint32_t, std::string> apps;
+    uint32_t number = 0;
+    for (const std::string& app : subdirs(base / vrf)) {
+      const std::string path = Status::mountPath(family, L3::VrfName(vrf), Kiv::Name(app));
+      coll->brumePtrIs(++number, manager.mountStatus(path, Brume::BrumeType::reader, info));
+      apps[number] = app;
+    }
+    // Reader fronts attach while they are built; give late ones a moment.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    auto allReady = [&] {
+      for (const auto& [n, s] : coll->brumePtr()) {
+        if (!s->route().front()->ready()) return false;
+      }
+      return true;
+    };
+    while (!allReady() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(10));
+
+    // The merged walk goes in hash order; the operator reads keys in order.
+    std::map<Routing::Multicast::Fib::IpGenRouteKey, std::string> lines;
+    for (Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst it(*coll); !it.atEnd(); it.updateToBestRouteIterators()) {
+      std::vector<Candidate> cands;
+      if (o.all) {
+        for (const auto& c : it.candidates()) cands.push_back(describe(apps[c.brumeKey], *c.route, **c.status, c.brumeKey == it.brumeKey()));
+      } else {
+        cands.push_back(describe(apps[it.brumeKey()], it.route(), *it.status(), true));
+      }
+      const std::string key = keyText(it.route().key());
+      if (o.json) {
+        std::vector<std::string> items;
+        for (const Candidate& c : cands) items.push_back(json(c));
+        lines[it.route().key()] = "{\"key\": " + jsonString(key) + ", \"candidates\": [" + join(items, ", ") + "]}";
+      } else if (!o.all) {
+        lines[it.route().key()] = "  " + key + "  " + text(cands.front()) + "\n";
+      } else {
+        std::string& l = lines[it.route().key()];
+        l = "  " + key + "\n";
+        for (const Candidate& c : cands) l += std::string("    ") + (c.winner ? "* " : "  ") + text(c) + "\n";
+      }
+    }
+    std::vector<std::string> jsonRoutes;
+    if (!o.json) out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
+    for (const auto& [k, line] : lines) {
+      if (o.json) {
+        jsonRoutes.push_back(line);
+      } else {
+        out << line;
+      }
+    }
+    if (o.json) {
+      jsonVrfs.push_back("{\"vrf\": " + jsonString(vrf) + ", \"af\": " + std::to_string(o.af) + ", \"routes\": [" +
+                         join(jsonRoutes, ", ") + "]}");
+    }
+  }
+  if (o.json) out << "[" << join(jsonVrfs, ", ") << "]\n";
+  return kExitOk;
+}
+
+}  // namespace
+
+const Subcommand routesCommand{"routes", "the winning route per key across applications", routesUsage, routesRun};
+
+}  // namespace Mroutectl
