@@ -102,6 +102,14 @@ class BrumeReader {
   uint32_t emberId() const { return ember_; }
   const ReaderCounters& readerCounters() const { return counters_; }
 
+  // Test seam: run by every attempt of doLookup() right after it loaded the
+  // bucket count and before it reads a bucket, so that a test can put writer
+  // steps exactly there. Null (and never taken) in production.
+  void afterCountLoadIs(void (*hook)(void* context), void* context) {
+    afterCountLoad_ = hook;
+    afterCountLoadContext_ = context;
+  }
+
  private:
   static constexpr uint32_t kSlotSize = static_cast<uint32_t>(sizeof(Stored) + sizeof(Slot));
 
@@ -147,6 +155,8 @@ class BrumeReader {
   uint32_t ember_ = 0;
   uint32_t numBuckets_ = 0;  // local view; 0 while detached
   ReaderCounters counters_;
+  void (*afterCountLoad_)(void*) = nullptr;
+  void* afterCountLoadContext_ = nullptr;
   // Where the last first()/next() answer was found (private memory).
   struct Cursor {
     bool valid = false;

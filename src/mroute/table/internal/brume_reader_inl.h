@@ -141,6 +141,7 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
   const uint32_t r = bitReverse(h);
   for (;; ++counters_.restarts) {
     const Mem::VersionedRef::Value nb = loadNumBuckets();
+    if (afterCountLoad_ != nullptr) [[unlikely]] afterCountLoad_(afterCountLoadContext_);
     // Taken after loadNumBuckets(), which may move the mapping.
     const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
     const uint32_t b = h & (numBuckets_ - 1);
