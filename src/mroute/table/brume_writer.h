@@ -29,7 +29,8 @@
 //       chains are joined before the smaller count is published.
 //   W6. Files only get longer while attached, and numSlots is published
 //       after the new slots are formatted; a reader's mapping never runs
-//       past the end of its file. Shrinking lowers only the published count.
+//       past the end of its file. Shrinking lowers the published count and
+//       gives the pages past the last slot back, the length unchanged.
 //
 // Pointers returned by write(), lookup() and directWrite() stay valid until
 // the next call that may grow the table (write, directWrite, remove).

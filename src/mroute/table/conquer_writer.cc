@@ -38,7 +38,7 @@ uint64_t ConquerWriter::notificationsFor(uint32_t numSlots) {
 
 // ---- Attach -----------------------------------------------------------------
 
-bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember) {
+bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember, bool reuseExisting) {
   detach();
   ember_ = ember;
   minCapacity_ = notificationsFor(numSlots);
@@ -65,12 +65,16 @@ bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember) {
       return false;
     }
   }
-  if (!created[0] && !created[1] && reuse()) {
+  if (reuseExisting && !created[0] && !created[1] && reuse()) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo,
                  "ConquerWriter::attachConquer() to existing " << directory_ << " currentTable:" << cur_
                                                                << " currentPos:" << currentPos_
                                                                << " sequence:" << sequence_ << " minSeq:" << minSeq_);
     return true;
+  }
+  for (uint32_t t = 0; t < 2; ++t) {
+    const int64_t size = files_[t].fileSize();
+    if (!files_[t].isMapped() && size >= static_cast<int64_t>(sizeof(ConquerTable::Header))) files_[t].map(size);
   }
   const uint64_t carried = carriedSequence();
   for (uint32_t t = 0; t < 2; ++t) {
@@ -114,7 +118,7 @@ bool ConquerWriter::format(uint32_t t, bool created) {
   const int64_t size = f.fileSize();
   // Files never shrink (W6): a reader of an earlier incarnation may still map
   // the old length.
-  if (size < 0 || (static_cast<uint64_t>(size) < bytes && !f.truncate(bytes))) {
+  if (size < 0 || !f.reserve(bytes)) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::attachConquer() failed to resize " << paths_[t] << " to size " << bytes
                                                                     << " reason:" << f.error());
@@ -186,7 +190,7 @@ bool ConquerWriter::growFile(uint32_t t, uint32_t notifications) {
     return false;
   }
   const int64_t size = f.fileSize();
-  if (size < 0 || (static_cast<uint64_t>(size) < bytes && !f.truncate(bytes))) {
+  if (size < 0 || !f.reserve(bytes)) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::resize() failed to resize " << paths_[t] << " to size " << bytes
                                                              << " reason:" << f.error());

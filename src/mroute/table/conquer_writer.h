@@ -97,9 +97,11 @@ class ConquerWriter {
   // calculated.
   static uint64_t notificationsFor(uint32_t numSlots);
 
-  // Maps both files: re-uses them when they are valid for `ember`, formats
-  // them otherwise. False, with the reason traced, when they cannot be made.
-  bool attachConquer(uint32_t numSlots, uint32_t ember);
+  // Maps both files: re-uses them when they are valid for `ember` (and
+  // reuseExisting is set), formats them otherwise. A formatted queue goes on
+  // from the highest sequence the old files held. False, with the reason
+  // traced, when they cannot be made.
+  bool attachConquer(uint32_t numSlots, uint32_t ember, bool reuseExisting = true);
   bool attached() const { return files_[0].isMapped() && files_[1].isMapped(); }
 
   // Appends `slot` with the next sequence and tombstones its previous entry.

@@ -28,11 +28,23 @@ bool BucketWriterTable::attach(uint32_t ember, uint32_t initialBuckets, bool ref
   }
   const size_t bytes = BucketTable::fileSize(initialBuckets);
   file_.unmap();
-  if (!file_.truncate(bytes) || !file_.map(bytes)) {
+  const bool replace = !created && file_.fileSize() > 0;
+  if (replace) {
+    // Readers may map the old file: it is replaced whole, never shortened.
+    file_.close();
+    if (!file_.createReplacement(root_.file(kBucketFileName), bytes)) {
+      *why = "BucketWriter::attach() cannot size " + root_.file(kBucketFileName) + ": " + file_.error();
+      return false;
+    }
+  } else if (!file_.reserve(bytes) || !file_.map(bytes)) {
     *why = "BucketWriter::attach() cannot size " + file_.path() + ": " + file_.error();
     return false;
   }
   BucketTable::format(file_.base(), ember, initialBuckets);
+  if (replace && !file_.publishAs(root_.file(kBucketFileName))) {
+    *why = "BucketWriter::attach() cannot replace " + root_.file(kBucketFileName) + ": " + file_.error();
+    return false;
+  }
   if (created) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "BucketWriter::attach() to new file " << file_.path());
   } else {
@@ -67,8 +79,7 @@ void BucketWriterTable::cleanup() {
 bool BucketWriterTable::reserve(uint32_t n) {
   const size_t bytes = BucketTable::fileSize(n);
   if (file_.mappedSize() >= bytes) return true;
-  const int64_t size = file_.fileSize();
-  if ((size < 0 || static_cast<uint64_t>(size) < bytes) && !file_.truncate(bytes)) return false;
+  if (!file_.reserve(bytes)) return false;
   uint8_t* old = file_.base();
   if (!file_.remap(bytes)) return false;
   if (old != file_.base()) {

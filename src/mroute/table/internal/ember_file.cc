@@ -42,7 +42,8 @@ bool readEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t* ember) {
 bool writeEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t ember, std::string* error) {
   Mem::ShmFile file(fs);
   bool created = false;
-  if (!file.openOrCreate(root.file(kEmberFileName), &created) || !file.truncate(sizeof(uint32_t)) ||
+  // The page is reserved before the store: a full file system fails here.
+  if (!file.openOrCreate(root.file(kEmberFileName), &created) || !file.reserve(sizeof(uint32_t)) ||
       !file.map(sizeof(uint32_t))) {
     if (error != nullptr) *error = file.error();
     return false;
@@ -52,14 +53,8 @@ bool writeEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t ember, std::
 }
 
 void writeCorruptionMarker(Mem::ShmFs& fs, const Mem::RootPath& root, const std::string& finding) {
-  Mem::ShmFile file(fs);
-  bool created = false;
-  const std::string text = finding + "\n";
-  if (!file.openOrCreate(root.file(kCorruptionMarkerName), &created) || !file.truncate(text.size()) ||
-      !file.map(text.size())) {
-    return;
-  }
-  std::memcpy(file.base(), text.data(), text.size());
+  // Written, not stored through a mapping: a full file system is an error.
+  Mem::writeWholeFile(fs, root.file(kCorruptionMarkerName), finding + "\n", nullptr);
 }
 
 bool removeCorruptionMarker(Mem::ShmFs& fs, const Mem::RootPath& root) {

@@ -37,6 +37,20 @@ int SystemShmFs::flock(int fd, int operation) {
   return rc;
 }
 
+int SystemShmFs::fallocate(int fd, off_t offset, off_t length) {
+  const int rc = ::posix_fallocate(fd, offset, length);
+  if (rc == 0) return 0;
+  errno = rc;
+  return -1;
+}
+int SystemShmFs::punchHole(int fd, off_t offset, off_t length) {
+  return ::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length);
+}
+ssize_t SystemShmFs::pwrite(int fd, const void* data, size_t length, off_t offset) {
+  return ::pwrite(fd, data, length, offset);
+}
+int SystemShmFs::rename(const char* from, const char* to) { return ::rename(from, to); }
+
 ShmFs& systemShmFs() {
   static SystemShmFs fs;
   return fs;
@@ -45,7 +59,9 @@ ShmFs& systemShmFs() {
 namespace {
 
 std::string callError(const char* call, const std::string& path, int err) {
-  return std::string(call) + "(" + path + "): " + std::strerror(err);
+  std::string text = std::string(call) + "(" + path + "): " + std::strerror(err);
+  if (err == ENOSPC) text += " (the file system is full)";
+  return text;
 }
 
 }  // namespace
@@ -128,6 +144,47 @@ bool ShmFile::truncate(uint64_t bytes) {
   return true;
 }
 
+bool ShmFile::reserve(uint64_t bytes) {
+  if (bytes == 0) return true;
+  if (fs_->fallocate(fd_, 0, static_cast<off_t>(bytes)) < 0) return fail("fallocate");
+  return true;
+}
+
+bool ShmFile::release(uint64_t from) {
+  const int64_t size = fileSize();
+  if (size < 0) return fail("fstat");
+  if (static_cast<uint64_t>(size) <= from) return true;
+  if (fs_->punchHole(fd_, static_cast<off_t>(from), static_cast<off_t>(size - from)) < 0) return fail("fallocate");
+  return true;
+}
+
+bool ShmFile::createReplacement(const std::string& path, uint64_t bytes) {
+  const std::string fresh = replacementPath(path);
+  // Left over by a writer that died while preparing one.
+  fs_->unlink(fresh.c_str());
+  bool created = false;
+  if (!openOrCreate(fresh, &created)) return false;
+  if (!reserve(bytes) || !map(static_cast<size_t>(bytes))) {
+    const std::string why = error_;
+    close();
+    fs_->unlink(fresh.c_str());
+    error_ = why;
+    return false;
+  }
+  return true;
+}
+
+bool ShmFile::publishAs(const std::string& path) {
+  if (fs_->rename(path_.c_str(), path.c_str()) < 0) {
+    const bool failed = fail("rename");
+    fs_->unlink(path_.c_str());
+    close();
+    return failed;
+  }
+  path_ = path;
+  return true;
+}
+
 bool ShmFile::map(size_t bytes) {
   const int64_t size = fileSize();
   if (size < 0) return fail("fstat");
@@ -170,6 +227,29 @@ void ShmFile::close() {
   unmap();
   if (fd_ >= 0) fs_->close(fd_);
   fd_ = -1;
+}
+
+std::string replacementPath(const std::string& path) { return path + ".fresh"; }
+
+bool writeWholeFile(ShmFs& fs, const std::string& path, const std::string& text, std::string* error) {
+  const int fd = fs.open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, kTableFileMode);
+  if (fd < 0) {
+    if (error != nullptr) *error = callError("open", path, errno);
+    return false;
+  }
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = fs.pwrite(fd, text.data() + done, text.size() - done, static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (error != nullptr) *error = callError("write", path, n < 0 ? errno : EIO);
+      fs.close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  fs.close(fd);
+  return true;
 }
 
 bool unlinkShmFile(ShmFs& fs, const std::string& path, std::string* error) {

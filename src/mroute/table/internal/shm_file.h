@@ -48,6 +48,16 @@ class ShmFs {
   virtual int unlink(const char* path) = 0;
   virtual int mkdir(const char* path, mode_t mode) = 0;
   virtual int flock(int fd, int operation) = 0;
+  // Reserves the pages of [offset, offset + length), extending the file when
+  // it is shorter (posix_fallocate). -1 with errno (ENOSPC when the file
+  // system is full) on failure; the file is then as it was.
+  virtual int fallocate(int fd, off_t offset, off_t length) = 0;
+  // Gives the pages of [offset, offset + length) back to the file system;
+  // the file keeps its length and the range reads as zeros.
+  virtual int punchHole(int fd, off_t offset, off_t length) = 0;
+  virtual ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) = 0;
+  // Atomically replaces `to` by `from` (rename(2)).
+  virtual int rename(const char* from, const char* to) = 0;
 };
 
 // The real system calls.
@@ -64,6 +74,10 @@ class SystemShmFs : public ShmFs {
   int unlink(const char* path) override;
   int mkdir(const char* path, mode_t mode) override;
   int flock(int fd, int operation) override;
+  int fallocate(int fd, off_t offset, off_t length) override;
+  int punchHole(int fd, off_t offset, off_t length) override;
+  ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) override;
+  int rename(const char* from, const char* to) override;
 };
 
 // The process's SystemShmFs.
@@ -91,8 +105,25 @@ class ShmFile {
 
   // Length of the file now (another process may change it), or -1.
   int64_t fileSize() const;
-  // Writer: sets the length of the file; new bytes read as zero.
+  // Writer: sets the length of the file; new bytes read as zero. Only for
+  // files nobody maps yet: a shorter file faults the mappings of readers,
+  // and new bytes are not reserved (see reserve()).
   bool truncate(uint64_t bytes);
+  // Writer: makes the file at least `bytes` long with every page of
+  // [0, bytes) reserved, so that stores through a mapping can never fault
+  // for want of space. Fails, leaving the file as it was, when the file
+  // system is full (error() then says so).
+  bool reserve(uint64_t bytes);
+  // Writer: returns the pages of [from, end of file) to the file system. The
+  // length stays, so readers' mappings stay valid (the range reads as zeros).
+  bool release(uint64_t from);
+  // Writer: creates a fresh file beside `path` (replacement(path)) holding
+  // `bytes` reserved zero bytes, and maps it. publishAs() then puts it in
+  // place of `path` in one step: processes that map the old file keep it
+  // whole, new ones open the fresh one.
+  // REQUIRES: !isOpen()
+  bool createReplacement(const std::string& path, uint64_t bytes);
+  bool publishAs(const std::string& path);
 
   // Maps [0, bytes) of the file.
   // REQUIRES: isOpen() && !isMapped() && bytes > 0
@@ -127,6 +158,14 @@ class ShmFile {
   std::string path_;
   std::string error_;
 };
+
+// The name under which a replacement of `path` is prepared.
+std::string replacementPath(const std::string& path);
+
+// Writes `text` as the whole content of the file at `path` with write(2),
+// never through a mapping, so that a full file system is an error instead of
+// a fault. Creates the file (mode kTableFileMode) when missing.
+bool writeWholeFile(ShmFs& fs, const std::string& path, const std::string& text, std::string* error);
 
 // Removes a file from its directory; processes that map it keep their
 // mapping. A missing file counts as removed.

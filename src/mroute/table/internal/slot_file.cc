@@ -27,6 +27,16 @@ uint32_t SlotTable::Header::computeHash() const {
 
 bool SlotTable::Header::validate(size_t fileSize, uint32_t wantSlotSize, uint32_t expectedEmber,
                                  std::string* why) const {
+  return check(fileSize, wantSlotSize, expectedEmber, true, why);
+}
+
+bool SlotTable::Header::validateFixed(size_t fileSize, uint32_t wantSlotSize, uint32_t expectedEmber,
+                                      std::string* why) const {
+  return check(fileSize, wantSlotSize, expectedEmber, false, why);
+}
+
+bool SlotTable::Header::check(size_t fileSize, uint32_t wantSlotSize, uint32_t expectedEmber, bool counts,
+                              std::string* why) const {
   std::ostringstream os;
   const size_t fixed = fixedSize(wantSlotSize);
   if (fileSize < fixed) {
@@ -61,11 +71,11 @@ bool SlotTable::Header::validate(size_t fileSize, uint32_t wantSlotSize, uint32_
   const uint32_t n = numSlots.load().ref;
   const uint32_t occupied = loadRelaxed(occupiedSlots);
   const uint32_t free = loadRelaxed(freeSlots);
-  if (occupied > n) {
+  if (counts && occupied > n) {
     os << "SlotTable::Header::validate() bad occupiedSlots: " << occupied << " num slots: " << n;
     return validationFailed(why, os);
   }
-  if (free >= n && free != kNoRef) {
+  if (counts && free >= n && free != kNoRef) {
     os << "SlotTable::Header::validate() bad freeSlots: " << free << " slots: " << n;
     return validationFailed(why, os);
   }

@@ -85,6 +85,11 @@ struct SlotTable {
     // sets *why (traced when error tracing is on). fileSize is the size of the
     // mapped file, slotSize the instantiation's; ember 0 expects none.
     bool validate(size_t fileSize, uint32_t slotSize, uint32_t expectedEmber, std::string* why) const;
+    // The checks of validate() that a writer killed mid-operation cannot make
+    // fail: all but occupiedSlots and freeSlots, which recovery recomputes.
+    bool validateFixed(size_t fileSize, uint32_t slotSize, uint32_t expectedEmber, std::string* why) const;
+
+    bool check(size_t fileSize, uint32_t slotSize, uint32_t expectedEmber, bool counts, std::string* why) const;
 
     Slot* lookaside() { return reinterpret_cast<Slot*>(reinterpret_cast<unsigned char*>(this) + sizeof(Header)); }
     const Slot* lookaside() const {

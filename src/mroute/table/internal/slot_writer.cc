@@ -1,5 +1,7 @@
 #include "mroute/table/internal/slot_writer.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <sstream>
 
@@ -39,12 +41,24 @@ bool SlotWriterTable::attach(uint32_t ember, bool reformat, bool* existed, std::
   }
   const size_t bytes = SlotTable::fileSize(slotSize_, params_.initialSlots);
   file_.unmap();
-  if (!file_.truncate(bytes) || !file_.map(bytes)) {
+  const bool replace = !created && file_.fileSize() > 0;
+  if (replace) {
+    // Readers may map the old file: it is replaced whole, never shortened.
+    file_.close();
+    if (!file_.createReplacement(root_.file(kSlotFileName), bytes)) {
+      *why = "SlotWriter::attach() cannot size " + root_.file(kSlotFileName) + ": " + file_.error();
+      return false;
+    }
+  } else if (!file_.reserve(bytes) || !file_.map(bytes)) {
     *why = "SlotWriter::attach() cannot size " + file_.path() + ": " + file_.error();
     return false;
   }
   SlotTable::format(file_.base(), {ember, params_.valueType, params_.classType, params_.valueSize,
                                    params_.maxSlots, params_.config, params_.initialSlots, params_.defaultValue});
+  if (replace && !file_.publishAs(root_.file(kSlotFileName))) {
+    *why = "SlotWriter::attach() cannot replace " + root_.file(kSlotFileName) + ": " + file_.error();
+    return false;
+  }
   if (created) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "SlotWriter::attach() to new file " << file_.path());
   } else {
@@ -60,6 +74,19 @@ bool SlotWriterTable::validateHeader(uint32_t ember, std::string* why) const {
     return false;
   }
   return header()->validate(file_.mappedSize(), slotSize_, ember, why);
+}
+
+bool SlotWriterTable::validateFixedHeader(uint32_t ember, std::string* why) const {
+  return file_.isMapped() && header()->validateFixed(file_.mappedSize(), slotSize_, ember, why);
+}
+
+void SlotWriterTable::adoptConfig() {
+  SlotTable::Header* h = header();
+  // A reader validating the header meanwhile may see a checksum fail, report
+  // it and retry; the writer mounter then finds the table sound.
+  storeRelaxed(h->maxSlots, params_.maxSlots);
+  storeRelaxed(h->config, params_.config);
+  storeRelaxed(h->hash, h->computeHash());
 }
 
 bool SlotWriterTable::mapAll(std::string* why) {
@@ -86,6 +113,7 @@ uint32_t SlotWriterTable::alloc(uint32_t rhash) {
     std::ostringstream os;
     os << "SlotWriter::alloc() Brume table full (occupancy:" << occupied() << " tableSize:" << params_.maxSlots
        << ") " << params_.name;
+    if (!growError_.empty()) os << ": " << growError_;
     throw Brume::TableFullException(os.str());
   }
   SlotTable::Header* h = header();
@@ -118,9 +146,12 @@ void SlotWriterTable::release(uint32_t i) {
 bool SlotWriterTable::resizeFile(uint32_t slots) {
   const size_t bytes = SlotTable::fileSize(slotSize_, slots);
   uint8_t* old = file_.base();
-  // The file only ever gets longer while attached (W6).
-  const int64_t size = file_.fileSize();
-  if ((size < 0 || static_cast<uint64_t>(size) < bytes) && !file_.truncate(bytes)) {
+  // The file only ever gets longer while attached (W6), and every page of
+  // the slots is reserved before a store can touch it: the range may hold
+  // pages a shrink gave back.
+  growError_.clear();
+  if (!file_.reserve(bytes)) {
+    growError_ = file_.error();
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "SlotWriter::resize() failed to resize " << slots << " slots, needed " << bytes
                                                           << " bytes. Reason: " << file_.error());
@@ -252,6 +283,14 @@ void SlotWriterTable::move(uint32_t from, uint32_t to) {
 void SlotWriterTable::shrinkTo(uint32_t newNumSlots) {
   header()->numSlots.setRefAtomic(newNumSlots, kCountIncrement);
   MROUTE_TRACE(brumeTrace(), kTraceInfo, "SlotWriter::shrink() newNumSlots:" << newNumSlots);
+  // The pages past the last slot go back to the file system; the length
+  // stays (W6), so a reader still on a moved slot reads zeros, not a fault,
+  // and re-checks its bucket version.
+  const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  const uint64_t keep = (SlotTable::fileSize(slotSize_, newNumSlots) + page - 1) / page * page;
+  if (!file_.release(keep)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "SlotWriter::shrink() cannot return memory: " << file_.error());
+  }
 }
 
 uint32_t SlotWriterTable::shrinkThreshold() const {

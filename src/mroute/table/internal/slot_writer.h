@@ -42,6 +42,10 @@ class SlotWriterTable {
   bool attach(uint32_t ember, bool reformat, bool* existed, std::string* why);
   // Header checks of the mapped file (slot_file.h).
   bool validateHeader(uint32_t ember, std::string* why) const;
+  // The header checks that do not look at occupiedSlots and freeSlots.
+  bool validateFixedHeader(uint32_t ember, std::string* why) const;
+  // Takes the configured maximum and flags into the header (checksum too).
+  void adoptConfig();
   // Maps the whole slot array the header announces (after validateHeader).
   bool mapAll(std::string* why);
   void detach();
@@ -80,8 +84,9 @@ class SlotWriterTable {
   // Copies rhash and value of `from` into the free slot `to` (< from) and
   // marks it occupied; `to` must already be taken off the free list.
   void move(uint32_t from, uint32_t to);
-  // Publishes the smaller numSlots after a shrink; the file keeps its length
-  // (W6) so that a reader still walking a moved slot never faults.
+  // Publishes the smaller numSlots after a shrink and returns the pages past
+  // the last slot; the file keeps its length (W6) so that a reader still
+  // walking a moved slot never faults.
   void shrinkTo(uint32_t newNumSlots);
   // The largest power of two strictly below numSlots when slot shrinking is
   // on (0 otherwise).
@@ -105,6 +110,7 @@ class SlotWriterTable {
   SlotParams params_;
   uint32_t slotSize_;
   Mem::ShmFile file_;
+  std::string growError_;  // why the last growth could not enlarge the file
 };
 
 }  // namespace Brume

@@ -32,6 +32,7 @@ bool Validator::validate(std::string* why) {
   try {
     walkFreeSlots();
     walkOccupiedSlots();
+    findLeakedSlots();
   } catch (const Pavo::CorruptionDetectedException& e) {
     MROUTE_TRACE(brumeTrace(), kTraceError, "Validator::validate caught:" << e.what());
     if (why != nullptr) *why = e.what();
@@ -57,6 +58,23 @@ void Validator::walkFreeSlots() {
       raise(os);
     }
     marks_[i] = 1;
+  }
+}
+
+// A slot that is neither free nor chained was lost by a writer that died
+// between taking it off the free list and linking it (or the reverse); the
+// next writer's attach gives it back.
+void Validator::findLeakedSlots() {
+  uint32_t leaked = 0;
+  uint32_t first = kNoRef;
+  for (uint32_t i = 0; i < numSlots_; ++i) {
+    if (marks_[i] != 0) continue;
+    if (leaked++ == 0) first = i;
+  }
+  if (leaked != 0) {
+    std::ostringstream os;
+    os << "Validator::findLeakedSlots() leaked slots:" << leaked << " first slotId:" << first;
+    raise(os);
   }
 }
 

@@ -4,7 +4,8 @@
 // occupied slot's notification position is in the queue and unique.
 //
 // Each chained slot must also sit in the bucket its rhash names, in
-// ascending rhash order, with an rhash that matches its key.
+// ascending rhash order, with an rhash that matches its key; a slot that is
+// neither free nor chained is reported as leaked.
 //
 // Every finding raises Pavo::CorruptionDetectedException inside; validate()
 // catches it, traces "Validator::validate caught:" and returns false.
@@ -45,6 +46,7 @@ class Validator {
  private:
   void walkFreeSlots();
   void walkOccupiedSlots();
+  void findLeakedSlots();
   void markOccupied(uint32_t slot);
   const Slot* slot(uint32_t i) const { return SlotTable::slotAt(slots_, slotSize_, i); }
 

@@ -1,10 +1,12 @@
 #include "mroute/table/internal/writer_files.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "mroute/runtime/error.h"
 #include "mroute/table/internal/brume_trace.h"
 #include "mroute/table/internal/ember_file.h"
+#include "mroute/table/internal/slot_recovery.h"
 #include "mroute/table/internal/validator.h"
 
 namespace Brume {
@@ -64,13 +66,13 @@ bool WriterFiles::attachFiles(bool reformat, bool* existed, std::string* why) {
   *existed = slotsExisted || bucketsExisted;
   if (config_.notifications) {
     conquer_ = std::make_unique<ConquerWriter>(root_.dir(), ConquerConfig{config_.pruneConquer, true}, *fs_);
-    // Notifications of a re-formatted table name slots that no longer hold
-    // what they did: start the queue afresh too.
-    if (reformat) conquer_->cleanup();
     uint32_t numSlots = slots_.params().initialSlots;
     std::string ignored;
-    if (slotsExisted && slots_.validateHeader(ember_, &ignored)) numSlots = slots_.numSlots();
-    if (!conquer_->attachConquer(std::max<uint32_t>(numSlots, 1), ember_)) {
+    if (slotsExisted && slots_.validateFixedHeader(ember_, &ignored)) numSlots = slots_.numSlots();
+    // Notifications of a re-formatted table name slots that no longer hold
+    // what they did: the queue starts afresh, its sequence going on from the
+    // old one so that readers that knew a higher sequence resynchronise.
+    if (!conquer_->attachConquer(std::max<uint32_t>(numSlots, 1), ember_, !reformat)) {
       *why = "BrumeWriter::attach() cannot attach the notification queue";
       return false;
     }
@@ -78,15 +80,48 @@ bool WriterFiles::attachFiles(bool reformat, bool* existed, std::string* why) {
   return true;
 }
 
-bool WriterFiles::configMatches(std::string* why) const {
+bool WriterFiles::typesMatch(std::string* why) const {
   const SlotTable::Header* h = slots_.header();
   const SlotParams& p = slots_.params();
-  if (h->maxSlots != p.maxSlots || h->config != p.config || std::string(h->valueType) != p.valueType ||
-      std::string(h->classType) != p.classType) {
-    *why = "BrumeWriter::attach() configuration changed, valueType:" + std::string(h->valueType) +
-           " classType:" + std::string(h->classType) + " maxSlots:" + std::to_string(h->maxSlots) +
-           " config:" + std::to_string(h->config);
+  if (std::string(h->valueType, strnlen(h->valueType, sizeof h->valueType)) != p.valueType ||
+      std::string(h->classType, strnlen(h->classType, sizeof h->classType)) != p.classType) {
+    *why = "BrumeWriter::attach() another table type, valueType:" +
+           std::string(h->valueType, strnlen(h->valueType, sizeof h->valueType)) + " classType:" +
+           std::string(h->classType, strnlen(h->classType, sizeof h->classType));
     MROUTE_TRACE(brumeTrace(), kTraceError, *why);
+    return false;
+  }
+  return true;
+}
+
+void WriterFiles::recover() {
+  std::string why;
+  if (!slots_.validateFixedHeader(ember_, &why) || !buckets_.validateHeader(ember_, &why) ||
+      !isPowerOfTwo(buckets_.numBuckets()) || !slots_.mapAll(&why) || !buckets_.mapAll(&why)) {
+    return;  // the header checks decide: re-format
+  }
+  const RecoveryReport r = recoverSlots(slots_, buckets_, rhashOf_);
+  if (r.leakedSlots != 0 || r.cutChains != 0 || r.finishedUpdates != 0) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "BrumeWriter::attach() recovered " << root_.dir() << " leakedSlots:" << r.leakedSlots
+                                                    << " cutChains:" << r.cutChains
+                                                    << " finishedUpdates:" << r.finishedUpdates);
+  }
+}
+
+bool WriterFiles::reformat(std::string* why) {
+  MROUTE_TRACE(brumeTrace(), kTraceError,
+               "BrumeWriter::attach() failed, all entries from " << root_.dir() << " will be lost");
+  detachFiles();
+  // A new incarnation: readers mapping the old files see the ember change
+  // and attach to the new ones.
+  const uint32_t old = ember_;
+  ember_ = processEmberId() != old ? processEmberId() : (old * 2654435761u + 1);
+  if (ember_ == 0) ember_ = 1;
+  bool existed = false;
+  if (!attachFiles(true, &existed, why)) return false;
+  if (!writeEmber(*fs_, root_, ember_, why)) {
+    *why = "BrumeWriter::attach() cannot write ember file: " + *why;
     return false;
   }
   return true;
@@ -119,11 +154,9 @@ bool WriterFiles::attach() {
     detach();
     return false;
   }
-  if (existed && !(validateFiles(&why) && configMatches(&why) && validate(&why))) {
-    MROUTE_TRACE(brumeTrace(), kTraceError,
-                 "BrumeWriter::attach() failed, all entries from " << root_.dir() << " will be lost");
-    detachFiles();
-    if (!attachFiles(true, &existed, &why)) {
+  if (existed) recover();
+  if (existed && !(validateFiles(&why) && typesMatch(&why) && validate(&why))) {
+    if (!reformat(&why)) {
       MROUTE_TRACE(brumeTrace(), kTraceError, why);
       detach();
       return false;
@@ -134,6 +167,15 @@ bool WriterFiles::attach() {
       return false;
     }
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeWriter::attach(): re-formatted successfully");
+  } else if (existed && (slots_.header()->maxSlots != slots_.params().maxSlots ||
+                         slots_.header()->config != slots_.params().config)) {
+    // Sound files keep their entries under a changed maximum or flags.
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "BrumeWriter::attach() configuration changed, maxSlots:" << slots_.header()->maxSlots << " to "
+                                                                         << slots_.params().maxSlots << " config:"
+                                                                         << slots_.header()->config << " to "
+                                                                         << slots_.params().config);
+    slots_.adoptConfig();
   }
   removeCorruptionMarker(*fs_, root_);
   attached_ = true;

@@ -55,7 +55,14 @@ class WriterFiles {
 
  private:
   bool attachFiles(bool reformat, bool* existed, std::string* why);
-  bool configMatches(std::string* why) const;
+  // The stored value and class types are the configured ones (another type
+  // is another table: its files are re-formatted).
+  bool typesMatch(std::string* why) const;
+  // Repairs what a writer killed mid-operation left (slot_recovery.h).
+  void recover();
+  // Re-formats every file under a new ember, so that readers of the old
+  // files re-attach.
+  bool reformat(std::string* why);
   void detachFiles();
 
   Mem::RootPath root_;
