@@ -99,7 +99,8 @@ TEST_F(ShmFileTest, WriterLockExcludesASecondWriterAndDiesWithItsProcess) {
     Mem::WriterLock::AutoLock held(second);
     EXPECT_FALSE(held.locked());
   }
-  EXPECT_EQ(second.error(), "held by another writer: " + dir_ + "/writer.lock");
+  EXPECT_EQ(second.error(), "held by another writer (pid " + std::to_string(child) + "): " + dir_ + "/writer.lock");
+  EXPECT_EQ(second.holder(), child);
   kill(child, SIGKILL);  // dies holding the lock
   waitpid(child, nullptr, 0);
   EXPECT_TRUE(second.tryLock()) << second.error();

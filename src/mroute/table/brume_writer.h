@@ -100,22 +100,28 @@ class BrumeWriter {
 
   // Inserts or updates the entry whose key v carries. With update false an
   // existing entry is kept and returned as it is.
+  // Raises Pavo::InvalidInitializeException, saying why the attach failed,
+  // when the writer is not attached (also remove() and directWrite()).
   const Stored* write(const Stored& v, bool update = true);
   // Removes the entry; false when absent.
   bool remove(const Key& key);
+  // Null when absent or not attached.
   const Stored* lookup(const Key& key) const {
+    if (!files_.attached()) return nullptr;
     const auto f = map_.find(key, Ops::hash(key), "WriterHashMap::lookup()");
     return f.found ? storedAt(f.slot) : nullptr;
   }
   // Iteration in split order (see link.h): ascending (rhash, key).
-  const Stored* first() const { return firstFrom(kEndBit | 0); }
+  const Stored* first() const { return files_.attached() ? firstFrom(kEndBit | 0) : nullptr; }
   const Stored* next(const Key& key) const;
 
   Stored* directWrite(const Key& key);
   void directCommit();
 
   // Compacts the slot array now if it is sparse enough.
-  void shrink() { doMaybeShrinkSlots(files_.slots().shrinkThreshold()); }
+  void shrink() {
+    if (files_.attached()) doMaybeShrinkSlots(files_.slots().shrinkThreshold());
+  }
   void doMaybeShrinkSlots(uint32_t threshold);
 
   void detach() {
@@ -134,6 +140,9 @@ class BrumeWriter {
   uint64_t sequence() const { return conquerConst() != nullptr ? conquerConst()->sequence() : 0; }
   uint32_t emberId() const { return files_.ember(); }
   MountStatus mountStatus() const { return files_.attached() ? MountStatus::attached : MountStatus::detached; }
+  // Why the last attach() failed: held by another writer (with its pid when
+  // known), no space, no permission, a bad root, ...
+  const AttachStatus& attachStatus() const { return files_.attachStatus(); }
   uint32_t shrinkThreshold() const { return shrinkThreshold_; }
   bool shrinkInProgress() const { return shrinkInProgress_; }
   const WriterCounters& writerCounters() const { return counters_; }
@@ -163,6 +172,13 @@ class BrumeWriter {
   // A new slot is fully written: link it in and account for it.
   void linkNew(const typename WriterHashMap<Ops>::FindResult& f, uint32_t slot);
   uint32_t allocSlot(uint32_t rhash);
+  // The error of a change asked of a writer that is not attached.
+  void requireAttached(const char* who) const {
+    if (files_.attached()) [[likely]] return;
+    const AttachStatus& st = files_.attachStatus();
+    throw Pavo::InvalidInitializeException(std::string(who) + " Brume table not attached" +
+                                           (st.message.empty() ? std::string() : ": " + st.message));
+  }
   // Direct write pairing faults are programming errors: a fatal assertion
   // whose text describes the unbalanced slot.
   [[noreturn]] void pairingFault(const std::string& text) const {

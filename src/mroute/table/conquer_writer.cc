@@ -61,6 +61,7 @@ bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember, bool reuseE
       MROUTE_TRACE(brumeTrace(), kTraceError,
                    "ConquerWriter::attachConquer() cannot attach to shmem " << paths_[t] << " of size:" << bytes
                                                                             << " reason:" << files_[t].error());
+      error_ = files_[t].error();
       detach();
       return false;
     }
@@ -122,6 +123,7 @@ bool ConquerWriter::format(uint32_t t, bool created) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::attachConquer() failed to resize " << paths_[t] << " to size " << bytes
                                                                     << " reason:" << f.error());
+    error_ = f.error();
     return false;
   }
   const size_t mapBytes = std::max<uint64_t>(bytes, static_cast<uint64_t>(size));
@@ -129,6 +131,7 @@ bool ConquerWriter::format(uint32_t t, bool created) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::attachConquer() cannot attach to shmem " << paths_[t] << " of size:" << mapBytes
                                                                           << " reason:" << f.error());
+    error_ = f.error();
     return false;
   }
   // Continue the notifications version of an old file so that a reader still
@@ -194,12 +197,14 @@ bool ConquerWriter::growFile(uint32_t t, uint32_t notifications) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::resize() failed to resize " << paths_[t] << " to size " << bytes
                                                              << " reason:" << f.error());
+    error_ = f.error();
     return false;
   }
   uint8_t* const oldBase = f.base();
   if (f.mappedSize() < bytes && !f.remap(bytes)) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
                  "ConquerWriter::resize() failed to resize " << paths_[t] << " reason:" << f.error());
+    error_ = f.error();
     return false;
   }
   if (f.base() != oldBase) {

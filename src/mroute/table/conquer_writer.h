@@ -103,6 +103,8 @@ class ConquerWriter {
   // traced, when they cannot be made.
   bool attachConquer(uint32_t numSlots, uint32_t ember, bool reuseExisting = true);
   bool attached() const { return files_[0].isMapped() && files_[1].isMapped(); }
+  // Why the last attach or resize could not make or map a file.
+  const std::string& error() const { return error_; }
 
   // Appends `slot` with the next sequence and tombstones its previous entry.
   // Returns the sequence. Raises Pavo::CorruptionDetectedException when the
@@ -188,6 +190,7 @@ class ConquerWriter {
   ConquerConfig config_;
   Mem::ShmFs* fs_;
   std::string paths_[2];
+  std::string error_;
   Mem::ShmFile files_[2];
   uint32_t ember_ = 0;
   uint32_t cur_ = 0;

@@ -35,6 +35,7 @@ void BrumeWriter<Ops>::linkNew(const typename WriterHashMap<Ops>::FindResult& f,
 
 template <TableOps Ops>
 const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update) {
+  requireAttached("BrumeWriter::write()");
   const Key key = Ops::keyOf(v);
   if (directSlot_ != kNoRef) {
     std::ostringstream os;
@@ -69,6 +70,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
 
 template <TableOps Ops>
 bool BrumeWriter<Ops>::remove(const Key& key) {
+  requireAttached("BrumeWriter::remove()");
   if (directSlot_ != kNoRef) {
     std::ostringstream os;
     os << "BrumeWriter::remove() unbalanced directSlot:" << directText() << " when removing key:"
@@ -93,6 +95,7 @@ bool BrumeWriter<Ops>::remove(const Key& key) {
 
 template <TableOps Ops>
 typename Ops::Stored* BrumeWriter<Ops>::directWrite(const Key& key) {
+  requireAttached("BrumeWriter::directWrite()");
   if (directSlot_ != kNoRef) {
     std::ostringstream os;
     os << "BrumeWriter::directWrite() unbalanced directSlot:" << directText() << " when modifying key:"
@@ -155,6 +158,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::firstFrom(uint32_t marker) const {
 
 template <TableOps Ops>
 const typename Ops::Stored* BrumeWriter<Ops>::next(const Key& key) const {
+  if (!files_.attached()) return nullptr;
   const auto f = map_.find(key, Ops::hash(key), "WriterHashMap::lookup()");
   if (!f.found) return nullptr;
   const uint32_t ref = slotsConst().slot(f.slot)->next.loadRelaxed().ref;

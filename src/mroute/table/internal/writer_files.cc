@@ -1,6 +1,7 @@
 #include "mroute/table/internal/writer_files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "mroute/runtime/error.h"
@@ -73,7 +74,7 @@ bool WriterFiles::attachFiles(bool reformat, bool* existed, std::string* why) {
     // what they did: the queue starts afresh, its sequence going on from the
     // old one so that readers that knew a higher sequence resynchronise.
     if (!conquer_->attachConquer(std::max<uint32_t>(numSlots, 1), ember_, !reformat)) {
-      *why = "BrumeWriter::attach() cannot attach the notification queue";
+      *why = "BrumeWriter::attach() cannot attach the notification queue: " + conquer_->error();
       return false;
     }
   }
@@ -127,45 +128,56 @@ bool WriterFiles::reformat(std::string* why) {
   return true;
 }
 
+namespace {
+
+// The kind of a failed system call, from the error text it left.
+AttachError errorKind(const std::string& why) {
+  auto has = [&](int err) { return why.find(std::strerror(err)) != std::string::npos; };
+  if (has(ENOSPC) || has(EDQUOT)) return AttachError::noSpace;
+  if (has(EACCES) || has(EPERM) || has(EROFS)) return AttachError::noPermission;
+  if (has(ENOENT) || has(ENOTDIR)) return AttachError::badRoot;
+  return AttachError::failed;
+}
+
+}  // namespace
+
+bool WriterFiles::attachFailed(AttachError error, const std::string& why) {
+  MROUTE_TRACE(brumeTrace(), kTraceError, why);
+  const long holder = lock_.holder();
+  detach();
+  status_ = {error, why, error == AttachError::heldByAnotherWriter ? holder : 0};
+  return false;
+}
+
 bool WriterFiles::attach() {
   if (attached_) return true;
+  status_ = {};
   std::string why;
   if (!Mem::makeDirectories(*fs_, root_.dir(), &why)) {
-    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot make " << root_.dir() << ": " << why);
-    return false;
+    const std::string text = "BrumeWriter::attach() cannot make " + root_.dir() + ": " + why;
+    return attachFailed(errorKind(why), text);
   }
   autoLock_ = std::make_unique<Mem::WriterLock::AutoLock>(lock_);
   if (!autoLock_->locked()) {
-    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot lock: " << lock_.error());
     autoLock_.reset();
-    return false;
+    const std::string text = "BrumeWriter::attach() cannot lock: " + lock_.error();
+    return attachFailed(lock_.holder() != 0 || lock_.error().starts_with("held by another writer")
+                            ? AttachError::heldByAnotherWriter
+                            : errorKind(lock_.error()),
+                        text);
   }
   if (!readEmber(*fs_, root_, &ember_)) {
     ember_ = processEmberId();
     if (!writeEmber(*fs_, root_, ember_, &why)) {
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() cannot write ember file: " << why);
-      detach();
-      return false;
+      return attachFailed(errorKind(why), "BrumeWriter::attach() cannot write ember file: " + why);
     }
   }
   bool existed = false;
-  if (!attachFiles(false, &existed, &why)) {
-    MROUTE_TRACE(brumeTrace(), kTraceError, why);
-    detach();
-    return false;
-  }
+  if (!attachFiles(false, &existed, &why)) return attachFailed(errorKind(why), why);
   if (existed) recover();
   if (existed && !(validateFiles(&why) && typesMatch(&why) && validate(&why))) {
-    if (!reformat(&why)) {
-      MROUTE_TRACE(brumeTrace(), kTraceError, why);
-      detach();
-      return false;
-    }
-    if (!validate(&why)) {
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeWriter::attach() failed validation");
-      detach();
-      return false;
-    }
+    if (!reformat(&why)) return attachFailed(errorKind(why), why);
+    if (!validate(&why)) return attachFailed(AttachError::damaged, "BrumeWriter::attach() failed validation");
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeWriter::attach(): re-formatted successfully");
   } else if (existed && (slots_.header()->maxSlots != slots_.params().maxSlots ||
                          slots_.header()->config != slots_.params().config)) {

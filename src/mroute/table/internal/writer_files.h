@@ -21,6 +21,23 @@
 
 namespace Brume {
 
+// Why a writer's attach failed (do not renumber: tools print it).
+enum class AttachError : uint8_t {
+  none = 0,
+  heldByAnotherWriter = 1,  // another process writes the table; holderPid says which, when known
+  noSpace = 2,              // the file system is full
+  noPermission = 3,         // the directory or files may not be written
+  badRoot = 4,              // the root path cannot hold the table (missing, not a directory)
+  damaged = 5,              // the files could not be re-formatted into a sound table
+  failed = 6,               // another system failure; see the message
+};
+
+struct AttachStatus {
+  AttachError error = AttachError::none;
+  std::string message;  // the traced reason; empty when attached
+  long holderPid = 0;
+};
+
 class WriterFiles {
  public:
   // valueSize and defaultValue describe the stored wrapper.
@@ -42,6 +59,8 @@ class WriterFiles {
   void cleanup();
 
   bool attached() const { return attached_; }
+  // Why the last attach() failed (error none after a success).
+  const AttachStatus& attachStatus() const { return status_; }
   SlotWriterTable& slots() { return slots_; }
   BucketWriterTable& buckets() { return buckets_; }
   ConquerWriter* conquer() { return conquer_.get(); }
@@ -55,6 +74,8 @@ class WriterFiles {
 
  private:
   bool attachFiles(bool reformat, bool* existed, std::string* why);
+  // Traces `why`, records it as the attach status and lets go of the files.
+  bool attachFailed(AttachError error, const std::string& why);
   // The stored value and class types are the configured ones (another type
   // is another table: its files are re-formatted).
   bool typesMatch(std::string* why) const;
@@ -76,6 +97,7 @@ class WriterFiles {
   std::unique_ptr<Mem::WriterLock::AutoLock> autoLock_;
   uint32_t ember_ = 0;
   bool attached_ = false;
+  AttachStatus status_;
 };
 
 }  // namespace Brume

@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -23,13 +26,32 @@ bool WriterLock::acquire(bool wait) {
   }
   if (fs_->flock(fd, wait ? LOCK_EX : LOCK_EX | LOCK_NB) < 0) {
     const int err = errno;
-    error_ = err == EWOULDBLOCK ? "held by another writer: " + path_
-                                : "flock(" + path_ + "): " + std::strerror(err);
+    if (err == EWOULDBLOCK) {
+      holder_ = holderPid(fd);
+      error_ = "held by another writer" + (holder_ > 0 ? " (pid " + std::to_string(holder_) + ")" : std::string()) +
+               ": " + path_;
+    } else {
+      error_ = "flock(" + path_ + "): " + std::strerror(err);
+    }
     fs_->close(fd);
     return false;
   }
   fd_ = fd;
+  holder_ = 0;
+  // Tells a writer that finds the table locked who holds it. A writer that
+  // died leaves its pid behind, but then the lock is free.
+  const std::string pid = std::to_string(::getpid()) + "\n";
+  if (fs_->ftruncate(fd, 0) == 0) fs_->pwrite(fd, pid.data(), pid.size(), 0);
   return true;
+}
+
+long WriterLock::holderPid(int fd) {
+  char text[24] = {};
+  const ssize_t n = ::pread(fd, text, sizeof text - 1, 0);
+  if (n <= 0) return 0;
+  char* end = nullptr;
+  const long pid = std::strtol(text, &end, 10);
+  return end != text && *end == '\n' && pid > 0 ? pid : 0;
 }
 
 bool WriterLock::tryLock() { return acquire(false); }

@@ -28,7 +28,7 @@ class WriterLock {
   WriterLock& operator=(const WriterLock&) = delete;
 
   // Takes the lock without waiting. False when another writer holds it
-  // (error() is then "held by another writer: <path>") or the lock file
+  // (error() is then "held by another writer (pid <pid>): <path>") or the lock file
   // cannot be made.
   bool tryLock();
   // Takes the lock, waiting for the holder to release it or die.
@@ -37,6 +37,9 @@ class WriterLock {
   bool locked() const { return fd_ >= 0; }
   const std::string& path() const { return path_; }
   const std::string& error() const { return error_; }
+  // The pid of the writer that held the lock when tryLock() last failed (0
+  // when unknown).
+  long holder() const { return holder_; }
 
   // Holds the lock (tryLock) for the lifetime of the object.
   class AutoLock {
@@ -54,11 +57,13 @@ class WriterLock {
 
  private:
   bool acquire(bool wait);
+  static long holderPid(int fd);
 
   ShmFs* fs_;
   std::string path_;
   std::string error_;
   int fd_ = -1;
+  long holder_ = 0;
 };
 
 }  // namespace Mem
