@@ -6,6 +6,7 @@
 #include "mroute/runtime/assert.h"
 #include "mroute/runtime/error.h"
 #include "mroute/table/internal/brume_trace.h"
+#include "mroute/table/internal/ember_file.h"
 
 namespace Brume {
 
@@ -27,6 +28,7 @@ ConquerReader::ConquerReader(std::string directory, Mem::ShmFs& fs)
     : directory_(std::move(directory)),
       paths_{Mem::joinPath(directory_, ConquerTable::kFileNames[0]),
              Mem::joinPath(directory_, ConquerTable::kFileNames[1])},
+      fs_(&fs),
       files_{Mem::ShmFile(fs), Mem::ShmFile(fs)} {}
 
 void ConquerReader::corrupt(const std::string& text) const {
@@ -60,6 +62,15 @@ void ConquerReader::detach() {
   files_[0].close();
   files_[1].close();
   located_ = false;
+}
+
+bool ConquerReader::initialize() {
+  uint32_t ember = 0;
+  if (!readEmberIn(*fs_, directory_, &ember)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "ConquerReader::initialize() failed to read ember file");
+    return false;
+  }
+  return initialize(ember);
 }
 
 bool ConquerReader::initialize(uint32_t expectedEmber) {

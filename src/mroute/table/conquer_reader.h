@@ -64,6 +64,9 @@ class ConquerReader {
   // Maps and checks both files; ember 0 expects none. False, with the reason
   // traced, when they are missing or invalid. Starts before sequence 1.
   bool initialize(uint32_t expectedEmber);
+  // The same, expecting the ember the table directory's ember file names
+  // (false, traced, when it cannot be read).
+  bool initialize();
   // Maps both files read-only (initialize() does this first).
   bool attachConquer();
   void detach();
@@ -104,6 +107,7 @@ class ConquerReader {
 
   std::string directory_;
   std::string paths_[2];
+  Mem::ShmFs* fs_;
   Mem::ShmFile files_[2];
   uint32_t ember_ = 0;
   // Where the walk stands: file, its notifications version and capacity when

@@ -27,8 +27,12 @@ uint32_t processEmberId() {
 }
 
 bool readEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t* ember) {
+  return readEmberIn(fs, root.dir(), ember);
+}
+
+bool readEmberIn(Mem::ShmFs& fs, const std::string& directory, uint32_t* ember) {
   Mem::ShmFile file(fs);
-  if (!file.open(root.file(kEmberFileName), Mem::ShmAccess::readOnly)) return false;
+  if (!file.open(Mem::joinPath(directory, kEmberFileName), Mem::ShmAccess::readOnly)) return false;
   if (file.fileSize() != sizeof(uint32_t) || !file.map(sizeof(uint32_t))) return false;
   // The writer stores the word atomically; a concurrent rewrite is seen
   // whole or not at all.

@@ -28,6 +28,8 @@ uint32_t processEmberId();
 
 // False when the file is missing, unreadable, of the wrong size or holds 0.
 bool readEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t* ember);
+// The same for a table directory already resolved (RootPath::dir()).
+bool readEmberIn(Mem::ShmFs& fs, const std::string& directory, uint32_t* ember);
 bool writeEmber(Mem::ShmFs& fs, const Mem::RootPath& root, uint32_t ember, std::string* error);
 
 // Best effort: a reader that cannot write the marker still raises its error.
