@@ -124,7 +124,7 @@ TEST(WriterKill, EveryKillLeavesTheJournalledEntriesAndARecoverableTable) {
     }
     ASSERT_EQ(j->running.load(), 1u) << "writer did not start in round " << round;
     const auto waitFrom = std::chrono::steady_clock::now();
-    const auto patience = std::chrono::milliseconds(200 + rng() % 300);
+    const auto patience = std::chrono::milliseconds(50 + rng() % 100);
     while (j->kind.load() != target && std::chrono::steady_clock::now() - waitFrom < patience) {
     }
     const auto delay = std::chrono::nanoseconds(rng() % 20000);
