@@ -228,6 +228,8 @@ TEST_F(BrumeWriterTest, DirectWriteFillsInPlaceAndMustBePaired) {
   // A new key: reachable only after the commit.
   *w.directWrite(9) = value(9, 4);
   EXPECT_FALSE(r.lookup(9, out));
+  std::string why;
+  EXPECT_TRUE(w.validate(&why)) << "the pending slot is not leaked: " << why;
   w.directCommit();
   ASSERT_TRUE(r.lookup(9, out));
   EXPECT_EQ(out.value.version, 4u);

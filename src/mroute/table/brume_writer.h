@@ -129,7 +129,9 @@ class BrumeWriter {
     files_.detach();
   }
   void cleanup() { files_.cleanup(); }
-  bool validate(std::string* why = nullptr) const { return files_.validate(why); }
+  bool validate(std::string* why = nullptr) const {
+    return files_.validate(why, directNew_ ? directSlot_ : kNoRef);
+  }
   bool validateFiles(std::string* why = nullptr) const { return files_.validateFiles(why); }
 
   uint32_t capacity() const { return files_.attached() ? slotsConst().numSlots() : 0; }

@@ -68,7 +68,7 @@ void Validator::findLeakedSlots() {
   uint32_t leaked = 0;
   uint32_t first = kNoRef;
   for (uint32_t i = 0; i < numSlots_; ++i) {
-    if (marks_[i] != 0) continue;
+    if (marks_[i] != 0 || i == pending_) continue;
     if (leaked++ == 0) first = i;
   }
   if (leaked != 0) {

@@ -42,6 +42,9 @@ class Validator {
             std::function<uint32_t(const unsigned char* value)> rhashOf = nullptr);
 
   bool validate(std::string* why = nullptr);
+  // A slot the writer took off the free list for a direct write that is not
+  // committed yet: neither free nor chained, and not leaked.
+  void pendingSlotIs(uint32_t slot) { pending_ = slot; }
 
  private:
   void walkFreeSlots();
@@ -56,6 +59,7 @@ class Validator {
   const NotificationView* notifications_;
   std::function<uint32_t(const unsigned char*)> rhashOf_;
   uint32_t numSlots_;
+  uint32_t pending_ = kNoRef;
   std::vector<uint8_t> marks_;
   std::vector<uint8_t> positions_;
 };

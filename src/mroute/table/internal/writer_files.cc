@@ -211,7 +211,7 @@ bool WriterFiles::validateFiles(std::string* why) const {
   return true;
 }
 
-bool WriterFiles::validate(std::string* why) const {
+bool WriterFiles::validate(std::string* why, uint32_t pendingSlot) const {
   if (!validateFiles(why)) return false;
   std::string local;
   std::string* w = why != nullptr ? why : &local;
@@ -224,6 +224,7 @@ bool WriterFiles::validate(std::string* why) const {
     viewPtr = &view;
   }
   Validator validator(slots_.header(), slots_.slotSize(), buckets_.header(), viewPtr, rhashOf_);
+  validator.pendingSlotIs(pendingSlot);
   if (!validator.validate(w)) return false;
   return conquer_ == nullptr || conquer_->validate(w);
 }

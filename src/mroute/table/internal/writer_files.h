@@ -53,8 +53,9 @@ class WriterFiles {
   bool attach();
   // Header checks of every file.
   bool validateFiles(std::string* why = nullptr) const;
-  // validateFiles() and the deep validator.
-  bool validate(std::string* why = nullptr) const;
+  // validateFiles() and the deep validator. pendingSlot: a slot taken for a
+  // direct write not committed yet.
+  bool validate(std::string* why = nullptr, uint32_t pendingSlot = kNoRef) const;
   void detach();
   void cleanup();
 
