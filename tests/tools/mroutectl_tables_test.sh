@@ -118,6 +118,10 @@ echo "$out" | grep -q '^~ (\*,239.1.1.1)  iif Ethernet1  oifs 3,7,20 .*\[oif +20
   || fail "follow change: $out"
 echo "$out" | grep -q '^- (' || fail "follow removal: $out"
 
+# follow --wait on a table nobody writes creates nothing.
+"$mroutectl" follow waited/for/route --wait --seconds 0.3 >/dev/null 2>&1 || fail "follow --wait exited $?"
+[ ! -e "$MROUTE_SHM_ROOT/waited" ] || fail "follow --wait left $(find "$MROUTE_SHM_ROOT/waited")"
+
 # Errors: one line naming the problem, exit code 2.
 expect_error() {  # expect_error <stderr pattern> <command arguments...>
   pattern="$1"
