@@ -1,7 +1,7 @@
 // BrumeReader against a writer in the same process: lookups, iteration over
 // splits and joins, safeValue, remapping after growth, detached behaviour,
 // initialisation failures and the corruption checks of a walk.
-#include "mroute/table/brume_reader.h"
+#include "mroute/table/engine/brume_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 

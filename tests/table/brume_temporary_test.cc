@@ -1,6 +1,6 @@
 // BrumeTemporary: a table in private memory that behaves like a shared one
 // and leaves nothing in the shared-memory file system.
-#include "mroute/table/brume_temporary.h"
+#include "mroute/table/engine/brume_temporary.h"
 
 #include <gtest/gtest.h>
 

@@ -2,14 +2,14 @@
 // capacity, bucket split and join, slot shrinking with moves and the corral,
 // direct write pairing, attach re-use and re-format, the validator's
 // findings, the writer lock.
-#include "mroute/table/brume_writer.h"
+#include "mroute/table/engine/brume_writer.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 

@@ -1,4 +1,4 @@
-#include "mroute/table/conquer_reader.h"
+#include "mroute/table/queue/conquer_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
-#include "mroute/table/conquer_writer.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/queue/conquer_writer.h"
+#include "mroute/table/shm/ember_file.h"
 #include "shm_test_dir.h"
 #include "testing/expect_assert.h"
 

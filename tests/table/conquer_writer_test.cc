@@ -1,4 +1,4 @@
-#include "mroute/table/conquer_writer.h"
+#include "mroute/table/queue/conquer_writer.h"
 
 #include <gtest/gtest.h>
 

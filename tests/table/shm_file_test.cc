@@ -1,4 +1,4 @@
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 #include <string>
 
 #include "shm_test_dir.h"
-#include "mroute/table/internal/writer_lock.h"
-#include "mroute/table/versioned_ref.h"
+#include "mroute/table/shm/writer_lock.h"
+#include "mroute/table/shm/versioned_ref.h"
 
 namespace {
 

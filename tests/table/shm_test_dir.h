@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace table_test {
 

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/validator.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/engine/internal/validator.h"
 #include "table/shm_test_dir.h"
 #include "table/table_test_util.h"
 

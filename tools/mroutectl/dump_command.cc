@@ -8,9 +8,9 @@
 
 #include "command.h"
 #include "mroute/runtime/error.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/internal/shm_file.h"
-#include "mroute/table/internal/slot_file.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/shm/shm_file.h"
+#include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/shm_root.h"
 #include "route_text.h"
 #include "table_check.h"

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <vector>
 
-#include "mroute/table/brume_hash.h"
-#include "mroute/table/internal/bucket_file.h"
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/link.h"
-#include "mroute/table/internal/slot_file.h"
-#include "mroute/table/internal/validator.h"
+#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/engine/internal/bucket_file.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/engine/internal/link.h"
+#include "mroute/table/engine/internal/slot_file.h"
+#include "mroute/table/engine/internal/validator.h"
 #include "table_access.h"
 
 namespace Mroutectl {

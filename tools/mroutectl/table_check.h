@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace Mroutectl {
 

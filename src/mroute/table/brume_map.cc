@@ -3,11 +3,11 @@
 #include <sys/stat.h>
 
 #include "mroute/runtime/error.h"
-#include "mroute/table/conquer_writer.h"
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/queue/conquer_writer.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/ember_file.h"
 #include "mroute/table/internal/front_restamp.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/shm_file.h"
 #include "mroute/table/shm_root.h"
 
 namespace Brume {

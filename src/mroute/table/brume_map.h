@@ -41,10 +41,10 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/table/brume_map_base.h"
-#include "mroute/table/brume_ops.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/conquer_reader.h"
+#include "mroute/table/engine/brume_ops.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/queue/conquer_reader.h"
 #include "mroute/table/internal/front_index.h"
 
 namespace Brume {

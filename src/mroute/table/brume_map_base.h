@@ -34,8 +34,8 @@
 #include "mroute/table/brume_type.h"
 #include "mroute/table/notify_channel.h"
 #include "mroute/table/reader_mounter.h"
-#include "mroute/table/root_path.h"
-#include "mroute/table/table_config.h"
+#include "mroute/table/shm/root_path.h"
+#include "mroute/table/engine/table_config.h"
 #include "mroute/table/writer_mounter.h"
 
 namespace Brume {
