@@ -28,7 +28,7 @@
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/runtime/loop/timer.h"
 #include "mroute/table/brume_map.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 namespace {
 

@@ -31,9 +31,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 #ifdef MROUTE_BENCH_HAVE_BOOST
 #include <boost/interprocess/allocators/allocator.hpp>

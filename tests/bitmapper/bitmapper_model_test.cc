@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "bitmapper/bitmapper_test_util.h"
-#include "mroute/table/brume_hash.h"
+#include "mroute/table/shm/brume_hash.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include "bitmapper/bitmapper_test_util.h"
 #include "mroute/bitmapper/internal/table_rows.h"
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/shm_file.h"
-#include "mroute/table/internal/slot_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
+#include "mroute/table/engine/internal/slot_file.h"
 #include "testing/expect_assert.h"
 
 namespace {

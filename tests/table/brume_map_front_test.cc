@@ -127,12 +127,59 @@ TEST_F(BrumeMapFrontTest, ReaderBeforeWriterAttachesWhenTheWriterAppears) {
   EXPECT_TRUE(shadow.channelConnected());
 }
 
+TEST_F(BrumeMapFrontTest, SecondWriterSaysWhoHoldsTheTableAndRefusesWrites) {
+  RecordMap first(loop_, "a", "t", BrumeType::writer, fastOptions());
+  ASSERT_TRUE(first.ready());
+  RecordMap second(loop_, "a", "t", BrumeType::writer, fastOptions());
+  EXPECT_FALSE(second.ready());
+  const Brume::AttachStatus st = second.attachStatus();
+  EXPECT_EQ(st.error, Brume::AttachError::heldByAnotherWriter);
+  EXPECT_EQ(st.holderPid, ::getpid());
+  const std::string reason = "BrumeWriter::attach() cannot lock: held by another writer (pid " +
+                             std::to_string(::getpid()) + "): " + first.root().dir() + "/writer.lock";
+  EXPECT_EQ(st.message, reason);
+  EXPECT_THROW_TEXT(second.write(value(1)), Pavo::InvalidInitializeException,
+                    "BrumeWriter::write() Brume table not attached: " + reason);
+  EXPECT_THROW_TEXT(second.remove(1), Pavo::InvalidInitializeException,
+                    "BrumeWriter::remove() Brume table not attached: " + reason);
+  EXPECT_FALSE(second.lookup(1).has_value());
+  EXPECT_EQ(first.attachStatus().error, Brume::AttachError::none);
+  // A root under a regular file cannot hold a table.
+  ::setenv("MROUTE_SHM_ROOT", (first.root().dir() + "/slots").c_str(), 1);
+  RecordMap misplaced(loop_, "a", "t", BrumeType::writer, fastOptions());
+  EXPECT_EQ(misplaced.attachStatus().error, Brume::AttachError::badRoot) << misplaced.attachStatus().message;
+}
+
+TEST_F(BrumeMapFrontTest, ReadersCreateNothingAndAttachWhenTheWriterMakesTheTable) {
+  Brume::BrumeMapOptions slow = fastOptions();
+  slow.remountPeriod = std::chrono::seconds(60);  // only the directory watches can attach in time
+  RecordMap reader(loop_, "deep/mount/path", "t", BrumeType::reader, slow);
+  RecordMap shadow(loop_, "deep/mount/path", "t", BrumeType::shadow, slow);
+  for (int i = 0; i < 5; ++i) loop_.runOnce(std::chrono::milliseconds(5));
+  EXPECT_FALSE(std::filesystem::exists(scope_.dir())) << "a reader created the root";
+  {
+    FrontTest::ShmRootScope outside("missing");
+    RecordMap lost(loop_, "a", "t", BrumeType::reader, slow);
+    EXPECT_FALSE(std::filesystem::exists(outside.dir()));
+  }
+  ::setenv("MROUTE_SHM_ROOT", scope_.dir().c_str(), 1);
+  RecordMap writer(loop_, "deep/mount/path", "t", BrumeType::writer, slow);
+  writer.write(value(3, 1));
+  ASSERT_TRUE(runUntil(loop_, [&] { return reader.ready() && shadow.lookup(3).has_value(); }));
+  EXPECT_TRUE(reader.lookup(3).has_value());
+}
+
 TEST_F(BrumeMapFrontTest, WriterOnlyOperationsAndCleanup) {
   RecordMap writer(loop_, "a", "t", BrumeType::writer, fastOptions());
   RecordMap reader(loop_, "a", "t", BrumeType::reader, fastOptions());
   EXPECT_THROW_TEXT(reader.write(value(1)), Pavo::NoPermissionException, "write to read-only Brume table");
   EXPECT_THROW_TEXT(reader.remove(1), Pavo::NoPermissionException, "remove to read-only Brume table");
   EXPECT_THROW_TEXT(reader.cleanup(), Pavo::NoPermissionException, "cleanup to read-only Brume table");
+  EXPECT_THROW_TEXT(reader.validate(), Pavo::NoPermissionException, "validate to read-only Brume table");
+  EXPECT_THROW_TEXT(reader.validateFiles(), Pavo::NoPermissionException, "validateFiles to read-only Brume table");
+  std::string why;
+  EXPECT_TRUE(writer.validate(&why)) << why;
+  EXPECT_TRUE(writer.validateFiles(&why)) << why;
 
   struct stat st {};
   ASSERT_EQ(::stat((writer.root().dir() + "/notify.sock").c_str(), &st), 0);

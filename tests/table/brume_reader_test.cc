@@ -1,7 +1,7 @@
 // BrumeReader against a writer in the same process: lookups, iteration over
 // splits and joins, safeValue, remapping after growth, detached behaviour,
 // initialisation failures and the corruption checks of a walk.
-#include "mroute/table/brume_reader.h"
+#include "mroute/table/engine/brume_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
@@ -133,6 +133,54 @@ TEST_F(BrumeReaderTest, InitializeRefusesMissingAndInvalidFiles) {
   }
   EXPECT_FALSE(r.initialize());
   EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeReader::initialize() failed to validate buckets"));
+}
+
+// A lookup that loaded the bucket count just before the writer doubled the
+// buckets (once or twice) walks the lower chain the key left, reaches its end
+// marker, and must notice the new count instead of answering "absent" for a
+// key that was present throughout.
+TEST_F(BrumeReaderTest, LookupPausedAcrossBucketDoublingFindsMovedKeys) {
+  struct Pause {
+    Writer* writer;
+    uint64_t nextKey;
+    uint32_t doublings;
+    int calls = 0;
+  };
+  for (uint32_t doublings : {1u, 2u}) {
+    int moved = 0;
+    for (uint64_t target = 0; target < 16; ++target) {
+      TableTest::TempRoot dir("pause");
+      Writer w(dir.root(), config(16));
+      ASSERT_TRUE(w.attach());
+      for (uint64_t k = 0; k < 16; ++k) w.write(value(k));
+      const uint32_t before = w.numBuckets();
+      ASSERT_EQ(before, 16u);
+      // Only keys whose bucket changes with the doublings can be missed.
+      if ((RecordOps::hash(target) & (before * ((1u << doublings) - 1))) == 0) continue;
+      ++moved;
+      Reader r(dir.root());
+      ASSERT_TRUE(r.initialize());
+      Pause pause{&w, 1000, doublings};
+      r.afterCountLoadIs(
+          [](void* context) {
+            auto* p = static_cast<Pause*>(context);
+            if (p->calls++ != 0) return;
+            // Inserts until the bucket count has doubled `doublings` times:
+            // every phase of each growth runs while the reader is paused.
+            const uint32_t wanted = p->writer->numBuckets() << p->doublings;
+            while (p->writer->numBuckets() < wanted) p->writer->write(value(p->nextKey++));
+          },
+          &pause);
+      RecordValue out;
+      ASSERT_TRUE(r.lookup(target, out)) << "key " << target << " missed across " << doublings << " doubling(s)";
+      EXPECT_EQ(out.value.key, target);
+      EXPECT_EQ(w.numBuckets(), before << doublings);
+      // The paused attempt was thrown away and the lookup ran again.
+      EXPECT_GE(pause.calls, 2);
+      EXPECT_GE(r.readerCounters().restarts, 1u);
+    }
+    EXPECT_GT(moved, 0);
+  }
 }
 
 class ReaderCorruption : public BrumeReaderTest {

@@ -2,14 +2,14 @@
 // capacity, bucket split and join, slot shrinking with moves and the corral,
 // direct write pairing, attach re-use and re-format, the validator's
 // findings, the writer lock.
-#include "mroute/table/brume_writer.h"
+#include "mroute/table/engine/brume_writer.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
@@ -228,6 +228,8 @@ TEST_F(BrumeWriterTest, DirectWriteFillsInPlaceAndMustBePaired) {
   // A new key: reachable only after the commit.
   *w.directWrite(9) = value(9, 4);
   EXPECT_FALSE(r.lookup(9, out));
+  std::string why;
+  EXPECT_TRUE(w.validate(&why)) << "the pending slot is not leaked: " << why;
   w.directCommit();
   ASSERT_TRUE(r.lookup(9, out));
   EXPECT_EQ(out.value.version, 4u);

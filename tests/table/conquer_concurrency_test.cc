@@ -33,8 +33,8 @@
 #include <thread>
 #include <vector>
 
-#include "mroute/table/conquer_reader.h"
-#include "mroute/table/conquer_writer.h"
+#include "mroute/table/queue/conquer_reader.h"
+#include "mroute/table/queue/conquer_writer.h"
 #include "shm_test_dir.h"
 
 namespace {

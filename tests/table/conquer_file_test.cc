@@ -1,4 +1,4 @@
-#include "mroute/table/internal/conquer_file.h"
+#include "mroute/table/queue/internal/conquer_file.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/conquer_writer.h"
+#include "mroute/table/queue/conquer_writer.h"
 #include "shm_test_dir.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "mroute/table/conquer_reader.h"
+#include "mroute/table/queue/conquer_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,8 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
-#include "mroute/table/conquer_writer.h"
+#include "mroute/table/queue/conquer_writer.h"
+#include "mroute/table/shm/ember_file.h"
 #include "shm_test_dir.h"
 #include "testing/expect_assert.h"
 
@@ -201,6 +202,14 @@ TEST_F(ConquerReaderTest, InitializeRefusesMissingAndInvalidFiles) {
                                   "bad ember:0xe1 wanted:0xe2"));
   EXPECT_FALSE(reader.attached());
   EXPECT_ASSERTION(reader.conquer(recorder()), "attached()");
+  // Without an ember given, the table directory's ember file decides.
+  EXPECT_FALSE(reader.initialize());
+  EXPECT_TRUE(sink.contains(kFac, "ConquerReader::initialize() failed to read ember file"));
+  std::string error;
+  ASSERT_TRUE(Brume::writeEmber(Mem::systemShmFs(), Mem::RootPath(dir_), kEmber + 1, &error)) << error;
+  EXPECT_FALSE(reader.initialize());
+  ASSERT_TRUE(Brume::writeEmber(Mem::systemShmFs(), Mem::RootPath(dir_), kEmber, &error)) << error;
+  EXPECT_TRUE(reader.initialize());
 }
 
 }  // namespace

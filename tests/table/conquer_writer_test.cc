@@ -1,4 +1,4 @@
-#include "mroute/table/conquer_writer.h"
+#include "mroute/table/queue/conquer_writer.h"
 
 #include <gtest/gtest.h>
 
@@ -221,20 +221,21 @@ TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {
                                    "exceeds 2147483648 bytes for 536870912 notifications "));
   table_test::FailingFs fs;
   w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{}, fs);
-  fs.failTruncate = true;
+  fs.noSpace = true;
   EXPECT_FALSE(w_->attachConquer(16, kEmber));
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() failed to resize " + dir_ + "/conquer.1 to size 840"));
-  fs.failTruncate = false;
+  EXPECT_TRUE(sink_.contains(kFac, "(the file system is full)"));
+  fs.noSpace = false;
   fs.failMmap = true;
   EXPECT_FALSE(w_->attachConquer(16, kEmber));
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() cannot attach to shmem " + dir_ +
                                        "/conquer.1 of size:840"));
   fs.failMmap = false;
   ASSERT_TRUE(w_->attachConquer(16, kEmber));
-  fs.failTruncate = true;
+  fs.noSpace = true;
   EXPECT_FALSE(w_->resize(100));
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::resize() failed to resize"));
-  fs.failTruncate = false;
+  fs.noSpace = false;
   EXPECT_TRUE(w_->resize(100));
   EXPECT_EQ(w_->capacity(), 200u);
   w_.reset();  // before fs goes

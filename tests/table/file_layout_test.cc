@@ -9,10 +9,10 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/internal/bucket_file.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/slot_file.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/engine/internal/bucket_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/engine/internal/slot_file.h"
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 

@@ -16,7 +16,7 @@
 
 #include "brume_map_test_util.h"
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/ember_file.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include "mroute/route/oif_index_intf.h"
 #include "mroute/route/route.h"
 #include "mroute/runtime/net/ip_gen_prefix.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/engine/value_wrapper.h"
 #include "table/table_test_util.h"
 
 namespace StandIn {

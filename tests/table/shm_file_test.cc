@@ -1,4 +1,4 @@
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 #include <string>
 
 #include "shm_test_dir.h"
-#include "mroute/table/internal/writer_lock.h"
-#include "mroute/table/versioned_ref.h"
+#include "mroute/table/shm/writer_lock.h"
+#include "mroute/table/shm/versioned_ref.h"
 
 namespace {
 
@@ -99,7 +99,8 @@ TEST_F(ShmFileTest, WriterLockExcludesASecondWriterAndDiesWithItsProcess) {
     Mem::WriterLock::AutoLock held(second);
     EXPECT_FALSE(held.locked());
   }
-  EXPECT_EQ(second.error(), "held by another writer: " + dir_ + "/writer.lock");
+  EXPECT_EQ(second.error(), "held by another writer (pid " + std::to_string(child) + "): " + dir_ + "/writer.lock");
+  EXPECT_EQ(second.holder(), child);
   kill(child, SIGKILL);  // dies holding the lock
   waitpid(child, nullptr, 0);
   EXPECT_TRUE(second.tryLock()) << second.error();

@@ -12,8 +12,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace table_test {
 
@@ -40,11 +40,15 @@ class ShmDirTest : public ::testing::Test {
   std::string dir_;
 };
 
-// Fails ftruncate, mmap or mremap with ENOMEM on demand; everything else is
-// real.
+// Fails ftruncate, mmap or mremap with ENOMEM, or reserving space with
+// ENOSPC (a full file system), on demand; everything else is real.
 class FailingFs : public Mem::SystemShmFs {
  public:
   bool failTruncate = false;
+  bool noSpace = false;
+  int fallocate(int fd, off_t o, off_t n) override {
+    return noSpace ? (errno = ENOSPC, -1) : SystemShmFs::fallocate(fd, o, n);
+  }
   bool failMmap = false;
   bool failMremap = false;
   int ftruncate(int fd, off_t n) override { return failTruncate ? (errno = ENOMEM, -1) : SystemShmFs::ftruncate(fd, n); }

@@ -9,11 +9,11 @@
 #include <filesystem>
 #include <string>
 
-#include "mroute/table/brume_hash.h"
-#include "mroute/table/brume_ops.h"
-#include "mroute/table/root_path.h"
-#include "mroute/table/table_config.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/engine/brume_ops.h"
+#include "mroute/table/shm/root_path.h"
+#include "mroute/table/engine/table_config.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 namespace TableTest {
 
@@ -81,9 +81,9 @@ inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
 
 }  // namespace TableTest
 
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace TableTest {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "mroute/runtime/error.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
 #include "table/table_test_util.h"
 
 namespace TableTest {

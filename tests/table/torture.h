@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <string>
 
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace TableTest {
 

@@ -69,6 +69,43 @@ rc=$?
 [ "$rc" = 1 ] && [ "$(echo "$err" | wc -l)" = 1 ] || fail "dump of a damaged table exited $rc: $err"
 rm -rf "$MROUTE_SHM_ROOT/demo/routing/multicast/fib/counted" "$MROUTE_SHM_ROOT/demo/routing/multicast/fib/unmagic"
 
+# Damaged header fields that dump must not trust: a value size beyond the slot
+# size and a changed type name (both caught by the header checksum).
+copy sized
+printf '\377\377\000\000' | dd of="$MROUTE_SHM_ROOT/demo/routing/multicast/fib/sized/slots" bs=1 seek=144 conv=notrunc 2>/dev/null
+copy renamed
+printf 'Q' | dd of="$MROUTE_SHM_ROOT/demo/routing/multicast/fib/renamed/slots" bs=1 seek=16 conv=notrunc 2>/dev/null
+for t in sized renamed; do
+  err=$("$mroutectl" dump "demo/routing/multicast/fib/$t" 2>&1 >/dev/null)
+  rc=$?
+  [ "$rc" = 1 ] && [ "$(echo "$err" | wc -l)" = 1 ] || fail "dump of $t exited $rc: $err"
+  echo "$err" | grep -q "is damaged: slots: SlotTable::Header::validate() checksum fail" || fail "dump of $t: $err"
+  out=$("$mroutectl" validate "demo/routing/multicast/fib/$t")
+  [ $? = 1 ] && echo "$out" | grep -q '^  slots: .*checksum fail' || fail "validate of $t: $out"
+  rm -rf "$MROUTE_SHM_ROOT/demo/routing/multicast/fib/$t"
+done
+
+# A queue entry naming a slot beyond numSlots, as a shrink leaves it until it
+# is pruned, is sound for the writer and for validate.
+copy shrunk
+python3 - "$MROUTE_SHM_ROOT/demo/routing/multicast/fib/shrunk" <<'EOF' || fail "cannot append a queue entry"
+import struct, sys
+d = sys.argv[1]
+with open(d + "/conquer.1", "rb") as f:
+    cur = struct.unpack_from("<I", f.read(72), 36)[0]
+path = d + "/conquer.%d" % (cur + 1)
+with open(path, "r+b") as f:
+    data = f.read()
+    pos = struct.unpack_from("<I", data, 64)[0]
+    last = struct.unpack_from("<Q", data, 72 + 12 * (pos - 1))[0] if pos else 0
+    f.seek(72 + 12 * pos)
+    f.write(struct.pack("<QI", last + 1, 5000))
+    f.seek(64)
+    f.write(struct.pack("<I", pos + 1))
+EOF
+out=$("$mroutectl" validate demo/routing/multicast/fib/shrunk) || fail "validate after a shrink exited $?: $out"
+rm -rf "$MROUTE_SHM_ROOT/demo/routing/multicast/fib/shrunk"
+
 # follow sees a writer's changes as they are notified.
 "$mroutectl" follow "$table" --seconds 2.5 >"$MROUTE_SHM_ROOT/follow.out" 2>&1 &
 follower=$!
@@ -80,6 +117,10 @@ echo "$out" | grep -q "^following $table: attached, [56] routes" || fail "follow
 echo "$out" | grep -q '^~ (\*,239.1.1.1)  iif Ethernet1  oifs 3,7,20 .*\[oif +20, maxOifIndex 7 -> 20\]$' \
   || fail "follow change: $out"
 echo "$out" | grep -q '^- (' || fail "follow removal: $out"
+
+# follow --wait on a table nobody writes creates nothing.
+"$mroutectl" follow waited/for/route --wait --seconds 0.3 >/dev/null 2>&1 || fail "follow --wait exited $?"
+[ ! -e "$MROUTE_SHM_ROOT/waited" ] || fail "follow --wait left $(find "$MROUTE_SHM_ROOT/waited")"
 
 # Errors: one line naming the problem, exit code 2.
 expect_error() {  # expect_error <stderr pattern> <command arguments...>

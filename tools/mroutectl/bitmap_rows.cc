@@ -5,8 +5,8 @@
 
 #include "command.h"
 #include "mroute/runtime/error.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 namespace Mroutectl {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "mroute/bitmapper/records.h"
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace Mroutectl {
 

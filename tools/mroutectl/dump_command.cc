@@ -9,11 +9,12 @@
 #include "bitmap_rows.h"
 #include "command.h"
 #include "mroute/runtime/error.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/internal/shm_file.h"
-#include "mroute/table/internal/slot_file.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/shm/shm_file.h"
+#include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/shm_root.h"
 #include "route_text.h"
+#include "table_check.h"
 #include "table_access.h"
 
 namespace Mroutectl {
@@ -36,7 +37,8 @@ int dumpRaw(const std::string& dir, std::ostream& out, std::ostream& err) {
   }
   const auto* h = reinterpret_cast<const Brume::SlotTable::Header*>(f.base());
   const uint32_t n = h->numSlots.load().ref;
-  if (Brume::SlotTable::fileSize(h->slotSize, n) > f.mappedSize() || h->slotSize < sizeof(Brume::Slot)) {
+  if (f.mappedSize() < sizeof(Brume::SlotTable::Header) || h->valueSize + sizeof(Brume::Slot) != h->slotSize ||
+      Brume::SlotTable::fileSize(h->slotSize, n) > f.mappedSize()) {
     err << "mroutectl dump: slot file shorter than its header says\n";
     return 1;
   }
@@ -76,6 +78,12 @@ int dumpRun(const Args& args, std::ostream& out, std::ostream& err) {
     return kExitUsage;
   }
   const std::string& dir = root->dir();
+  // Nothing of a header is used before every field of it was checked.
+  const std::string damage = headerFinding(*root);
+  if (!damage.empty()) {
+    err << "mroutectl dump: " << table << " is damaged: " << damage << " (see mroutectl validate)\n";
+    return 1;
+  }
   const TableSummary s = summarize(table);
   if (!s.readable) {
     err << "mroutectl dump: cannot read the slot file of " << dir << " (see mroutectl validate)\n";

@@ -11,11 +11,11 @@
 #include <fstream>
 #include <sstream>
 
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/shm_file.h"
-#include "mroute/table/internal/slot_file.h"
-#include "mroute/table/internal/writer_lock.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
+#include "mroute/table/engine/internal/slot_file.h"
+#include "mroute/table/shm/writer_lock.h"
 #include "mroute/table/notify_channel.h"
 #include "mroute/table/shm_root.h"
 

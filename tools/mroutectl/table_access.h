@@ -12,8 +12,8 @@
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route.h"
 #include "mroute/table/brume_map.h"
-#include "mroute/table/root_path.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/shm/root_path.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 namespace Mroutectl {
 

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <vector>
 
-#include "mroute/table/brume_hash.h"
-#include "mroute/table/internal/bucket_file.h"
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/link.h"
-#include "mroute/table/internal/slot_file.h"
-#include "mroute/table/internal/validator.h"
+#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/engine/internal/bucket_file.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/engine/internal/link.h"
+#include "mroute/table/engine/internal/slot_file.h"
+#include "mroute/table/engine/internal/validator.h"
 #include "table_access.h"
 
 namespace Mroutectl {
@@ -96,16 +96,16 @@ void checkQueue(const Snapshot (&q)[2], uint32_t numSlots, std::vector<uint32_t>
     std::string what;
     if (seq <= prev) {
       what = "sequence " + std::to_string(seq) + " not above " + std::to_string(prev);
-    } else if (slot != Brume::ConquerTable::kTombstone && slot >= numSlots) {
-      what = "slot " + std::to_string(slot) + " beyond the " + std::to_string(numSlots) + " slots";
-    } else if (slot != Brume::ConquerTable::kTombstone && (*positions)[slot] != Brume::kNoRef) {
+    } else if (slot != Brume::ConquerTable::kTombstone && slot < numSlots && (*positions)[slot] != Brume::kNoRef) {
       what = "slot " + std::to_string(slot) + " also live at position " + std::to_string((*positions)[slot]);
     }
     if (!what.empty()) {
       findings->push_back(name + ": position " + std::to_string(p) + ": " + what);
       return;
     }
-    if (slot != Brume::ConquerTable::kTombstone) (*positions)[slot] = p;
+    // An entry of a slot that a shrink removed stays until it is pruned, as
+    // the writer allows; it names no live slot.
+    if (slot != Brume::ConquerTable::kTombstone && slot < numSlots) (*positions)[slot] = p;
     prev = seq;
   }
 }
@@ -180,7 +180,33 @@ std::vector<std::string> checkOnce(const Mem::RootPath& root) {
   return findings;
 }
 
+// The header checks of the slot and bucket files alone.
+std::string headerFindingOnce(const Mem::RootPath& root) {
+  uint32_t ember = 0;
+  Brume::readEmber(Mem::systemShmFs(), root, &ember);
+  std::string why;
+  Snapshot slots;
+  if (!slots.read(root.file(Brume::kSlotFileName))) return "slots: " + slots.error;
+  if (slots.size < sizeof(Brume::SlotTable::Header)) return "slots: shorter than its header";
+  const auto* sh = static_cast<const Brume::SlotTable::Header*>(slots.base());
+  if (!sh->validate(slots.size, sh->slotSize, ember, &why)) return "slots: " + why;
+  Snapshot buckets;
+  if (!buckets.read(root.file(Brume::kBucketFileName))) return "buckets: " + buckets.error;
+  const auto* bh = static_cast<const Brume::BucketTable::Header*>(buckets.base());
+  if (!bh->validate(buckets.size, ember, &why)) return "buckets: " + why;
+  return "";
+}
+
 }  // namespace
+
+std::string headerFinding(const Mem::RootPath& root) {
+  std::string finding = headerFindingOnce(root);
+  for (int attempt = 1; attempt < 3 && !finding.empty() && writerPid(root.dir()) != 0; ++attempt) {
+    ::usleep(50 * 1000);
+    finding = headerFindingOnce(root);
+  }
+  return finding;
+}
 
 std::vector<std::string> checkTable(const Mem::RootPath& root) {
   std::vector<std::string> findings = checkOnce(root);

@@ -16,11 +16,16 @@
 #include <string>
 #include <vector>
 
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace Mroutectl {
 
 // Each finding is one line, prefixed with the file it concerns. Empty: sound.
 std::vector<std::string> checkTable(const Mem::RootPath& root);
+
+// The first failed header check of the slot and bucket files (every field a
+// reader of the entries relies on: sizes, magic, version, ember, checksum
+// over the type names and sizes), or empty when both are sound.
+std::string headerFinding(const Mem::RootPath& root);
 
 }  // namespace Mroutectl

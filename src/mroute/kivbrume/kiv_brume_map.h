@@ -36,7 +36,7 @@
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/table/brume_map.h"
 #include "mroute/table/brume_type.h"
-#include "mroute/table/value_wrapper.h"
+#include "mroute/table/engine/value_wrapper.h"
 
 namespace KivBrume {
 

@@ -1,11 +1,13 @@
 #include "mroute/table/brume_map_base.h"
 
+#include <sys/stat.h>
+
 #include "mroute/runtime/error.h"
-#include "mroute/table/conquer_writer.h"
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/queue/conquer_writer.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/ember_file.h"
 #include "mroute/table/internal/front_restamp.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/shm_file.h"
 #include "mroute/table/shm_root.h"
 
 namespace Brume {
@@ -47,11 +49,41 @@ void BrumeMapBase::mount() {
   }
 }
 
+namespace {
+
+bool isDirectory(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The deepest existing directory on the way to `dir` ("/" at worst).
+std::string deepestExisting(std::string dir) {
+  while (!isDirectory(dir)) {
+    const size_t slash = dir.find_last_of('/');
+    if (slash == std::string::npos || slash == 0) return "/";
+    dir.resize(slash);
+  }
+  return dir;
+}
+
+}  // namespace
+
 void BrumeMapBase::watchDirectory() {
   dirWatch_.reset();
+  // Reader kinds create nothing: while the table directory is missing they
+  // watch the deepest directory that exists on the way to it, and move down
+  // as the writer creates the rest.
+  const std::string dir = mode_ == BrumeType::writer ? root_.dir() : deepestExisting(root_.dir());
+  const bool ancestor = dir != root_.dir();
   try {
     dirWatch_ = std::make_unique<Mroute::Loop::DirWatch>(
-        loop_, root_.dir(), [this](Mroute::Loop::DirEvent e, std::string_view n) { onDirEvent(e, n); });
+        loop_, dir, [this, ancestor](Mroute::Loop::DirEvent e, std::string_view n) {
+          if (ancestor) {
+            onAncestorEvent(e);
+          } else {
+            onDirEvent(e, n);
+          }
+        });
   } catch (const std::exception& e) {
     // Inside a changed root the directory may not be watchable; the table
     // is then used without the watch.
@@ -60,11 +92,15 @@ void BrumeMapBase::watchDirectory() {
   }
 }
 
+void BrumeMapBase::onAncestorEvent(Mroute::Loop::DirEvent event) {
+  if (event == Mroute::Loop::DirEvent::modified || event == Mroute::Loop::DirEvent::deleted) return;
+  watchDirectory();  // destroys the watch calling us; only members follow
+  // Watching the table directory now: what the writer made in it before the
+  // watch was set is looked at once.
+  if (dirWatch_ != nullptr && dirWatch_->path() == root_.dir()) readerMounter_->notify(kMountEvent);
+}
+
 void BrumeMapBase::mountReader() {
-  std::string why;
-  if (!Mem::makeDirectories(Mem::systemShmFs(), root_.dir(), &why)) {
-    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot make " << root_.dir() << ": " << why);
-  }
   watchDirectory();
   readerMounter_ = std::make_unique<ReaderMounter>(*this, loop_, options_.remountPeriod, options_.systemLog);
   readerMounter_->notify(kMountEvent);
@@ -74,6 +110,7 @@ void BrumeMapBase::mountWriter() {
   std::string why;
   if (!Mem::makeDirectories(Mem::systemShmFs(), root_.dir(), &why)) {
     MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot make " << root_.dir() << ": " << why);
+    writerAttach();  // fails too, and records why for attachStatus()
     return;
   }
   {
@@ -228,8 +265,6 @@ void BrumeMapBase::onDirEvent(Mroute::Loop::DirEvent event, std::string_view nam
     return;
   }
   if (event == Mroute::Loop::DirEvent::dirGone) {
-    std::string why;
-    Mem::makeDirectories(Mem::systemShmFs(), root_.dir(), &why);
     watchDirectory();  // may destroy the watch calling us; nothing follows
     readerMounter_->notify(kDirGoneEvent);
     return;

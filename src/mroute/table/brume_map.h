@@ -41,10 +41,10 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/table/brume_map_base.h"
-#include "mroute/table/brume_ops.h"
-#include "mroute/table/brume_reader.h"
-#include "mroute/table/brume_writer.h"
-#include "mroute/table/conquer_reader.h"
+#include "mroute/table/engine/brume_ops.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/queue/conquer_reader.h"
 #include "mroute/table/internal/front_index.h"
 
 namespace Brume {
@@ -139,7 +139,8 @@ class BrumeMap : public BrumeMapBase {
   }
   uint32_t capacity() const { return mode() == BrumeType::writer ? writer_->capacity() : reader_->capacity(); }
 
-  // Writer only.
+  // Writer only. On a writer that is not attached they raise
+  // Pavo::InvalidInitializeException with the reason (attachStatus()).
   const V* write(const V& v, bool update = true) {
     if (mode() != BrumeType::writer) throw Pavo::NoPermissionException("write to read-only Brume table");
     return writer_->write(v, update);
@@ -150,6 +151,18 @@ class BrumeMap : public BrumeMapBase {
   }
   // Removes the table's files (and the channel's socket) and unmounts.
   void cleanup() { cleanupBase(); }
+  // The header checks of the files; validate() adds the deep check.
+  bool validate(std::string* why = nullptr) {
+    if (mode() != BrumeType::writer) throw Pavo::NoPermissionException("validate to read-only Brume table");
+    return writer_->validate(why);
+  }
+  bool validateFiles(std::string* why = nullptr) {
+    if (mode() != BrumeType::writer) throw Pavo::NoPermissionException("validateFiles to read-only Brume table");
+    return writer_->validateFiles(why);
+  }
+  // A writer front's reason for not being ready: held by another writer
+  // (with its pid when known), no space, no permission, a bad root.
+  AttachStatus attachStatus() const { return writer_ ? writer_->attachStatus() : AttachStatus{}; }
 
   BrumeWriter<Ops>* writer() { return writer_ ? &*writer_ : nullptr; }
   BrumeReader<Ops>* reader() { return reader_ ? &*reader_ : nullptr; }

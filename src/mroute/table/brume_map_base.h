@@ -3,8 +3,10 @@
 // the wake-up channel, readiness and the attach state. BrumeMap (brume_map.h)
 // adds the typed table access through the hooks below.
 //
-// Reader kinds (reader, shadow, keyshadow): the table directory is created
-// if it is missing and watched; every file event goes to the ReaderMounter,
+// Reader kinds (reader, shadow, keyshadow): the table directory is watched
+// (while it is missing, its deepest existing ancestor, until the writer
+// creates it: readers create no directory and no file but the corruption
+// marker); every file event goes to the ReaderMounter,
 // which attaches, detaches and retries on its remount timer. Once attached the
 // front connects to the writer's "notify.sock"; on each kick it walks the
 // notification queue and acknowledges. When the writer goes away the front
@@ -32,8 +34,8 @@
 #include "mroute/table/brume_type.h"
 #include "mroute/table/notify_channel.h"
 #include "mroute/table/reader_mounter.h"
-#include "mroute/table/root_path.h"
-#include "mroute/table/table_config.h"
+#include "mroute/table/shm/root_path.h"
+#include "mroute/table/engine/table_config.h"
 #include "mroute/table/writer_mounter.h"
 
 namespace Brume {
@@ -144,6 +146,8 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   void mountWriter();
   void watchDirectory();
   void onDirEvent(Mroute::Loop::DirEvent event, std::string_view name);
+  // An entry of an ancestor of the missing table directory changed.
+  void onAncestorEvent(Mroute::Loop::DirEvent event);
   void connect();
   void onChannel();
   void readyIs(bool ready);

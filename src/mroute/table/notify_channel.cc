@@ -11,9 +11,9 @@
 #include <cstring>
 #include <vector>
 
-#include "mroute/table/conquer_writer.h"
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/queue/conquer_writer.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace Brume {
 

@@ -3,8 +3,8 @@
 #include <syslog.h>
 
 #include "mroute/runtime/assert.h"
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/ember_file.h"
 
 namespace Brume {
 

@@ -21,7 +21,7 @@
 #include <string>
 #include <string_view>
 
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace Brume {
 

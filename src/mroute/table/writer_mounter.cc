@@ -4,8 +4,8 @@
 #include <sstream>
 
 #include "mroute/runtime/error.h"
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/ember_file.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/ember_file.h"
 
 namespace Brume {
 

@@ -1,8 +1,8 @@
 #include "mroute/bitmapper/internal/table_rows.h"
 
 #include "mroute/runtime/trace.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace BitMapper::internal {
 

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "mroute/table/brume_ops.h"
+#include "mroute/table/engine/brume_ops.h"
 
 namespace Brume {
 

@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "mroute/table/internal/brume_trace.h"
-#include "mroute/table/internal/conquer_file.h"
-#include "mroute/table/internal/ember_file.h"
-#include "mroute/table/internal/writer_lock.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/writer_lock.h"
 
 namespace Brume {
 

@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <string>
 
-#include "mroute/table/internal/shm_file.h"
-#include "mroute/table/root_path.h"
+#include "mroute/table/shm/shm_file.h"
+#include "mroute/table/shm/root_path.h"
 
 namespace Brume {
 

@@ -1,0 +1,173 @@
+// BrumeReader: lock-free read access to a table that a writer in another
+// process keeps changing.
+//
+// The reader maps the files read-only, takes no lock and writes no shared
+// memory (only the "corruption-detected" marker file when it finds the table
+// corrupt). It copies what it reads into private memory and trusts a copy
+// only after re-checking the versions that guard it, restarting when the
+// writer got in between. Chain cycles and keys in the wrong bucket raise
+// Pavo::CorruptionDetectedException (and write the marker); a walk is bounded
+// by the capacity, so a corrupt file never makes a reader loop for ever.
+//
+// Ordering invariants it relies on (the writer's W1-W6 in brume_writer.h):
+//   R1. Consistent slot read: status is loaded (acquire), the body copied
+//       (relaxed word loads), an acquire fence, status loaded again; equal
+//       statuses mean the copy was whole at one instant (W4). While LOOKASIDE
+//       is set the copy comes from the lookaside slot.
+//   R2. Before following a next link and before any answer the bucket head's
+//       version is re-checked: unchanged means no link of the chain changed
+//       and no slot of it was freed or reused (W2, W3).
+//   R3. numBuckets is loaded at the start of every attempt and re-checked
+//       before any answer, so a lookup never answers from a bucket that a
+//       concurrent split or join made stale (W5).
+//   R4. A slot index past the mapping makes the reader remap to the count the
+//       header publishes; the file already holds those slots (W6).
+//   R5. A lookup passes a slot whose rhash (relaxed load) is below the key's
+//       without copying its body: a slot keeps its rhash while it is linked
+//       (W3), so under R2 the rhash and next it read belong to one chain
+//       state. Only a slot that may hold the key, or end the search, is read
+//       by R1.
+//
+// Thread-safety: a reader object is used by one thread; any number of
+// readers in any processes run concurrently with the writer.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "mroute/runtime/error.h"
+#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/engine/brume_ops.h"
+#include "mroute/table/shm/brume_trace.h"
+#include "mroute/table/shm/ember_file.h"
+#include "mroute/table/engine/internal/table_reader_files.h"
+#include "mroute/table/shm/root_path.h"
+
+namespace Brume {
+
+struct ReaderCounters {
+  uint64_t lookups = 0;
+  uint64_t restarts = 0;        // version checks that failed
+  uint64_t lookasideReads = 0;  // copies served from the lookaside slot
+};
+
+template <TableOps Ops>
+class BrumeReader {
+ public:
+  using Key = typename Ops::Key;
+  using Stored = typename Ops::Stored;
+
+  explicit BrumeReader(const Mem::RootPath& root, Mem::ShmFs& fs = Mem::systemShmFs())
+      : root_(root), fs_(&fs), slots_(fs, kSlotSize), buckets_(fs) {}
+  BrumeReader(const BrumeReader&) = delete;
+  BrumeReader& operator=(const BrumeReader&) = delete;
+
+  // Maps and validates the files. False (traced) leaves the reader detached.
+  bool initialize();
+  void detach();
+  bool attached() const { return numBuckets_ != 0; }
+
+  // Copies the value stored under key into out; out's contents mean nothing
+  // when the key is absent.
+  bool lookup(const Key& key, Stored& out) { return doLookup(key, out); }
+  std::optional<Stored> lookup(const Key& key) {
+    Stored out;
+    if (!doLookup(key, out)) return std::nullopt;
+    return out;
+  }
+  bool doLookup(const Key& key, Stored& out);
+
+  // Iteration in split order (ascending rhash, see link.h), which a resize
+  // between two calls does not disturb: the entries present throughout an iteration
+  // are returned once each; entries added or removed meanwhile may or may not
+  // be.
+  bool first(Stored& out) { return doNext(nullptr, out); }
+  bool next(const Key& key, Stored& out) { return doNext(&key, out); }
+  bool doNext(const Key* key, Stored& out);
+
+  // The value at a slot index (a notification names slots), if occupied.
+  bool safeValue(uint32_t slotIndex, Stored& out);
+
+  // Runs op; when it raises the corruption exception because the mapping was
+  // stale, remaps and runs it once more.
+  template <typename Op>
+  auto retryOnResize(Op&& op) -> decltype(op());
+
+  uint32_t capacity() const { return attached() ? slots_.header()->numSlots.load().ref : 0; }
+  uint32_t members() const { return attached() ? loadRelaxed(slots_.header()->occupiedSlots) : 0; }
+  uint32_t maxSize() const { return attached() ? slots_.header()->maxSlots : 0; }
+  uint32_t emberId() const { return ember_; }
+  const ReaderCounters& readerCounters() const { return counters_; }
+
+  // Test seam: run by every attempt of doLookup() right after it loaded the
+  // bucket count and before it reads a bucket, so that a test can put writer
+  // steps exactly there. Null (and never taken) in production.
+  void afterCountLoadIs(void (*hook)(void* context), void* context) {
+    afterCountLoad_ = hook;
+    afterCountLoadContext_ = context;
+  }
+
+ private:
+  static constexpr uint32_t kSlotSize = static_cast<uint32_t>(sizeof(Stored) + sizeof(Slot));
+
+  // R1. Returns the status the copy is consistent with.
+  uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
+  // R3: the writer's bucket count now, remapping when it changed.
+  Mem::VersionedRef::Value loadNumBuckets() {
+    const Mem::VersionedRef::Value v = buckets_.header()->numBuckets.load();
+    if (v.ref != numBuckets_) [[unlikely]] numBucketsChanged(v.ref);
+    return v;
+  }
+  void numBucketsChanged(uint32_t n);
+  bool belongs(uint32_t hash, uint32_t bucket) const {
+    const uint32_t n = numBuckets_;
+    return (hash & (n - 1)) == bucket || (n > 1 && (hash & (n / 2 - 1)) == bucket) ||
+           (n < BucketTable::kMaxBuckets && (hash & (2 * n - 1)) == bucket);
+  }
+  // The end marker of bucket b's chain names a bucket that comes later in
+  // split order (reversed index greater) and lies within the table. Split
+  // order does not depend on the count, so a resize in flight cannot break
+  // this, and following markers can never loop.
+  bool verifyNextBucket(uint32_t b, uint32_t marker) const {
+    const uint32_t next = marker & ~kEndBit;
+    return marker == kNoRef || (next < numBuckets_ && bitReverse(next) > bitReverse(b));
+  }
+  [[noreturn]] void corrupt(const std::string& what);
+  // The reports of doLookup(), kept out of line so that its hot path stays
+  // small (no stream objects in its frame).
+  [[noreturn, gnu::cold, gnu::noinline]] void lookupCycle(uint32_t count);
+  [[noreturn, gnu::cold, gnu::noinline]] void lookupCorruptKey(const Key& k, uint32_t b);
+  [[gnu::noinline]] const Slot* slotOrCorrupt(uint32_t i, const char* who);
+  const Mem::VersionedRef& bucketOrCorrupt(uint32_t b) {
+    const Mem::VersionedRef* ref = buckets_.bucket(b);
+    if (ref == nullptr) [[unlikely]] bucketOutOfRange(b);
+    return *ref;
+  }
+  [[noreturn]] void bucketOutOfRange(uint32_t b);
+
+  Mem::RootPath root_;
+  Mem::ShmFs* fs_;
+  SlotReaderTable slots_;
+  BucketReaderTable buckets_;
+  uint32_t ember_ = 0;
+  uint32_t numBuckets_ = 0;  // local view; 0 while detached
+  ReaderCounters counters_;
+  void (*afterCountLoad_)(void*) = nullptr;
+  void* afterCountLoadContext_ = nullptr;
+  // Where the last first()/next() answer was found (private memory).
+  struct Cursor {
+    bool valid = false;
+    Key key{};
+    uint32_t bucket = 0;
+    uint32_t version = 0;  // of the bucket head when the entry was read
+    uint32_t slot = 0;
+    Mem::VersionedRef::Value numBuckets{};
+  } cursor_;
+};
+
+}  // namespace Brume
+
+#include "mroute/table/engine/internal/brume_reader_inl.h"

@@ -1,0 +1,362 @@
+// Member definitions of BrumeReader (brume_reader.h); included from there.
+#pragma once
+
+namespace Brume {
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::initialize() {
+  if (attached()) return true;
+  if (!std::atomic_ref<uint64_t>::is_always_lock_free) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "Hardware does not support Atomics");
+    return false;
+  }
+  if (!buckets_.attach(root_)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeReader::initialize() failed to attach to buckets");
+    return false;
+  }
+  if (!slots_.attach(root_)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeReader::initialize() failed to attach to slots");
+    buckets_.detach();
+    return false;
+  }
+  auto fail = [this](const char* what, const std::string& why) {
+    if (!why.empty()) writeCorruptionMarker(*fs_, root_, why);
+    MROUTE_TRACE(brumeTrace(), kTraceError, what);
+    slots_.detach();
+    buckets_.detach();
+    return false;
+  };
+  if (!readEmber(*fs_, root_, &ember_)) return fail("BrumeReader::initialize() failed to read ember file", "");
+  std::string why;
+  if (!buckets_.validate(ember_, &why)) return fail("BrumeReader::initialize() failed to validate buckets", why);
+  const uint32_t n = buckets_.header()->numBuckets.load().ref;
+  if (n == 0 || (n & (n - 1)) != 0 || !buckets_.doResize(n)) {
+    return fail("BrumeReader::initialize() failed to validate buckets",
+                "BucketTable::validate() bad numBuckets:" + std::to_string(n));
+  }
+  if (!slots_.validate(ember_, &why)) return fail("BrumeReader::initialize() failed to validate slots", why);
+  numBuckets_ = n;
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "BrumeReader::initialize() success " << root_.dir() << " capacity: " << capacity()
+                                                    << " emberId: " << ember_);
+  return true;
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::detach() {
+  if (!attached()) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeReader::detach() already detached");
+    return;
+  }
+  slots_.detach();
+  buckets_.detach();
+  numBuckets_ = 0;
+  cursor_.valid = false;
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::corrupt(const std::string& what) {
+  MROUTE_TRACE(brumeTrace(), kTraceError, what);
+  writeCorruptionMarker(*fs_, root_, what);
+  throw Pavo::CorruptionDetectedException(what);
+}
+
+template <TableOps Ops>
+uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
+  for (;;) {
+    const uint32_t st = loadAcquire(s->status);
+    const Slot* src = s;
+    if ((st & kLookaside) != 0) {
+      src = slots_.header()->lookaside();
+      ++counters_.lookasideReads;
+    }
+    const uint32_t rh = loadRelaxed(src->rhash);
+    copyFromShared(&out, src->value(), sizeof(Stored));
+    // R1: the copy's loads stay before the re-check.
+    Mem::acquireFence();
+    if (loadRelaxed(s->status) == st) {
+      *rhash = rh;
+      return st;
+    }
+    ++counters_.restarts;
+  }
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::numBucketsChanged(uint32_t n) {
+  if (n == 0 || (n & (n - 1)) != 0) {
+    std::ostringstream os;
+    os << "BucketReader::compareNumBuckets() found mismatch, local:" << numBuckets_ << " file:" << n;
+    corrupt(os.str());
+  }
+  if (!buckets_.doResize(n)) {
+    std::ostringstream os;
+    os << "BucketReader::doResize() found invalid numBuckets:" << n;
+    corrupt(os.str());
+  }
+  numBuckets_ = n;
+}
+
+template <TableOps Ops>
+const Slot* BrumeReader<Ops>::slotOrCorrupt(uint32_t i, const char* who) {
+  const Slot* s = slots_.slot(i);
+  if (s == nullptr) [[unlikely]] {
+    std::ostringstream os;
+    os << who << " slot index out of range:" << i << " capacity:" << slots_.mappedSlots();
+    corrupt(os.str());
+  }
+  return s;
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::bucketOutOfRange(uint32_t b) {
+  std::ostringstream os;
+  os << "BucketReader::operator[] out-of-range, index:" << b;
+  corrupt(os.str());
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::lookupCycle(uint32_t count) {
+  std::ostringstream os;
+  os << "BrumeReader::doLookup() hash chain cycle detected," << " slotCount:" << count
+     << " capacity:" << slots_.mappedSlots();
+  corrupt(os.str());
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
+  std::ostringstream os;
+  os << "BrumeReader::doLookup() corrupt key detected" << " key:" << KeyText<Ops>{k} << " bucketIndex:" << b;
+  corrupt(os.str());
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
+  if (numBuckets_ == 0) {
+    MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doLookup() bucket table detached");
+    return false;
+  }
+  ++counters_.lookups;
+  const uint32_t h = Ops::hash(key);
+  const uint32_t r = bitReverse(h);
+  for (;; ++counters_.restarts) {
+    const Mem::VersionedRef::Value nb = loadNumBuckets();
+    if (afterCountLoad_ != nullptr) [[unlikely]] afterCountLoad_(afterCountLoadContext_);
+    // Taken after loadNumBuckets(), which may move the mapping.
+    const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
+    const uint32_t b = h & (numBuckets_ - 1);
+    const Mem::VersionedRef& head = bucketOrCorrupt(b);
+    const Mem::VersionedRef::Value hv = head.load();
+    // R2 + R3.
+    auto unchanged = [&] { return head.recheck().version == hv.version && countRef.recheck() == nb; };
+    uint32_t ref = hv.ref;
+    uint32_t count = 0;
+    for (;;) {
+      if (isEndMarker(ref)) {
+        if (unchanged()) return false;
+        break;
+      }
+      if (++count > slots_.mappedSlots()) {
+        if (!unchanged()) break;
+        lookupCycle(count);
+      }
+      const Slot* s = slots_.slot(ref);
+      if (s == nullptr) {
+        if (!unchanged()) break;
+        s = slotOrCorrupt(ref, "BrumeReader::doLookup()");
+      }
+      // R5: a slot sorted before the key is passed on its rhash and next
+      // alone; only a slot where the key may be is copied.
+      uint32_t rh = loadRelaxed(s->rhash);
+      if (rh >= r) [[likely]] {
+        const uint32_t st = readSlot(s, out, &rh);
+        if ((st & kOccupied) != 0 && rh >= r) {
+          const Key k = Ops::keyOf(out);
+          if (rh == r && Ops::equal(k, key)) [[likely]] {
+            if (unchanged()) return true;
+            break;
+          }
+          if (rh > r || Ops::less(key, k)) {
+            if (!unchanged()) break;
+            if (!belongs(Ops::hash(k), b)) {
+              lookupCorruptKey(k, b);
+            }
+            return false;
+          }
+        }
+      }
+      if (!belongs(bitReverse(rh), b)) [[unlikely]] {
+        if (!unchanged()) break;
+        readSlot(s, out, &rh);
+        lookupCorruptKey(Ops::keyOf(out), b);
+      }
+      const uint32_t next = s->next.load().ref;
+      if (!unchanged()) break;
+      ref = next;
+    }
+  }
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
+  if (numBuckets_ == 0) {
+    MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doNext() bucket table detached");
+    return false;
+  }
+  const uint32_t h = key != nullptr ? Ops::hash(*key) : 0;
+  const uint32_t r = bitReverse(h);
+  const char* corruptKey = key != nullptr ? "BrumeReader::doNext() corrupt key detected key:"
+                                          : "BrumeReader::first() corrupt key detected, key:";
+  for (;; ++counters_.restarts) {
+    const Mem::VersionedRef::Value nb = loadNumBuckets();
+    const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
+    uint32_t b = key != nullptr ? h & (numBuckets_ - 1) : 0;
+    bool skipping = key != nullptr;
+    // Continuing from the entry this reader returned last: when its bucket's
+    // version has not moved, the entry still sits where it was (R2) and the
+    // walk goes on from its next link instead of finding the key again.
+    bool resume = false;
+    Mem::VersionedRef::Value resumeHead{};
+    uint32_t resumeRef = 0;
+    if (key != nullptr && cursor_.valid && cursor_.numBuckets == nb && Ops::equal(*key, cursor_.key)) {
+      const Mem::VersionedRef& head = bucketOrCorrupt(cursor_.bucket);
+      resumeHead = head.load();
+      const Slot* s = resumeHead.version == cursor_.version ? slots_.slot(cursor_.slot) : nullptr;
+      if (s != nullptr) {
+        resumeRef = s->next.load().ref;
+        if (head.recheck().version == resumeHead.version) {
+          // Still skipping what is not after the key: a chain that led back
+          // (a corrupt link) then ends in the cycle check, never in a loop.
+          resume = true;
+          b = cursor_.bucket;
+        }
+      }
+    }
+    cursor_.valid = false;
+    uint32_t visited = 0;
+    bool restart = false;
+    while (!restart) {
+      if (++visited > numBuckets_) {
+        std::ostringstream os;
+        os << "BrumeReader::first() has bucket cycle detected, bucketCount:" << visited;
+        corrupt(os.str());
+      }
+      const Mem::VersionedRef& head = bucketOrCorrupt(b);
+      const Mem::VersionedRef::Value hv = resume ? resumeHead : head.load();
+      auto unchanged = [&] { return head.recheck().version == hv.version && countRef.recheck() == nb; };
+      uint32_t ref = resume ? resumeRef : hv.ref;
+      resume = false;
+      uint32_t count = 0;
+      while (!isEndMarker(ref)) {
+        if (++count > slots_.mappedSlots()) {
+          if (!unchanged()) {
+            restart = true;
+            break;
+          }
+          std::ostringstream os;
+          os << "BrumeReader::doNext() hash chain cycle detected, slotCount:" << count;
+          corrupt(os.str());
+        }
+        const Slot* s = slots_.slot(ref);
+        if (s == nullptr) {
+          if (!unchanged()) {
+            restart = true;
+            break;
+          }
+          s = slotOrCorrupt(ref, "BrumeReader::doNext()");
+        }
+        uint32_t rh;
+        const uint32_t st = readSlot(s, out, &rh);
+        if ((st & kOccupied) != 0) {
+          if (!belongs(bitReverse(rh), b)) {
+            if (!unchanged()) {
+              restart = true;
+              break;
+            }
+            std::ostringstream os;
+            os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
+            corrupt(os.str());
+          }
+          // Chains hold entries in ascending (rhash, key) order and buckets
+          // follow in split order: everything after the key comes after it.
+          if (!skipping || rh > r || (rh == r && Ops::less(*key, Ops::keyOf(out)))) {
+            if (!unchanged()) {
+              restart = true;
+              break;
+            }
+            // The caller continues from this key: it must be the key the
+            // slot is sorted by, or a corrupt key could send the iteration
+            // back and round for ever.
+            if (bitReverse(Ops::hash(Ops::keyOf(out))) != rh) {
+              std::ostringstream os;
+              os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
+              corrupt(os.str());
+            }
+            cursor_ = {true, Ops::keyOf(out), b, hv.version, ref, nb};
+            return true;
+          }
+        }
+        const uint32_t next = s->next.load().ref;
+        if (!unchanged()) {
+          restart = true;
+          break;
+        }
+        ref = next;
+      }
+      if (restart) break;
+      if (!verifyNextBucket(b, ref)) {
+        if (!unchanged()) break;
+        std::ostringstream os;
+        os << "BrumeReader::verifyNextBucket() has bucket:" << b << "with next bucket:" << (ref & ~kEndBit)
+           << "and numBuckets:" << numBuckets_;
+        corrupt(os.str());
+      }
+      if (ref == kNoRef) {
+        if (!unchanged()) break;
+        if (key == nullptr) MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::first() none found!");
+        return false;
+      }
+      b = ref & ~kEndBit;
+      skipping = false;
+    }
+  }
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::safeValue(uint32_t slotIndex, Stored& out) {
+  if (!attached()) return false;
+  const Slot* s = slots_.slot(slotIndex);
+  if (s == nullptr) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "BrumeReader::safeValue() unable to retrieve slotIndex:" << slotIndex << " shmemCapacity:"
+                                                                          << slots_.mappedSlots()
+                                                                          << ", returning not found");
+    return false;
+  }
+  uint32_t rh;
+  return (readSlot(s, out, &rh) & kOccupied) != 0;
+}
+
+template <TableOps Ops>
+template <typename Op>
+auto BrumeReader<Ops>::retryOnResize(Op&& op) -> decltype(op()) {
+  try {
+    return op();
+  } catch (const Pavo::CorruptionDetectedException&) {
+    if (!attached()) throw;
+    const uint8_t* slotBase = slots_.base();
+    const uint8_t* bucketBase = buckets_.base();
+    const uint32_t mappedSlots = slots_.mappedSlots();
+    const uint32_t mappedBuckets = buckets_.mappedBuckets();
+    slots_.doResize();
+    const uint32_t n = buckets_.header()->numBuckets.load().ref;
+    if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) numBuckets_ = n;
+    if (slotBase == slots_.base() && bucketBase == buckets_.base() && mappedSlots == slots_.mappedSlots() &&
+        mappedBuckets == buckets_.mappedBuckets()) {
+      throw;
+    }
+    return op();
+  }
+}
+
+}  // namespace Brume

@@ -1,0 +1,576 @@
+#include "mroute/table/queue/conquer_writer.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "mroute/runtime/assert.h"
+#include "mroute/runtime/error.h"
+#include "mroute/table/shm/brume_trace.h"
+
+namespace Brume {
+
+namespace {
+
+[[noreturn]] void corrupt(const std::ostringstream& os) {
+  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
+  throw Pavo::CorruptionDetectedException(os.str());
+}
+
+const char* tableName(uint32_t t) { return t == 0 ? "primary" : "secondary"; }
+
+}  // namespace
+
+ConquerWriter::ConquerWriter(std::string directory, ConquerConfig config, Mem::ShmFs& fs)
+    : directory_(std::move(directory)),
+      config_(config),
+      fs_(&fs),
+      paths_{Mem::joinPath(directory_, ConquerTable::kFileNames[0]),
+             Mem::joinPath(directory_, ConquerTable::kFileNames[1])},
+      files_{Mem::ShmFile(fs), Mem::ShmFile(fs)} {}
+
+uint64_t ConquerWriter::notificationsFor(uint32_t numSlots) {
+  if (numSlots == 0) return 0;
+  // Twice the slots: each slot has at most one live entry outside a corral,
+  // so a compaction always frees at least half of the file.
+  const uint64_t n = std::max<uint64_t>(kMinNotifications, uint64_t{2} * numSlots);
+  return n < Mem::VersionedRef::kNoRef ? n : 0;
+}
+
+// ---- Attach -----------------------------------------------------------------
+
+bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember, bool reuseExisting) {
+  detach();
+  ember_ = ember;
+  minCapacity_ = notificationsFor(numSlots);
+  if (minCapacity_ == 0) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::attachConquer() unable to calculate notifications for " << numSlots << " slots");
+    return false;
+  }
+  const uint64_t bytes = ConquerTable::fileSize(minCapacity_);
+  if (bytes > kMaxFileBytes) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::attachConquer() " << directory_ << " initial size of " << bytes << " bytes exceeds "
+                                                   << kMaxFileBytes << " bytes for " << minCapacity_
+                                                   << " notifications ");
+    return false;
+  }
+  bool created[2] = {false, false};
+  for (uint32_t t = 0; t < 2; ++t) {
+    if (!files_[t].openOrCreate(paths_[t], &created[t])) {
+      MROUTE_TRACE(brumeTrace(), kTraceError,
+                   "ConquerWriter::attachConquer() cannot attach to shmem " << paths_[t] << " of size:" << bytes
+                                                                            << " reason:" << files_[t].error());
+      error_ = files_[t].error();
+      detach();
+      return false;
+    }
+  }
+  if (reuseExisting && !created[0] && !created[1] && reuse()) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::attachConquer() to existing " << directory_ << " currentTable:" << cur_
+                                                               << " currentPos:" << currentPos_
+                                                               << " sequence:" << sequence_ << " minSeq:" << minSeq_);
+    return true;
+  }
+  for (uint32_t t = 0; t < 2; ++t) {
+    const int64_t size = files_[t].fileSize();
+    if (!files_[t].isMapped() && size >= static_cast<int64_t>(sizeof(ConquerTable::Header))) files_[t].map(size);
+  }
+  const uint64_t carried = carriedSequence();
+  for (uint32_t t = 0; t < 2; ++t) {
+    if (!format(t, created[t])) {
+      detach();
+      return false;
+    }
+  }
+  // A reader still attached to the old queue must not wait for sequences it
+  // has already seen: the fresh queue starts above them, with minSeq there,
+  // so such a reader is told to resynchronise.
+  cur_ = 0;
+  currentPos_ = 0;
+  sequence_ = minSeq_ = carried == 0 ? 0 : carried + 1;
+  corralStart_ = corralEnd_ = 0;
+  positions_.clear();
+  for (uint32_t t = 0; t < 2; ++t) conquer::storeMinSeq(header(t), minSeq_);
+  return true;
+}
+
+// The highest sequence the mapped old files plausibly posted, or 0.
+uint64_t ConquerWriter::carriedSequence() const {
+  uint64_t high = 0;
+  for (uint32_t t = 0; t < 2; ++t) {
+    const Mem::ShmFile& f = files_[t];
+    if (f.mappedSize() < sizeof(ConquerTable::Header)) continue;
+    const ConquerTable::Header& h = header(t);
+    high = std::max(high, conquer::loadMinSeq(h));
+    const uint32_t pos = conquer::loadCurrentPos(h);
+    if (pos > 0 && pos <= ConquerTable::entriesIn(f.mappedSize())) {
+      high = std::max(high, conquer::loadSequence(*ConquerTable::entry(f.base(), pos - 1)));
+    }
+  }
+  // A garbage header says nothing; the fresh queue then starts at 0.
+  return high < (uint64_t{1} << 62) ? high : 0;
+}
+
+bool ConquerWriter::format(uint32_t t, bool created) {
+  Mem::ShmFile& f = files_[t];
+  const uint64_t bytes = ConquerTable::fileSize(minCapacity_);
+  const int64_t size = f.fileSize();
+  // Files never shrink (QW6): a reader of an earlier incarnation may still map
+  // the old length.
+  if (size < 0 || !f.reserve(bytes)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::attachConquer() failed to resize " << paths_[t] << " to size " << bytes
+                                                                    << " reason:" << f.error());
+    error_ = f.error();
+    return false;
+  }
+  const size_t mapBytes = std::max<uint64_t>(bytes, static_cast<uint64_t>(size));
+  if (!(f.isMapped() ? f.remap(mapBytes) : f.map(mapBytes))) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::attachConquer() cannot attach to shmem " << paths_[t] << " of size:" << mapBytes
+                                                                          << " reason:" << f.error());
+    error_ = f.error();
+    return false;
+  }
+  // Continue the notifications version of an old file so that a reader still
+  // on it sees a change (a garbage header merely gives some other version).
+  const uint32_t version =
+      static_cast<uint64_t>(size) >= sizeof(ConquerTable::Header) ? header(t).notifications.version() + 1 : 0;
+  ConquerTable::format(f.base(), ember_, static_cast<uint32_t>(minCapacity_), 0, version);
+  if (created) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::attachConquer() to new file " << paths_[t]);
+  } else {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::attachConquer() re-formatted " << paths_[t]);
+  }
+  return true;
+}
+
+// Maps both existing files and adopts them when they pass every check.
+bool ConquerWriter::reuse() {
+  std::string why;
+  bool valid = true;
+  for (uint32_t t = 0; t < 2; ++t) {
+    const int64_t size = files_[t].fileSize();
+    if (size >= static_cast<int64_t>(sizeof(ConquerTable::Header))) files_[t].map(size);
+    valid = valid && ConquerTable::validate(files_[t].base(), files_[t].mappedSize(), ember_, &why);
+  }
+  if (!valid) return false;
+  const uint32_t t0 = conquer::loadCurrentTable(header(0));
+  if (t0 != conquer::loadCurrentTable(header(1))) {
+    MROUTE_TRACE(brumeTrace(), kTraceError, "ConquerWriter::attachConquer() files disagree on currentTable");
+    return false;
+  }
+  cur_ = t0;
+  const ConquerTable::Header& h = header(cur_);
+  currentPos_ = conquer::loadCurrentPos(h);
+  minSeq_ = conquer::loadMinSeq(h);
+  corralStart_ = conquer::loadRelaxed64(h.corralStart);
+  corralEnd_ = conquer::loadRelaxed64(h.corralEnd);
+  positions_.clear();
+  if (!validateEntries(&why)) return false;
+  sequence_ = currentPos_ > 0 ? std::max(minSeq_, entry(currentPos_ - 1).first) : minSeq_;
+  // Only slots of the current table are tracked: an entry of a slot that a
+  // shrink removed stays untracked until it is pruned.
+  const uint32_t tracked = static_cast<uint32_t>(minCapacity_ / 2);
+  for (uint32_t p = 0; p < currentPos_; ++p) {
+    const uint32_t slot = entry(p).second;
+    if (slot < tracked) rememberPosition(slot, p);
+  }
+  if (capacityOf(cur_) < minCapacity_ && !growFile(cur_, static_cast<uint32_t>(minCapacity_))) return false;
+  return true;
+}
+
+bool ConquerWriter::growFile(uint32_t t, uint32_t notifications) {
+  Mem::ShmFile& f = files_[t];
+  const uint64_t bytes = ConquerTable::fileSize(notifications);
+  if (bytes > kMaxFileBytes) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::resize() failed to resize " << paths_[t] << " to " << notifications
+                                                             << " notifications: " << bytes << " bytes exceeds "
+                                                             << kMaxFileBytes);
+    return false;
+  }
+  const int64_t size = f.fileSize();
+  if (size < 0 || !f.reserve(bytes)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::resize() failed to resize " << paths_[t] << " to size " << bytes
+                                                             << " reason:" << f.error());
+    error_ = f.error();
+    return false;
+  }
+  uint8_t* const oldBase = f.base();
+  if (f.mappedSize() < bytes && !f.remap(bytes)) {
+    MROUTE_TRACE(brumeTrace(), kTraceError,
+                 "ConquerWriter::resize() failed to resize " << paths_[t] << " reason:" << f.error());
+    error_ = f.error();
+    return false;
+  }
+  if (f.base() != oldBase) {
+    MROUTE_TRACE(brumeTrace(), kTraceSize,
+                 "ConquerWriter::resize() remap base address changed from " << static_cast<void*>(oldBase) << " to "
+                                                                             << static_cast<void*>(f.base()));
+  }
+  // The file is long enough before a reader can learn the new capacity (QW6).
+  header(t).notifications.setRefAtomic(notifications, 1);
+  return true;
+}
+
+bool ConquerWriter::resize(uint32_t numSlots) {
+  MROUTE_ASSERT(attached());
+  const uint64_t wanted = notificationsFor(numSlots);
+  if (wanted == 0) return false;
+  if (capacityOf(cur_) < wanted) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::resize() resizing active conquer " << paths_[cur_] << " from " << capacityOf(cur_)
+                                                                    << " to " << wanted << " notifications");
+    if (!growFile(cur_, static_cast<uint32_t>(wanted))) return false;
+  }
+  minCapacity_ = wanted;
+  return true;
+}
+
+void ConquerWriter::detach() {
+  files_[0].close();
+  files_[1].close();
+}
+
+void ConquerWriter::cleanup() {
+  detach();
+  for (const std::string& p : paths_) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::cleanup() removing file:" << p);
+    std::string why;
+    if (!Mem::unlinkShmFile(*fs_, p, &why)) MROUTE_TRACE(brumeTrace(), kTraceError, why);
+  }
+}
+
+// ---- Notify, tombstone ------------------------------------------------------
+
+std::pair<uint64_t, uint32_t> ConquerWriter::entry(uint32_t pos) const {
+  const ConquerTable::Entry& e = entryAt(cur_, pos);
+  return {conquer::loadSequence(e), conquer::loadSlot(e)};
+}
+
+void ConquerWriter::rememberPosition(uint32_t slot, uint32_t pos) {
+  // Grown geometrically: inserts in slot order would otherwise resize (and
+  // fill) once per notification.
+  if (slot >= positions_.size()) positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
+  positions_[slot] = pos;
+}
+
+uint64_t ConquerWriter::notify(uint32_t slot) {
+  MROUTE_ASSERT(attached());
+  MROUTE_ASSERT(slot < 0x80000000u);
+  if (currentPos_ >= capacityOf(cur_)) compact(prune());
+  if (position(slot) == kNoPosition) {
+    ++counters_.uniqueNotifications;
+  } else {
+    tombstone(slot);
+  }
+  const uint32_t cap = capacityOf(cur_);
+  if (currentPos_ >= cap) {
+    std::ostringstream os;
+    os << "ConquerWriter::notify() conquer index out-of-range, pos:" << currentPos_ << " max:" << cap;
+    corrupt(os);
+  }
+  ++sequence_;
+  conquer::storeEntry(entryAt(cur_, currentPos_), sequence_, slot);
+  rememberPosition(slot, currentPos_);
+  ++currentPos_;
+  conquer::storeCurrentPos(header(cur_), currentPos_);  // QW1: publishes the entry
+  ++counters_.notifications;
+  MROUTE_TRACE(brumeTrace(), kTraceDetail,
+               "ConquerWriter::notify() slot:" << slot << " sequence:" << sequence_ << " pos:" << currentPos_ - 1);
+  if (news_) news_(sequence_);
+  return sequence_;
+}
+
+bool ConquerWriter::inCorral(uint64_t seq) const {
+  // While a shrink runs the corral is open-ended (corralEnd 0).
+  return corralStart_ != 0 && seq >= corralStart_ && (corralEnd_ == 0 || seq <= corralEnd_);
+}
+
+bool ConquerWriter::tombstone(uint32_t slot) {
+  MROUTE_ASSERT(attached());
+  const uint32_t pos = position(slot);
+  if (pos == kNoPosition) return false;
+  if (pos >= currentPos_) {
+    std::ostringstream os;
+    os << "ConquerWriter::tombstone() conquer index out-of-range, tomb:" << pos << " max:" << currentPos_
+       << " slot:" << slot;
+    corrupt(os);
+  }
+  ConquerTable::Entry& e = entryAt(cur_, pos);
+  if (conquer::loadSlot(e) != slot) {
+    std::ostringstream os;
+    os << "ConquerWriter::tombstone() conquer slot mismatch, slot:" << slot << " index:" << pos;
+    corrupt(os);
+  }
+  const uint64_t seq = conquer::loadSequence(e);
+  if (inCorral(seq)) {
+    // A reader catching up over a shrink must see every entry of the corral.
+    MROUTE_TRACE(brumeTrace(), kTraceDetail,
+                 "ConquerWriter::tombstone() ignoring tomb.seq:" << seq << " corralStart:" << corralStart_
+                                                                 << " corralEnd: " << corralEnd_);
+    return false;
+  }
+  MROUTE_TRACE(brumeTrace(), kTraceDetail,
+               "ConquerWriter::tombstone() tombstoning " << pos << " with sequence:" << seq << " for slot " << slot
+                                                         << " currentPos " << currentPos_);
+  // QW1: one 32-bit store; a reader sees the slot or the tombstone, and the
+  // slot's newer entry follows either way.
+  conquer::storeWord(e.slot, ConquerTable::kTombstone);
+  positions_[slot] = kNoPosition;
+  ++counters_.tombstones;
+  return true;
+}
+
+// ---- Prune, compact ---------------------------------------------------------
+
+uint64_t ConquerWriter::prune() {
+  if (!config_.prune) return minSeq_;
+  if (waitingForReaders_) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::prune() cannot prune, waiting for readers");
+    return minSeq_;
+  }
+  uint64_t lowest = acks_.empty() ? kNoAck : *acks_.begin();
+  if (lowest == kNoAck) lowest = sequence_;
+  // An acknowledgement beyond what was posted (a reader of an earlier
+  // incarnation) must not prune entries not yet written.
+  lowest = std::min(lowest, sequence_);
+  if (lowest <= minSeq_) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::prune() cannot prune, minSeq:" << minSeq_ << " lowestSequence:" << lowest);
+    return minSeq_;
+  }
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "ConquerWriter::prune() pruning up to minSeq:" << lowest << " (old minSeq:" << minSeq_
+                                                              << ") current sequence: " << sequence_);
+  minSeq_ = lowest;  // QW5
+  conquer::storeMinSeq(header(cur_), minSeq_);
+  ++counters_.prunes;
+  adjustCorral();
+  return minSeq_;
+}
+
+void ConquerWriter::compact(uint64_t minSeq) {
+  MROUTE_ASSERT(attached());
+  MROUTE_ASSERT(minSeq <= minSeq_);
+  const uint32_t src = cur_;
+  const uint32_t dst = 1 - cur_;
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "ConquerWriter::compact() compacting " << tableName(dst) << " table conquerPos:" << currentPos_
+                                                      << " minSeq:" << minSeq << " sequence_:" << sequence_);
+  // First pass: check the order and count what survives.
+  uint64_t live = 0;
+  uint64_t prev = 0;
+  for (uint32_t p = 0; p < currentPos_; ++p) {
+    const auto [seq, slot] = entry(p);
+    if (seq <= prev) {
+      std::ostringstream os;
+      os << "ConquerWriter::compact() prevNot:" << prev << " not in ascending order n.sequence:" << seq
+         << " at position:" << p;
+      corrupt(os);
+    }
+    prev = seq;
+    if (slot != ConquerTable::kTombstone && seq > minSeq) ++live;
+  }
+  // The target keeps at least half of itself free for new notifications.
+  const uint64_t wanted = std::max(minCapacity_, 2 * live);
+  if (capacityOf(dst) < wanted && !growFile(dst, static_cast<uint32_t>(wanted))) {
+    throw Pavo::MemoryResourceException("ConquerWriter::compact() cannot grow " + paths_[dst]);
+  }
+  // QW3: dst stopped being current with a version bump; the fence orders that
+  // bump before the entry stores below for a reader still copying from dst.
+  Mem::releaseFence();
+  std::fill(positions_.begin(), positions_.end(), kNoPosition);
+  uint32_t n = 0;
+  for (uint32_t p = 0; p < currentPos_; ++p) {
+    const auto [seq, slot] = entry(p);
+    if (slot == ConquerTable::kTombstone || seq <= minSeq) continue;
+    conquer::storeEntry(entryAt(dst, n), seq, slot);
+    if (slot < positions_.size()) positions_[slot] = n;
+    ++n;
+  }
+  // QW4: the target's contents first, then name it current.
+  ConquerTable::Header& d = header(dst);
+  conquer::storeMinSeq(d, std::max(minSeq, minSeq_));
+  conquer::storeRelaxed64(d.corralStart, corralStart_);
+  conquer::storeRelaxed64(d.corralEnd, corralEnd_);
+  __atomic_store_n(&d.numReaders, numReaders_, __ATOMIC_RELAXED);
+  conquer::storeCurrentPos(d, n);
+  conquer::storeCurrentTable(d, dst);
+  d.notifications.setRefAtomic(capacityOf(dst), 1);
+  ConquerTable::Header& s = header(src);
+  conquer::storeCurrentTable(s, dst);
+  s.notifications.setRefAtomic(capacityOf(src), 1);  // QW3: src is no longer current
+  cur_ = dst;
+  currentPos_ = n;
+  ++counters_.compactions;
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "ConquerWriter::compact() switched to " << paths_[dst] << " live:" << n << " notifications:"
+                                                       << capacityOf(dst));
+  adjustCorral();
+}
+
+// ---- Readers ----------------------------------------------------------------
+
+void ConquerWriter::updateSequence(uint64_t prevSeq, uint64_t seq) {
+  if (prevSeq != kNoAck) {
+    const auto it = acks_.find(prevSeq);
+    if (it != acks_.end()) acks_.erase(it);
+  }
+  acks_.insert(seq);
+  const bool wasWaiting = waitingForReaders_;
+  waitingForReaders_ = numReaders_ > acks_.size();
+  if (wasWaiting && !waitingForReaders_) updateNumReaders(numReaders_);
+  const uint64_t from = prevSeq == kNoAck ? 0 : prevSeq;
+  const uint64_t end = corralEnd_;
+  if (end == 0 || !(from < end && end <= seq)) return;
+  // Once minSeq reaches corralEnd, prune() clears the corral (which tells the
+  // shrinker) and the compaction drops the corral's entries.
+  const uint64_t pruneSeq = prune();
+  if (pruneSeq >= end) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::updateSequence() updated seq:" << seq << " from reader will prune entire corralEnd:"
+                                                                << end << " via pruneSeq:" << pruneSeq);
+    compact(pruneSeq);
+  } else {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::updateSequence() updated seq:" << seq << " from reader NOT prune entire corralEnd:"
+                                                                << end << " via pruneSeq:" << pruneSeq);
+  }
+}
+
+void ConquerWriter::readerGone(uint64_t lastSeq) {
+  const auto it = acks_.find(lastSeq);
+  if (it != acks_.end()) acks_.erase(it);
+}
+
+void ConquerWriter::updateNumReaders(uint32_t connected) {
+  numReaders_ = connected;
+  // A connected reader that has not acknowledged yet may still need anything.
+  waitingForReaders_ = connected > acks_.size();
+  if (attached()) __atomic_store_n(&header(cur_).numReaders, connected, __ATOMIC_RELAXED);
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "ConquerWriter::updateNumReaders() waitingForReaders:" << waitingForReaders_ << " readers:"
+                                                                      << acks_.size() << " numReaders:" << connected);
+}
+
+// ---- Corral -----------------------------------------------------------------
+
+void ConquerWriter::storeCorral() {
+  if (!attached()) return;
+  conquer::storeRelaxed64(header(cur_).corralStart, corralStart_);
+  conquer::storeRelaxed64(header(cur_).corralEnd, corralEnd_);
+}
+
+void ConquerWriter::clearCorral() {
+  corralStart_ = corralEnd_ = 0;
+  storeCorral();
+  if (shrinkComplete_) shrinkComplete_();
+}
+
+void ConquerWriter::markShrinkStart() {
+  if (!config_.corral) return;
+  corralStart_ = sequence_ + 1;
+  corralEnd_ = 0;
+  storeCorral();
+  MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::markShrinkStart() corralStart:" << corralStart_);
+}
+
+void ConquerWriter::markShrinkEnd() {
+  if (!config_.corral) {
+    if (shrinkComplete_) shrinkComplete_();
+    return;
+  }
+  if (corralStart_ != 0 && corralStart_ <= sequence_) {
+    corralEnd_ = sequence_;
+    storeCorral();
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::markShrinkEnd() corralStart:" << corralStart_ << " corralEnd:" << corralEnd_);
+    if (config_.prune) {
+      // Readers that have acknowledged the whole corral already (or no
+      // reader at all) leave nothing to protect: this clears it.
+      prune();
+    } else if (shrinkComplete_) {
+      // Without pruning nothing is ever dropped: readers will see the corral.
+      shrinkComplete_();
+    }
+    return;
+  }
+  MROUTE_TRACE(brumeTrace(), kTraceInfo,
+               "ConquerWriter::markShrinkEnd() corralStart:" << corralStart_ << " cleared, no notification posted");
+  clearCorral();
+}
+
+void ConquerWriter::adjustCorral() {
+  if (corralStart_ == 0) return;
+  if (corralEnd_ != 0 && corralStart_ > corralEnd_) {
+    std::ostringstream os;
+    os << "ConquerWriter::adjustCorral() corralStart:" << corralStart_ << " greater than corralEnd:" << corralEnd_;
+    corrupt(os);
+  }
+  if (corralEnd_ != 0 && minSeq_ >= corralEnd_) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::adjustCorral() cleared corralStart:" << corralStart_ << " corralEnd:" << corralEnd_
+                                                                      << " minSeq:" << minSeq_);
+    clearCorral();
+  } else if (corralStart_ < minSeq_) {
+    MROUTE_TRACE(brumeTrace(), kTraceInfo,
+                 "ConquerWriter::adjustCorral() adjusted corralStart from:" << corralStart_ << " to:" << minSeq_
+                                                                            << " minSeq:" << minSeq_);
+    corralStart_ = minSeq_;
+    storeCorral();
+  }
+}
+
+// ---- Validation -------------------------------------------------------------
+
+bool ConquerWriter::validateFile(std::string* why) const {
+  for (uint32_t t = 0; t < 2; ++t) {
+    if (!ConquerTable::validate(files_[t].base(), files_[t].mappedSize(), ember_, why)) {
+      MROUTE_TRACE(brumeTrace(), kTraceError,
+                   "ConquerWriter::validateFile(): " << ConquerTable::kFileNames[t] << " validation failed");
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ConquerWriter::validate(std::string* why) const {
+  return validateFile(why) && validateEntries(why);
+}
+
+bool ConquerWriter::validateEntries(std::string* why) const {
+  std::ostringstream os;
+  const uint32_t cap = capacityOf(cur_);
+  if (conquer::loadCurrentTable(header(1 - cur_)) != cur_ || conquer::loadCurrentTable(header(cur_)) != cur_) {
+    os << "ConquerWriter::validate() files disagree on currentTable, expected:" << cur_;
+  } else if (currentPos_ > cap || conquer::loadCurrentPos(header(cur_)) != currentPos_) {
+    os << "ConquerWriter::validate() bad currentPos:" << conquer::loadCurrentPos(header(cur_))
+       << " notifications:" << cap;
+  } else if (corralEnd_ != 0 && corralStart_ > corralEnd_) {
+    os << "ConquerWriter::validate() corralStart:" << corralStart_ << " greater than corralEnd:" << corralEnd_;
+  } else {
+    uint64_t prev = 0;
+    for (uint32_t p = 0; p < currentPos_ && os.tellp() == 0; ++p) {
+      const uint64_t seq = entry(p).first;
+      if (seq <= prev) os << "ConquerWriter::validate() position:" << p << " sequence:" << seq << " not above:" << prev;
+      prev = seq;
+    }
+    for (uint32_t slot = 0; slot < positions_.size() && os.tellp() == 0; ++slot) {
+      const uint32_t pos = positions_[slot];
+      if (pos != kNoPosition && (pos >= currentPos_ || entry(pos).second != slot)) {
+        os << "ConquerWriter::validate() slot:" << slot << " bad conquer position:" << pos;
+      }
+    }
+  }
+  if (os.tellp() == 0) return true;
+  MROUTE_TRACE(brumeTrace(), kTraceError, os.str());
+  if (why != nullptr) *why = os.str();
+  return false;
+}
+
+}  // namespace Brume
