@@ -173,7 +173,46 @@ void Out::handleRecord(RecordType t, WireReader& body) {
 }
 
 void Out::onDrained() {
+  resumeFlowOuts();
   if (drain_ && shouldContinue()) drain_();
+}
+
+void Out::flowOutIs(FlowOutClient* c, AttrId id) {
+  for (auto& [client, at] : flowOuts_) {
+    if (client == c) return;
+  }
+  flowOuts_.emplace_back(c, id);
+}
+
+void Out::flowOutDel(FlowOutClient* c) {
+  for (auto& entry : flowOuts_) {
+    if (entry.first == c) entry.first = nullptr;  // a resume in progress skips it
+  }
+  if (!resuming_) std::erase_if(flowOuts_, [](const auto& e) { return e.first == nullptr; });
+}
+
+void Out::resumeFlowOuts() {
+  if (resuming_) return;
+  resuming_ = true;
+  Ptr<Out> keep(this);
+  // A client that returns early without being stopped (members changed
+  // behind its bookmark) goes round again; every round sends something.
+  for (int round = 0; round < 64 && !flowOuts_.empty() && shouldContinue(); ++round) {
+    // Index walk: a client may queue others while it runs.
+    for (size_t i = 0; i < flowOuts_.size() && shouldContinue(); ++i) {
+      auto [client, at] = flowOuts_[i];
+      if (client == nullptr) continue;
+      const AttrId next = client->resumeFlowOut(at);
+      if (flowOuts_[i].first == nullptr) continue;
+      if (next == 0) {
+        flowOuts_[i].first = nullptr;
+      } else {
+        flowOuts_[i].second = next;
+      }
+    }
+    std::erase_if(flowOuts_, [](const auto& e) { return e.first == nullptr; });
+  }
+  resuming_ = false;
 }
 
 void In::handleRecord(RecordType t, WireReader& body) {

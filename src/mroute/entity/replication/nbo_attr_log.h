@@ -29,6 +29,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "mroute/entity/kiv/entity.h"
 #include "mroute/entity/kiv/ptr.h"
@@ -115,6 +116,18 @@ class Connection : public PtrInterface {
   Handler dropped_;
 };
 
+// Something with changes the channel could not take yet: resumed, in the
+// order it asked, when the channel drains.
+class FlowOutClient {
+ public:
+  // Sends what it can from attribute `id` on; returns 0 when done, else the
+  // id to resume at.
+  virtual AttrId resumeFlowOut(AttrId id) = 0;
+
+ protected:
+  ~FlowOutClient() = default;
+};
+
 // The writer's end.
 class Out : public Connection {
  public:
@@ -135,6 +148,14 @@ class Out : public Connection {
   void bookmarkDel(uint32_t entity, AttrId id) { bookmarks_.erase({entity, id}); }
   size_t bookmarks() const { return bookmarks_.size(); }
 
+  // Queues a client to resume at `id` once the channel drains (once; a
+  // queued client keeps its place). flowOutDel forgets it.
+  void flowOutIs(FlowOutClient* c, AttrId id);
+  void flowOutDel(FlowOutClient* c);
+  size_t flowOuts() const { return flowOuts_.size(); }
+  // Resumes queued clients in order while the channel takes more.
+  void resumeFlowOuts();
+
  protected:
   void handleRecord(RecordType t, WireReader& body) override;
   void onDrained() override;
@@ -142,6 +163,8 @@ class Out : public Connection {
  private:
   bool stopped_ = false;
   Handler drain_;
+  std::vector<std::pair<FlowOutClient*, AttrId>> flowOuts_;
+  bool resuming_ = false;
   std::map<std::pair<uint32_t, AttrId>, std::string> bookmarks_;
 };
 

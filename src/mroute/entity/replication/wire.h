@@ -19,7 +19,7 @@
 //                    i32 collection id in the parent, key
 //                 4  attribute values: u32 count, then per attribute
 //                    i32 id and value, or for a collection i32 id, u32 members
-//                    and per member key and value (a child collection: keys)
+//                    and per member key, u8 1 and value (children: no value)
 //   bookmark    u32 entity, i32 collection id, key: the last member of the
 //               collection sent whole so far
 //   answer      u8 0 stop / 1 continue (reader to writer: flow control)
@@ -43,6 +43,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "mroute/entity/kiv/enumeration.h"
 #include "mroute/entity/kiv/string.h"
 #include "mroute/entity/kiv/text_form.h"
 
@@ -205,7 +206,13 @@ struct Wire<double> {
 template <class T>
 struct Wire<T, std::enable_if_t<std::is_enum_v<T>>> {
   static void write(WireWriter& w, T v) { w.u32(static_cast<uint32_t>(v)); }
-  static T read(WireReader& r) { return static_cast<T>(r.u32()); }
+  static T read(WireReader& r) {
+    const uint32_t v = r.u32();
+    if constexpr (requires { EnumInfo<T>::type(); }) {
+      if (EnumInfo<T>::type().literal(v) == nullptr) throw WireError("no literal of value " + std::to_string(v));
+    }
+    return static_cast<T>(v);
+  }
 };
 
 template <>
