@@ -37,12 +37,19 @@ uint64_t WriterMount::recordsSent() const {
   return n;
 }
 
+uint64_t WriterMount::timesBlocked() const {
+  uint64_t n = blockedBefore_;
+  for (const Session& s : sessions_) n += s.out->timesBlocked();
+  return n;
+}
+
 void WriterMount::accept(int fd) {
   Session& s = sessions_.emplace_back();
   s.out = new Out(loop_, fd, "reader of " + listener_->path());
   Out* out = s.out.ptr();
   s.out->droppedHandlerIs([this, out] {
     // The reader went: its adapters go, the tree and other readers stay.
+    blockedBefore_ += out->timesBlocked();
     sessions_.remove_if([out](const Session& x) { return x.out.ptr() == out; });
   });
   s.publisher = std::make_unique<TreePublisher>(root_, type_, s.out, incarnation_);

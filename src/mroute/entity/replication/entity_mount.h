@@ -44,6 +44,8 @@ class WriterMount {
   uint64_t incarnation() const { return incarnation_; }
   // Records written to all readers so far (those still connected).
   uint64_t recordsSent() const;
+  // How often a reader's channel blocked, over every reader so far.
+  uint64_t timesBlocked() const;
 
  private:
   struct Session {
@@ -57,6 +59,7 @@ class WriterMount {
   const AttrLogType& type_;
   uint64_t incarnation_;
   std::list<Session> sessions_;
+  uint64_t blockedBefore_ = 0;  // of readers that went
   std::unique_ptr<Listener> listener_;
 };
 

@@ -126,7 +126,8 @@ FlowOut& KivNboAttrLogSaBase::flowOutIs() {
     }
     flowOut_->kivDirtyBitSet0.assign(type_.scalars + 1, false);
   }
-  if (out_) out_->flowOutIs(this, kFirstAttrId);
+  // From the base entity's part on: a pending orphan goes before any value.
+  if (out_) out_->flowOutIs(this, kNoAttrId + 1);
   return *flowOut_;
 }
 

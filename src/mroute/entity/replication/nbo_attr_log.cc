@@ -71,7 +71,11 @@ void Connection::flush() {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       // The socket refuses more: blocked once our own buffer is full too.
-      if (buffered() >= kHighWater) dataBits_ |= kBlockedBit;
+      if (buffered() >= kHighWater && !blocked()) {
+        dataBits_ |= kBlockedBit;
+        ++timesBlocked_;
+        MROUTE_TRACE(traceFacility(), 5, "NboAttrLog: output to " << peer_ << " blocked");
+      }
       if (outPos_ > 0 && outPos_ * 2 >= out_.size()) {
         out_.erase(0, outPos_);
         outPos_ = 0;

@@ -67,6 +67,8 @@ class Connection : public PtrInterface {
   size_t buffered() const { return out_.size() - outPos_; }
   uint64_t recordsSent() const { return recordsSent_; }
   uint64_t recordsReceived() const { return recordsReceived_; }
+  // How often the output became blocked.
+  uint64_t timesBlocked() const { return timesBlocked_; }
 
   // Runs once when the connection is dropped (by either side or a fault).
   void droppedHandlerIs(Handler h) { dropped_ = std::move(h); }
@@ -113,6 +115,7 @@ class Connection : public PtrInterface {
   bool sendFailed_ = false;
   uint64_t recordsSent_ = 0;
   uint64_t recordsReceived_ = 0;
+  uint64_t timesBlocked_ = 0;
   Handler dropped_;
 };
 
