@@ -37,5 +37,7 @@ extern const Subcommand followCommand;
 extern const Subcommand demoCommand;
 // types_command.cc: the registered entity, value and enumeration types.
 extern const Subcommand typesCommand;
+// entity_command.cc: an agent's entity tree, mounted read-only.
+extern const Subcommand entityCommand;
 
 }  // namespace Mroutectl

@@ -29,7 +29,8 @@ bool parseSeconds(std::string_view text, double* seconds) {
 namespace {
 
 const Subcommand* const kCommands[] = {&keyCommand,      &tablesCommand, &listCommand, &dumpCommand,
-                                       &validateCommand, &followCommand, &demoCommand, &typesCommand};
+                                       &validateCommand, &followCommand, &demoCommand, &typesCommand,
+                                       &entityCommand};
 
 void usage(std::ostream& os) {
   os << "usage: mroutectl <command> [arguments]\n"

@@ -175,12 +175,20 @@ void TreeReplica::handleRecord(RecordType t, WireReader& in) {
         Ptr<KivNboAttrLogSaBase> keep(&sa);
         sa.handleAttrDeserialization(id, 0, 1, in);
         if (before != nullptr && a->child(sa.entity(), key) != before) dropTree(before);
+        if (applied) applied(sa.entity(), *a, &key);
         return;
       }
       if ((t == RecordType::attr) != (a != nullptr && a->kind == AttrLogKind::scalar)) {
         throw WireError(std::string(recordTypeName(t)) + " record for attribute " + std::to_string(id));
       }
+      std::string key;
+      if (applied && t == RecordType::member) {
+        WireReader peek = in;
+        a->readMember(peek, key);
+      }
+      Ptr<KivNboAttrLogSaBase> keep(&sa);
       sa.handleAttrDeserialization(id, 0, 1, in);
+      if (applied) applied(sa.entity(), *a, t == RecordType::member ? &key : nullptr);
       return;
     }
     case RecordType::transaction: {

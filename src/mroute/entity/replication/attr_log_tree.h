@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -67,6 +68,8 @@ class TreeReplica {
   bool synced() const { return synced_; }
   uint64_t incarnation() const { return incarnation_; }
   size_t adapters() const { return local_.size(); }
+  // Told after each attribute or member record was applied (tools).
+  std::function<void(const Entity&, const AttrLogAttr&, const std::string* key)> applied;
 
  private:
   void hello(WireReader& in);

@@ -49,6 +49,10 @@ struct AttrLogAttr {
   // Children: the child under a key (null when absent) and its type.
   Entity* (*child)(const Entity&, std::string_view key) = nullptr;
   const AttrLogType& (*childType)() = nullptr;
+  // Text forms, for tools: a scalar's value, a key, a member's value.
+  std::string (*valueText)(const Entity&) = nullptr;
+  std::string (*keyText)(std::string_view key) = nullptr;
+  std::string (*memberText)(const Entity&, std::string_view key) = nullptr;
 };
 
 struct AttrLogType {
@@ -94,6 +98,7 @@ AttrLogAttr logScalar(AttrId id, const char* name) {
   a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
     return [v = NboAttrLog::Wire<T>::read(r)](Entity& e) { (static_cast<E&>(e).*set)(v); };
   };
+  a.valueText = [](const Entity& e) { return textOf<T>((static_cast<const E&>(e).*get)()); };
   return a;
 }
 
@@ -114,6 +119,11 @@ AttrLogAttr collBase(AttrId id, const char* name) {
     return v != nullptr;
   };
   a.delMember = [](Entity& e, std::string_view key) { (static_cast<E&>(e).*del)(attr_log_internal::key<K>(key)); };
+  a.keyText = [](std::string_view bytes) { return textOf(attr_log_internal::key<K>(bytes)); };
+  a.memberText = [](const Entity& e, std::string_view bytes) {
+    const V* v = (static_cast<const E&>(e).*get)().lookup(attr_log_internal::key<K>(bytes));
+    return v ? textOf(*v) : std::string();
+  };
   return a;
 }
 }  // namespace attr_log_internal
@@ -176,6 +186,7 @@ AttrLogAttr logChildren(AttrId id, const char* name) {
     return c ? c->ptr() : nullptr;
   };
   a.childType = &C::KivNboAttrLogSa::logType;
+  a.keyText = [](std::string_view bytes) { return textOf(attr_log_internal::key<K>(bytes)); };
   return a;
 }
 

@@ -81,6 +81,7 @@ class ReaderMount {
   const std::string& path() const { return path_; }
   // The connection, to pace reading (tests, tools).
   In* in() const { return in_.ptr(); }
+  TreeReplica& replica() { return replica_; }
 
  private:
   void tryConnect();
