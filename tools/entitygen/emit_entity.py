@@ -1,6 +1,7 @@
 """Entities: the class, its notifiees, factory, reset()/isDefault(), and the scalar members
 (attr, counter, const, ref, backptr). Collections come from emit_collections."""
 
+from emit_attr_log import emit_attr_log
 from emit_collections import emit_collection
 from emit_common import attr_record, cstring, doc_comment, fill, param
 from emit_enum import emit_enum
@@ -252,6 +253,8 @@ def emit_entity(ns, t, enums):
         emit_mount_tables(t, tables, out)
     for declaration, doc in t.methods:
         decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
+    log_members, log_class, log_defs = emit_attr_log(ns, t, enums)
+    decls.append(log_members)
     base = t.parent or 'Kiv::Entity'
     factory_decl, factory_def = factories(t, by_name, enums)
     decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,
@@ -259,13 +262,13 @@ def emit_entity(ns, t, enums):
                 INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
                 NOTIFIEE_BASE=('%s::NotifieeConst' % t.parent) if t.parent else 'Kiv::NotifieeConstOf<%s>' % t.name,
                 NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',
-                CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl)
+                CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl) + log_class
     init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
     definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, CTOR_PARAMS=params.replace(' = {}', ''),
                       CTOR_INITS=ctor_inits,
                       CALL_INIT=' doInit(); ' if t.init else '', ATTRS=', '.join(attrs),
                       DEFS='\n'.join(defs) + '\n', RESET=reset, IS_DEFAULT=is_default, INIT_DEF=init_def,
-                      FACTORY=factory_def)
+                      FACTORY=factory_def) + log_defs
     return decl, after, definition, enum_defs, registers
 
 

@@ -45,4 +45,6 @@ function(mroute_entities target)
     endif()
   endforeach()
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/src>)
+  # Every entity type has its attribute-log adapter.
+  target_link_libraries(${target} PUBLIC mroute::replication)
 endfunction()

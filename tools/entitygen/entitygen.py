@@ -65,6 +65,7 @@ from emit_entity import emit_entity  # noqa: E402
 from emit_enum import emit_enum  # noqa: E402
 from emit_value import emit_value  # noqa: E402
 from emit_word import emit_bounded, emit_flags  # noqa: E402
+from emit_attr_log import HEADER as ATTR_LOG_HEADER  # noqa: E402
 from emit_common import fill  # noqa: E402
 from model import Catalog, DescriptionError, check_types, default_catalog  # noqa: E402
 from parser import parse  # noqa: E402
@@ -121,6 +122,8 @@ def include_lines(d, used_headers):
         system = ['cstdint', 'string_view', 'type_traits']
     if kinds & {'entity', 'enum', 'value'}:
         project.append('mroute/entity/entity_support.h')
+    if 'entity' in kinds:
+        project.append(ATTR_LOG_HEADER)
     if 'flags' in kinds:
         project.append('mroute/entity/flag_set.h')
     if 'bounded' in kinds:

@@ -43,5 +43,7 @@ extern const Subcommand bitmapCommand;
 extern const Subcommand routesCommand;
 // apps_demo_command.cc: several applications publishing for the same keys.
 extern const Subcommand appsDemoCommand;
+// entity_command.cc: an agent's entity tree, mounted read-only.
+extern const Subcommand entityCommand;
 
 }  // namespace Mroutectl

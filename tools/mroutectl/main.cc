@@ -30,7 +30,7 @@ namespace {
 
 const Subcommand* const kCommands[] = {&keyCommand,      &tablesCommand, &listCommand, &dumpCommand,
                                        &validateCommand, &followCommand, &demoCommand, &typesCommand,
-                                       &bitmapCommand,   &routesCommand, &appsDemoCommand};
+                                       &bitmapCommand,   &routesCommand, &appsDemoCommand, &entityCommand};
 
 void usage(std::ostream& os) {
   os << "usage: mroutectl <command> [arguments]\n"

@@ -78,6 +78,37 @@ bool Leaf::isDefault() const { return true; }
 
 Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name) { return new Leaf(name); }
 
+class Leaf::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Leaf::NotifieeConst {
+ public:
+  explicit KivNboAttrLogSaAdapter_(KivNboAttrLogSa& sa) : sa_(sa) { notifierIs(Kiv::Ptr<const Leaf>(&sa.entity())); }
+  void onWeight() override { sa_.onWeight(); }
+
+ private:
+  KivNboAttrLogSa& sa_;
+};
+
+Leaf::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
+
+void Leaf::KivNboAttrLogSa::reactorIs(bool on) {
+  if (on && !reactor_) reactor_ = std::make_unique<KivNboAttrLogSaAdapter_>(*this);
+  if (!on) reactor_.reset();
+}
+
+const Kiv::AttrLogType& Leaf::KivNboAttrLogSa::logType() {
+  static const Kiv::AttrLogType type("Sample::Leaf", {
+      Kiv::logScalar<Leaf, uint32_t, &Leaf::weight, &Leaf::weightIs>(kWeightId, "weight")
+  }, &Kiv::newKivNboAttrLogSa<Leaf>);
+  return type;
+}
+
+Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Leaf::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                          const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                          Kiv::KivNboAttrLogSaBase* parent) {
+  return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
+}
+
+void Leaf::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
 Holder::Holder(const Kiv::Name& entityName) : Kiv::Entity(entityName) { doInit(); }
 
 const Kiv::TypeRecord& Holder::type() {
@@ -128,6 +159,50 @@ bool Holder::isDefault() const { return flag_ == true && mode_ == Mode::on && it
 void Holder::doInit() { leafIs("first"); }
 
 Kiv::Ptr<Holder> HolderIs(const Kiv::Name& name) { return new Holder(name); }
+
+class Holder::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Holder::NotifieeConst {
+ public:
+  explicit KivNboAttrLogSaAdapter_(KivNboAttrLogSa& sa) : sa_(sa) { notifierIs(Kiv::Ptr<const Holder>(&sa.entity())); }
+  void onFlag() override { sa_.onFlag(); }
+  void onMode() override { sa_.onMode(); }
+  void onTicks() override { sa_.onTicks(); }
+  void onItem(const uint32_t& k) override { sa_.onItem(k); }
+  void onSorted(const Kiv::Name& k) override { sa_.onSorted(k); }
+  void onLeaf(const Kiv::Name& k) override { sa_.onLeaf(k); }
+  void onSpan() override { sa_.onSpan(); }
+
+ private:
+  KivNboAttrLogSa& sa_;
+};
+
+Holder::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
+
+void Holder::KivNboAttrLogSa::reactorIs(bool on) {
+  if (on && !reactor_) reactor_ = std::make_unique<KivNboAttrLogSaAdapter_>(*this);
+  if (!on) reactor_.reset();
+}
+
+const Kiv::AttrLogType& Holder::KivNboAttrLogSa::logType() {
+  static const Kiv::AttrLogType type("Sample::Holder", {
+      Kiv::logScalar<Holder, bool, &Holder::flag, &Holder::flagIs>(kFlagId, "flag"),
+      Kiv::logScalar<Holder, Mode, &Holder::mode, &Holder::modeIs>(kModeId, "mode"),
+      Kiv::logSkipped(kFlagDefaultId, "flagDefault"),
+      Kiv::logScalar<Holder, uint8_t, &Holder::ticks, &Holder::ticksIs>(kTicksId, "ticks"),
+      Kiv::logColl<Holder, Holder::ItemMap, static_cast<const Holder::ItemMap& (Holder::*)() const>(&Holder::item), &Holder::itemIs, static_cast<void (Holder::*)(uint32_t)>(&Holder::itemDel)>(kItemId, "item"),
+      Kiv::logColl<Holder, Holder::SortedMap, static_cast<const Holder::SortedMap& (Holder::*)() const>(&Holder::sorted), &Holder::sortedIs, static_cast<void (Holder::*)(const Kiv::Name&)>(&Holder::sortedDel)>(kSortedId, "sorted"),
+      Kiv::logChildren<Holder, Leaf, Holder::LeafMap, static_cast<const Holder::LeafMap& (Holder::*)() const>(&Holder::leaf), &Holder::leafIs, static_cast<void (Holder::*)(const Kiv::Name&)>(&Holder::leafDel)>(kLeafId, "leaf"),
+      Kiv::logScalar<Holder, Span, &Holder::span, &Holder::spanIs>(kSpanId, "span")
+  }, &Kiv::newKivNboAttrLogSa<Holder>);
+  return type;
+}
+
+Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Holder::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                          const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                          Kiv::KivNboAttrLogSaBase* parent) {
+  return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
+}
+
+void Holder::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
 
 const Kiv::TypeRecord& RackSlot::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::RackSlot", Kiv::TypeKind::value);
@@ -195,6 +270,37 @@ bool Branch::isDefault() const { return true; }
 
 Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name) { return new Branch(name); }
 
+class Branch::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Branch::NotifieeConst {
+ public:
+  explicit KivNboAttrLogSaAdapter_(KivNboAttrLogSa& sa) : sa_(sa) { notifierIs(Kiv::Ptr<const Branch>(&sa.entity())); }
+  void onLength() override { sa_.onLength(); }
+
+ private:
+  KivNboAttrLogSa& sa_;
+};
+
+Branch::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
+
+void Branch::KivNboAttrLogSa::reactorIs(bool on) {
+  if (on && !reactor_) reactor_ = std::make_unique<KivNboAttrLogSaAdapter_>(*this);
+  if (!on) reactor_.reset();
+}
+
+const Kiv::AttrLogType& Branch::KivNboAttrLogSa::logType() {
+  static const Kiv::AttrLogType type("Sample::Branch", {
+      Kiv::logScalar<Branch, uint16_t, &Branch::length, &Branch::lengthIs>(kLengthId, "length")
+  }, &Kiv::newKivNboAttrLogSa<Branch>);
+  return type;
+}
+
+Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Branch::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                          const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                          Kiv::KivNboAttrLogSaBase* parent) {
+  return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
+}
+
+void Branch::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
 Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) {}
 
 const Kiv::TypeRecord& Tree::type() {
@@ -261,6 +367,54 @@ void Tree::reset() {
 bool Tree::isDefault() const { return !shade_ && rings_ == 0 && late_ == false && entry_.empty() && byVlan_.empty(); }
 
 Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root) { return new Tree(Kiv::childName(height), height, root); }
+
+class Tree::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Tree::NotifieeConst {
+ public:
+  explicit KivNboAttrLogSaAdapter_(KivNboAttrLogSa& sa) : sa_(sa) { notifierIs(Kiv::Ptr<const Tree>(&sa.entity())); }
+  void onRoot() override { sa_.onRoot(); }
+  void onShade() override { sa_.onShade(); }
+  void onRings() override { sa_.onRings(); }
+  void onLate() override { sa_.onLate(); }
+  void onEntry(const uint32_t& k) override { sa_.onEntry(k); }
+  void onByVlan(const Bridging::VlanId& k) override { sa_.onByVlan(k); }
+  void onSortedLeaf(const Kiv::Name& k) override { sa_.onSortedLeaf(k); }
+  void onEntries(const uint32_t& k) override { sa_.onEntries(k); }
+
+ private:
+  KivNboAttrLogSa& sa_;
+};
+
+Tree::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
+
+void Tree::KivNboAttrLogSa::reactorIs(bool on) {
+  if (on && !reactor_) reactor_ = std::make_unique<KivNboAttrLogSaAdapter_>(*this);
+  if (!on) reactor_.reset();
+}
+
+const Kiv::AttrLogType& Tree::KivNboAttrLogSa::logType() {
+  static const Kiv::AttrLogType type("Sample::Tree", {
+      Kiv::logSkipped(kHeightId, "height"),
+      Kiv::logSkipped(kRootId, "root"),
+      Kiv::logSkipped(kShadeId, "shade"),
+      Kiv::logSkipped(kForestId, "forest"),
+      Kiv::logSkipped(kPrefixGroupId, "prefixGroup"),
+      Kiv::logScalar<Tree, uint32_t, &Tree::rings, &Tree::ringsIs>(kRingsId, "rings"),
+      Kiv::logScalar<Tree, bool, &Tree::late, &Tree::lateIs>(kLateId, "late"),
+      Kiv::logRecordColl<Tree, Tree::EntryMap, static_cast<const Tree::EntryMap& (Tree::*)() const>(&Tree::entry), &Tree::entryIs, static_cast<void (Tree::*)(uint32_t)>(&Tree::entryDel)>(kEntryId, "entry"),
+      Kiv::logChildren<Tree, Leaf, Tree::ByVlanMap, static_cast<const Tree::ByVlanMap& (Tree::*)() const>(&Tree::byVlan), &Tree::byVlanIs, static_cast<void (Tree::*)(const Bridging::VlanId&)>(&Tree::byVlanDel)>(kByVlanId, "byVlan"),
+      Kiv::logChildren<Tree, Leaf, Tree::SortedLeafMap, static_cast<const Tree::SortedLeafMap& (Tree::*)() const>(&Tree::sortedLeaf), &Tree::sortedLeafIs, static_cast<void (Tree::*)(const Kiv::Name&)>(&Tree::sortedLeafDel)>(kSortedLeafId, "sortedLeaf"),
+      Kiv::logSkipped(kEntriesId, "entries")
+  }, &Kiv::newKivNboAttrLogSa<Tree>);
+  return type;
+}
+
+Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Tree::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                          const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                          Kiv::KivNboAttrLogSaBase* parent) {
+  return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
+}
+
+void Tree::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
 
 namespace {
 // Registers the types of this unit, in declaration order, at load.

@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "mroute/entity/entity_support.h"
+#include "mroute/entity/replication/kiv_nbo_attr_log_sa.h"
 #include "mroute/entity/flag_set.h"
 #include "mroute/entity/bounded_value.h"
 #include "mroute/kivbrume/table_collection.h"
@@ -176,6 +177,13 @@ class Leaf : public Kiv::Entity {
 
   uint32_t weight() const { return weight_; }
   void weightIs(uint32_t v);
+
+  // Replication over an attribute log: the adapter of this entity on `out`.
+  class KivNboAttrLogSa;
+  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                       const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                       Kiv::KivNboAttrLogSaBase* parent);
+  void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
 
@@ -191,6 +199,19 @@ class Leaf::NotifieeConst : public Kiv::NotifieeConstOf<Leaf> {
 class Leaf::Notifiee : public Kiv::NotifieeOf<Leaf, Leaf::NotifieeConst> {};
 
 Kiv::Ptr<Leaf> LeafIs(const Kiv::Name& name);
+
+class Leaf::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Leaf> {
+ public:
+  using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
+  ~KivNboAttrLogSa() override;
+  static const Kiv::AttrLogType& logType();
+  void onWeight() { onAttr(kWeightId); }
+
+ private:
+  class KivNboAttrLogSaAdapter_;
+  void reactorIs(bool on) override;
+  std::unique_ptr<KivNboAttrLogSaAdapter_> reactor_;
+};
 
 // Holds one of each kind of member.
 class Holder : public Kiv::Entity {
@@ -262,6 +283,13 @@ class Holder : public Kiv::Entity {
 
   const Span& span() const { return span_; }
   void spanIs(const Span& v);
+
+  // Replication over an attribute log: the adapter of this entity on `out`.
+  class KivNboAttrLogSa;
+  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                       const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                       Kiv::KivNboAttrLogSaBase* parent);
+  void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
 
@@ -296,6 +324,25 @@ class Holder::NotifieeConst : public Kiv::NotifieeConstOf<Holder> {
 class Holder::Notifiee : public Kiv::NotifieeOf<Holder, Holder::NotifieeConst> {};
 
 Kiv::Ptr<Holder> HolderIs(const Kiv::Name& name);
+
+class Holder::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Holder> {
+ public:
+  using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
+  ~KivNboAttrLogSa() override;
+  static const Kiv::AttrLogType& logType();
+  void onFlag() { onAttr(kFlagId); }
+  void onMode() { onAttr(kModeId); }
+  void onTicks() { onAttr(kTicksId); }
+  void onItem(const uint32_t& k) { onMember(kItemId, k); }
+  void onSorted(const Kiv::Name& k) { onMember(kSortedId, k); }
+  void onLeaf(const Kiv::Name& k) { onMember(kLeafId, k); }
+  void onSpan() { onAttr(kSpanId); }
+
+ private:
+  class KivNboAttrLogSaAdapter_;
+  void reactorIs(bool on) override;
+  std::unique_ptr<KivNboAttrLogSaAdapter_> reactor_;
+};
 
 // A slot of a rack: 65535 is none() and the default; 65534 marks a slot that
 // waits (isReady() is false for it alone).
@@ -386,6 +433,13 @@ class Branch : public Leaf {
 
   uint16_t length() const { return length_; }
   void lengthIs(uint16_t v);
+
+  // Replication over an attribute log: the adapter of this entity on `out`.
+  class KivNboAttrLogSa;
+  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                       const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                       Kiv::KivNboAttrLogSaBase* parent);
+  void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
 
@@ -403,6 +457,19 @@ class Branch::NotifieeConst : public Leaf::NotifieeConst {
 class Branch::Notifiee : public Kiv::NotifieeOf<Branch, Branch::NotifieeConst> {};
 
 Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name);
+
+class Branch::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Branch> {
+ public:
+  using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
+  ~KivNboAttrLogSa() override;
+  static const Kiv::AttrLogType& logType();
+  void onLength() { onAttr(kLengthId); }
+
+ private:
+  class KivNboAttrLogSaAdapter_;
+  void reactorIs(bool on) override;
+  std::unique_ptr<KivNboAttrLogSaAdapter_> reactor_;
+};
 
 // Every other kind of member.
 class Tree : public Kiv::Entity {
@@ -508,6 +575,13 @@ class Tree : public Kiv::Entity {
 
   // Rings per unit of height.
   double density() const;
+
+  // Replication over an attribute log: the adapter of this entity on `out`.
+  class KivNboAttrLogSa;
+  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+                                                       const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
+                                                       Kiv::KivNboAttrLogSaBase* parent);
+  void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
 
@@ -547,6 +621,26 @@ class Tree::NotifieeConst : public Kiv::NotifieeConstOf<Tree> {
 class Tree::Notifiee : public Kiv::NotifieeOf<Tree, Tree::NotifieeConst> {};
 
 Kiv::Ptr<Tree> treeFactory(uint32_t height, const Kiv::ValidPtr<Leaf>& root);
+
+class Tree::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Tree> {
+ public:
+  using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
+  ~KivNboAttrLogSa() override;
+  static const Kiv::AttrLogType& logType();
+  void onRoot() {  }
+  void onShade() {  }
+  void onRings() { onAttr(kRingsId); }
+  void onLate() { onAttr(kLateId); }
+  void onEntry(const uint32_t& k) { onMember(kEntryId, k); }
+  void onByVlan(const Bridging::VlanId& k) { onMember(kByVlanId, k); }
+  void onSortedLeaf(const Kiv::Name& k) { onMember(kSortedLeafId, k); }
+  void onEntries(const uint32_t&) {}
+
+ private:
+  class KivNboAttrLogSaAdapter_;
+  void reactorIs(bool on) override;
+  std::unique_ptr<KivNboAttrLogSaAdapter_> reactor_;
+};
 
 }  // namespace Sample
 

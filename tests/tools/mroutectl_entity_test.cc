@@ -1,0 +1,71 @@
+// mroutectl entity: prints a tree that a writer process publishes, as text
+// and JSON, and follows a change.
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "mroute/entities/fib/vrf_config.h"
+#include "mroute/entity/replication/entity_mount.h"
+#include "testing/shm_root_scope.h"
+
+namespace {
+
+using namespace Routing::Multicast::Fib;
+
+std::string run(const std::string& command) {
+  std::string out;
+  FILE* p = ::popen(command.c_str(), "r");
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  ::pclose(p);
+  return out;
+}
+
+TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
+  Testing::ShmRootScope shm("ctl-entity");
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    Mroute::Loop::EventLoop loop;
+    Kiv::Ptr<VrfConfig> root = VrfConfigIs("config");
+    Kiv::NboAttrLog::WriterMount mount(loop, "routing/multicast/vrf/config", root,
+                                       VrfConfig::KivNboAttrLogSa::logType());
+    root->routingIs(true);
+    root->configIs("red")->maxFastdropsIs(77);
+    root->intfConfigIs("Ethernet1")->noFastdropIs(true);
+    if (::write(ready[1], "x", 1) != 1) _exit(1);
+    // A change every 50 ms for the follower.
+    for (uint32_t i = 1;; ++i) {
+      loop.runOnce(std::chrono::milliseconds(50));
+      root->configIs("red")->maxFastdropsIs(1000 + i);
+    }
+  }
+  char c;
+  ASSERT_EQ(::read(ready[0], &c, 1), 1);
+  const std::string tool = MROUTECTL;
+  const std::string text = run(tool + " entity routing/multicast/vrf/config");
+  EXPECT_NE(text.find("config (Routing::Multicast::Fib::VrfConfig)\n  routing: True\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n  red (Routing::Multicast::Fib::Config)\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n  Ethernet1 (Routing::Multicast::Fib::IntfConfig)\n    noFastdrop: True\n"),
+            std::string::npos)
+      << text;
+  const std::string json = run(tool + " entity routing/multicast/vrf/config --json");
+  EXPECT_EQ(json.rfind("{\"name\": \"config\", \"type\": \"Routing::Multicast::Fib::VrfConfig\", \"routing\": \"True\"", 0),
+            0u)
+      << json;
+  EXPECT_NE(json.find("\"'red'\": {\"name\": \"red\", \"type\": \"Routing::Multicast::Fib::Config\""), std::string::npos);
+  const std::string follow = run("timeout -s INT 1 " + tool + " entity routing/multicast/vrf/config --follow");
+  EXPECT_NE(follow.find("config/red maxFastdrops: 10"), std::string::npos) << follow;
+  EXPECT_NE(run(tool + " entity routing/nothing/here 2>&1").find("no entity tree is known at 'routing/nothing/here'"),
+            std::string::npos);
+  ::kill(writer, SIGKILL);
+  ::waitpid(writer, nullptr, 0);
+}
+
+}  // namespace
