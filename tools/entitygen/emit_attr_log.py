@@ -84,7 +84,9 @@ def entry(t, m, enums):
         return 'Kiv::logSkipped(k%sId, "%s")' % (X, x)
     # The map getter and xDel(key) are overloaded: a cast names the one meant.
     get = 'static_cast<const %s::%sMap& (%s::*)() const>(&%s::%s)' % (E, X, E, E, x)
-    delete = 'static_cast<void (%s::*)(%s)>(&%s::%sDel)' % (E, param(m.key, enums), E, x)
+    # A collection's xDel(key) returns the removed value; a child's returns nothing.
+    ret = 'void' if kind == 'children' else m.type
+    delete = 'static_cast<%s (%s::*)(%s)>(&%s::%sDel)' % (ret, E, param(m.key, enums), E, x)
     if kind == 'children':
         return 'Kiv::logChildren<%s, %s, %s::%sMap, %s, &%s::%sIs, %s>(k%sId, "%s")' % (
             E, m.type, E, X, get, E, x, delete, X, x)

@@ -54,12 +54,6 @@ std::string jsonString(const std::string& s) {
   return out + "\"";
 }
 
-std::string entityPath(const Kiv::Entity& e) {
-  std::string p = e.name().stdString();
-  for (const Kiv::Entity* x = e.parent(); x != nullptr; x = x->parent()) p = x->name().stdString() + "/" + p;
-  return p;
-}
-
 void printText(std::ostream& out, const Kiv::Entity& e, const AttrLogType& type, const std::string& indent) {
   out << indent << e.name() << " (" << type.name << ")\n";
   std::vector<std::string> keys;
@@ -152,7 +146,7 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
   if (!follow) return kExitOk;
   out.flush();
   mount.replica().applied = [&](const Kiv::Entity& e, const AttrLogAttr& a, const std::string* key) {
-    out << entityPath(e) << " " << a.name;
+    out << Kiv::entityPath(e) << " " << a.name;
     if (key != nullptr) {
       out << "[" << a.keyText(*key) << "]";
       if (a.kind == AttrLogKind::collection) {

@@ -10,7 +10,7 @@
 
 #include "mroute/entity/replication/nbo_attr_log.h"
 #include "mroute/runtime/error.h"
-#include "mroute/table/internal/shm_file.h"
+#include "mroute/table/shm/shm_file.h"
 #include "mroute/table/shm_root.h"
 
 namespace Kiv::NboAttrLog {
