@@ -93,7 +93,7 @@ TEST(TypeRegistrationTest, EveryTypeIsRegisteredAtLoadInUnitOrder) {
   EXPECT_EQ(names, (std::vector<std::string>{"Sample::Volume", "Sample::Span", "Sample::Marks", "Sample::Octet",
                                              "Sample::Holder::Lone", "Sample::Slot", "Sample::Weight",
                                              "Sample::Leaf", "Sample::Holder", "Sample::Holder::Mode",
-                                             "Sample::RackSlot", "Sample::Nothing", "Sample::Entry",
+                                             "Sample::RackSlot", "Sample::Pair", "Sample::Nothing", "Sample::Entry",
                                              "Sample::Branch", "Sample::Tree"}));
   // Entities list their attributes with ids, kinds and defaults.
   const Kiv::TypeRecord* tree = Kiv::findType("Sample::Tree");

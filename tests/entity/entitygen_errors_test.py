@@ -78,6 +78,8 @@ class TypeCheck(unittest.TestCase):
         self.rejects('entity E\n  backptr p: E\n  reset p\n', "cannot reset 'p'")
         self.rejects('entity E\n  const c: u8\n', 'a constant needs "= value"')
         self.rejects('entity E\n  method not a declaration\n', 'method needs a C++ declaration')
+        self.rejects('entity E\n  counter n: u8\n  check c(n)\n', "check c: 'n' is not a plain attribute")
+        self.rejects('entity E\n  check c()\n', 'check needs "name(attribute, ...)"')
         self.rejects('value V\n  table t: u32 -> u32 capacity 1\n', "'table' does not belong in value V")
 
     def test_includes_follow_from_the_types_used(self):

@@ -78,6 +78,15 @@ TEST_F(TreeTest, ConstantOfAValueTypeCounterAndExplicitIds) {
   EXPECT_EQ(Tree::kEntryId, 271);  // ids count on from an explicit one
 }
 
+TEST_F(TreeTest, CrossAttributeCheckRefusesBeforeAnythingIsStored) {
+  EXPECT_THROW_TEXT(treeFactory(0, root), Kiv::RangeException, "Tree too low");
+  EXPECT_THROW_TEXT(tree->lateIs(true), Kiv::RangeException, "Tree too low");  // 4 is too low to be late
+  EXPECT_FALSE(tree->late());
+  Kiv::Ptr<Tree> tall = treeFactory(5, root);
+  tall->lateIs(true);
+  EXPECT_TRUE(tall->late());
+}
+
 TEST_F(TreeTest, RecordsAreFiledUnderTheirOwnKey) {
   tree->entryIs(Entry(7, 2));
   tree->entryIs(Entry(7, 2));

@@ -12,6 +12,7 @@ namespace {
 using Sample::Lone;
 using Sample::Marks;
 using Sample::Octet;
+using Sample::Pair;
 using Sample::Slot;
 using Sample::Span;
 using Sample::Volume;
@@ -48,6 +49,20 @@ TEST(ValueTest, EqualityOrderingAndHashFollowFields) {
   EXPECT_FALSE(a == b);
   std::unordered_set<Span> set{a, b, Span(a)};
   EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(ValueTest, PackedFieldsShareOneWordAndKeepTheirOwnBits) {
+  static_assert(sizeof(Pair) == 1);
+  Pair p;
+  EXPECT_EQ(p.low(), 1);  // the default of a packed field
+  p.highIs(31);
+  p.lowIs(7);
+  EXPECT_EQ(p, Pair(7, 31));
+  p.lowIs(0);  // clears its own bits only
+  EXPECT_EQ(p.high(), 31);
+  EXPECT_THROW_TEXT(p.lowIs(8), Kiv::RangeException, "Pair::low > 0x7 not allowed");
+  EXPECT_LT(Pair(1, 31), Pair(2, 0));  // fields in declaration order decide, not the word
+  EXPECT_EQ(Pair::fromText(Kiv::textOf(p)), p);
 }
 
 TEST(FlagSetTest, FlagsPrintByNameAndLimitIsChecked) {

@@ -40,7 +40,7 @@ DERIVED_NOTIFIER = '''
   void notifierIs(const Kiv::Ptr<const {{NAME}}>& e) { notifierEntityIs(const_cast<{{NAME}}*>(e.ptr())); }'''
 
 ENTITY_DEFS = '''
-{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName){{CTOR_INITS}} {{{CALL_INIT}}}
+{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName{{BASE_ARGS}}){{CTOR_INITS}} {{{CALL_INIT}}}
 
 const Kiv::TypeRecord& {{NAME}}::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{{ATTRS}}});
@@ -57,7 +57,10 @@ SCALAR_DECL = '''
   {{R}} {{x}}() const { return {{x}}_; }
   void {{x}}Is({{P}} v);'''
 SCALAR_DEF = '''
-void {{E}}::{{x}}Is({{P}} v) { Kiv::attrIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v, &NotifieeConst::on{{X}}); }'''
+void {{E}}::{{x}}Is({{P}} v) {{{CHECKS}} Kiv::attrIs<NotifieeConst>(*this, k{{X}}Id, {{x}}_, v, &NotifieeConst::on{{X}}); }'''
+# A cross-attribute check: hand-written, it throws to refuse the values it is given.
+CHECK_DECL = '''
+{{DOC}}  static void {{F}}({{PARAMS}});'''
 CTOR_ATTR_DECL = '''
   {{R}} {{x}}() const { return {{x}}_; }'''
 COUNTER_DECL = '''
@@ -130,13 +133,34 @@ def emit_scalar(t, m, enums, holes, out):
         return
     else:
         decls.append(fill(SCALAR_DECL, **holes))
-        defs.append(fill(SCALAR_DEF, **holes))
+        defs.append(fill(SCALAR_DEF, CHECKS=''.join(' %s;' % c for c in holes['checks']), **holes))
         if m.kind == 'counter':
             decls.append(fill(COUNTER_DECL, **holes))
             defs.append(fill(COUNTER_DEF, **holes))
         storage.append('  %s %s_ = %s;' % (m.type, x, m.default or '{}'))
         attrs.append(attr_record(m, m.kind))
     callbacks.append(fill(SCALAR_CALLBACK, X=X))
+
+
+def check_calls(t, enums, decls):
+    """Declares each check; returns {attribute: [call with `v` for it]} and the constructor's calls."""
+    by_name = {m.name: m for m in t.members}
+    per_attr, ctor = {}, []
+    for function, names, doc, line in t.checks:
+        members = []
+        for n in names:
+            m = by_name.get(n)
+            if m is None or m.kind != 'attr':
+                raise DescriptionError('line %d: check %s: %r is not a plain attribute' % (line, function, n))
+            members.append(m)
+        params = ', '.join('%s %s' % (param(m.type, enums), m.name) for m in members)
+        decls.append(fill(CHECK_DECL, DOC=doc_comment(doc, '  '), F=function, PARAMS=params))
+        ctor.append('%s(%s);' % (function, ', '.join('%s_' % m.name for m in members)))
+        for m in members:
+            if not m.ctor:
+                args = ', '.join('v' if o is m else '%s_' % o.name for o in members)
+                per_attr.setdefault(m.name, []).append('%s(%s)' % (function, args))
+    return per_attr, ctor
 
 
 def reset_lines(t):
@@ -227,11 +251,13 @@ def emit_entity(ns, t, enums):
         enum_defs.append(typedef)
         registers.append('Kiv::EnumInfo<%s::%s>::type()' % (t.name, e.name))
     tables = []
+    check_decls = []
+    checks, ctor_checks = check_calls(t, enums, check_decls)
     for m in t.members:
         x, X = m.name, cap(m.name)
         ids.append('  static constexpr Kiv::AttrId k%sId = %d;' % (X, m.id))
         holes = dict(E=t.name, x=x, X=X, T=m.type, P=param(m.type, enums), R=param(m.type, enums),
-                     DEFAULT=m.default)
+                     DEFAULT=m.default, checks=checks.get(m.name, []))
         if m.kind in ('coll', 'child', 'table'):
             emit_collection(t, m, enums, holes, out)
             if m.kind == 'table':
@@ -251,6 +277,7 @@ def emit_entity(ns, t, enums):
     if tables:
         from emit_collections import emit_mount_tables
         emit_mount_tables(t, tables, out)
+    decls.extend(check_decls)
     for declaration, doc in t.methods:
         decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
     log_members, log_class, log_defs = emit_attr_log(ns, t, enums)
@@ -264,9 +291,11 @@ def emit_entity(ns, t, enums):
                 NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',
                 CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl) + log_class
     init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
-    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, CTOR_PARAMS=params.replace(' = {}', ''),
+    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base,
+                      BASE_ARGS=', %s' % t.parent_args if t.parent_args else '', CTOR_PARAMS=params.replace(' = {}', ''),
                       CTOR_INITS=ctor_inits,
-                      CALL_INIT=' doInit(); ' if t.init else '', ATTRS=', '.join(attrs),
+                      CALL_INIT=''.join(' %s' % c for c in ctor_checks + (['doInit();'] if t.init else []))
+                      + (' ' if ctor_checks or t.init else ''), ATTRS=', '.join(attrs),
                       DEFS='\n'.join(defs) + '\n', RESET=reset, IS_DEFAULT=is_default, INIT_DEF=init_def,
                       FACTORY=factory_def) + log_defs
     return decl, after, definition, enum_defs, registers

@@ -28,14 +28,20 @@ A description (*.ent) holds a namespace and types; the headers it needs follow f
       ref owner: Owner                        # a counted reference (Kiv::Ptr), notified on change
       ref parentStatus: Owner valid           # ... that may never be null ("null ValidPtr")
       backptr up: Owner                       # a plain pointer: not counted, notified or replicated
+      check range(minIndex, size)             # static range(minIndex, size), hand-written, throws to refuse;
+                                              # the constructor and minIndexIs/sizeIs call it first
       reset routing counterRoute              # what reset()/isDefault() cover
       init configIs("default");               # doInit() body, run by the constructor
     entity Kind : Message                     # inherits Message's attributes; ids count on after them
+    entity Alert : Message(Kind::alert)       # ... its constructor gives Message's constructor more than the name
 
     enum CounterMode: None packetMode byteMode
     value Pair                                # a value type (no fields: every two are equal)
       field low: u16 = 1 range 1..4094        # checked: "Pair::low < 1 or > 4094 not allowed"
       field high: u8 max 0x3f                 # checked: "Pair::high > 0x3f not allowed"
+    value Mask                                # fields packed into one word, lowest bits first
+      field mask: u8 bits 2                   # checked: "Mask::mask > 0x3 not allowed"
+      field value: u8 bits 2
     flags HwFlags: u8 noRoute noIntfs         # flag word over Kiv::FlagSet, bit 0 first
     flags IifFlags: u32 noRpf
       name Brume::Multicast::Fib::Route::IifFlags   # text-form and registry name, if not <namespace>::<type>
@@ -238,7 +244,8 @@ def main():
                 differs = True
                 sys.stdout.writelines(difflib.unified_diff((old or '').splitlines(True), content.splitlines(True),
                                                            path, 'regenerated'))
-        else:
+        elif old != content:
+            # An unchanged file keeps its time, so what includes it is not rebuilt.
             os.makedirs(args.out, exist_ok=True)
             with open(path, 'w') as f:
                 f.write(content)

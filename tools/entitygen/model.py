@@ -41,6 +41,7 @@ class Member:
         self.keyed = None               # record collections: the record's key accessor
         self.ctor = False               # attributes set at construction only
         self.valid = False              # references that may not be null
+        self.bits = None                # packed value fields: width in bits
 
 
 class Type:
@@ -51,7 +52,9 @@ class Type:
         self.factories = []  # named factories: (function name, argument names)
         self.attach_on_parent = False
         self.parent = None  # entity inheritance: the base entity's name
+        self.parent_args = None  # ... and what its constructor gets after the name (C++ as written)
         self.methods = []  # hand-written operations: (declaration, comment lines)
+        self.checks = []  # cross-attribute checks: (function, attribute names, comment lines, line)
         self.mount_args = False  # mount paths with a VRF and application
         self.qname, self.bare, self.error = None, False, None  # flags and bounded values
         self.low = self.high = self.initial = None  # bounded values, as numbers

@@ -6,13 +6,13 @@ from model import (UNSIGNED_BITS, DescriptionError, Description, Member, Type, c
 
 MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
 ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child',
-                      'table', 'ref', 'backptr', 'method', 'attach'},
+                      'table', 'ref', 'backptr', 'method', 'attach', 'check'},
            'value': {'field', 'method'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
 NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)(\(\))?\s*=\s*(\w+)(?:\s+test\s+(!?\w+))?$')
 BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
 SCALAR = re.compile(r'([\w:]+)\s*(?:=\s*(".*"|[^"]+?))?\s*(?:(range|max)\s+(\S+))?$')
 # Trailing options of a member line: "id 263", "capacity 12000", "keyed key", and single words.
-OPTION_WITH_VALUE = re.compile(r'\s+(id|capacity|keyed)\s+(\w+)\s*$')
+OPTION_WITH_VALUE = re.compile(r'\s+(id|capacity|keyed|bits)\s+(\w+)\s*$')
 # A collection's value: a type name, or a counted reference to an entity.
 VALUE_TYPE = re.compile(r'[\w:]+|Kiv::Ptr<\s*(?:const\s+)?[\w:]+\s*>')
 OPTION_WORD = re.compile(r'\s+(ordered|ctor|valid)\s*$')
@@ -56,7 +56,11 @@ def parse(text, path='description', header=None):
                 if parent.strip():
                     if word != 'entity':
                         raise DescriptionError('only an entity has a base')
-                    cur.parent = parent.strip()
+                    # "Base" or "Base(argument, ...)": what the base's constructor gets after the name.
+                    m = re.fullmatch(r'(\w+)\s*(?:\((.*)\))?', parent.strip())
+                    if not m:
+                        raise DescriptionError('a base is "Name" or "Name(arguments)"')
+                    cur.parent, cur.parent_args = m.group(1), m.group(2)
                 types.append(cur)
             elif word in ('enum', 'flags'):
                 name, _, lits = rest.partition(':')
@@ -165,6 +169,9 @@ def parse_member(t, line, doc, line_no):
     if word == 'method':
         parse_method(t, rest, doc)
         return
+    if word == 'check':
+        parse_check(t, rest.strip(), doc, line_no)
+        return
     if word == 'enum':
         name, _, lits = rest.partition(':')
         e = Type('enum', name.strip(), [], line_no)
@@ -178,7 +185,7 @@ def parse_member(t, line, doc, line_no):
     decl, options = split_options(decl)
     allowed = {'coll': {'id', 'ordered', 'keyed'}, 'child': {'id', 'ordered'}, 'table': {'id', 'capacity'},
                'attr': {'id', 'ctor'}, 'counter': {'id'}, 'const': {'id'}, 'ref': {'id', 'valid'},
-               'backptr': {'ctor'}, 'field': set()}[kind]
+               'backptr': {'ctor'}, 'field': {'bits'}}[kind]
     for option in options:
         if option not in allowed:
             raise DescriptionError('%r is not an option of %s' % (option, kind))
@@ -209,6 +216,11 @@ def parse_member(t, line, doc, line_no):
         member.ctor = 'ctor' in options
         if kind == 'const' and default is None:
             raise DescriptionError('a constant needs "= value"')
+        if 'bits' in options:
+            # A field packed with the other fields of its value into one word, lowest bits first.
+            if typ not in UNSIGNED_BITS or check is not None or not 0 < number(options['bits']) <= 16:
+                raise DescriptionError('bits needs an unsigned field without range or max, of 1 to 16 bits')
+            member.bits = number(options['bits'])
     if 'id' in options:
         member.explicit_id = number(options['id'])
     member.doc = list(doc)
@@ -222,6 +234,18 @@ def parse_method(t, rest, doc):
     if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?', rest.strip()):
         raise DescriptionError('method needs a C++ declaration "Type name(params) [const]"')
     t.methods.append((rest.strip(), list(doc)))
+
+
+CHECK = re.compile(r'(\w+)\s*\(\s*(\w+(?:\s*,\s*\w+)*)\s*\)$')
+
+
+def parse_check(t, rest, doc, line_no):
+    """check name(attribute, ...): a hand-written static function that throws to refuse a combination of
+    attribute values; the constructor and every listed setter call it before anything is stored."""
+    m = CHECK.match(rest)
+    if not m:
+        raise DescriptionError('check needs "name(attribute, ...)"')
+    t.checks.append((m.group(1), [a.strip() for a in m.group(2).split(',')], list(doc), line_no))
 
 
 FACTORY = re.compile(r'(\w+)\s*\(([\w\s,]*)\)$')

@@ -1,4 +1,5 @@
-// The range check of Config: the pool must stay below the reserved indexes.
+// The range check of Config: a pool that is not empty and stays below the
+// reserved indexes.
 #include <cstdint>
 #include <string>
 
@@ -8,19 +9,17 @@
 
 namespace BitMapper {
 
-void Config::bitMapRangeCheck(uint32_t bitMapMinIndex) const {
+void Config::bitMapRange(uint32_t bitMapMinIndex, uint32_t bitMapSize) {
+  if (bitMapSize == 0) throw Kiv::RangeException("Config::bitMapSize == 0 not allowed");
   // 64-bit sum: a start near 2^32 must not wrap into range.
-  const uint64_t end = uint64_t(bitMapMinIndex) + bitMapSize();
+  const uint64_t end = uint64_t(bitMapMinIndex) + bitMapSize;
   if (end > BitIndex::invalid().value()) {
     throw Kiv::RangeException("Config::bitMapMinIndex + bitMapSize > " + std::to_string(BitIndex::invalid().value()) +
                               " not allowed (bitMapMinIndex " + std::to_string(bitMapMinIndex) + ", bitMapSize " +
-                              std::to_string(bitMapSize()) + ")");
+                              std::to_string(bitMapSize) + ")");
   }
 }
 
-void Config::bitMapRangeIs(uint32_t bitMapMinIndex) {
-  bitMapRangeCheck(bitMapMinIndex);
-  bitMapMinIndexIs(bitMapMinIndex);
-}
+void Config::bitMapRangeIs(uint32_t bitMapMinIndex) { bitMapMinIndexIs(bitMapMinIndex); }
 
 }  // namespace BitMapper

@@ -209,6 +209,34 @@ const Kiv::TypeRecord& RackSlot::type() {
   return record;
 }
 
+Pair::Pair(uint8_t low, uint8_t high) {
+  lowIs(low);
+  highIs(high);
+}
+
+size_t Pair::hash() const { return Kiv::hashFields(low(), high()); }
+
+const Kiv::TypeRecord& Pair::type() {
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Pair", Kiv::TypeKind::value, {}, {{"low", 258, "field", "uint8_t", "1", 0, ""}, {"high", 259, "field", "uint8_t", "", 0, ""}});
+  return record;
+}
+
+std::ostream& operator<<(std::ostream& os, const Pair& v) {
+  Kiv::ValueWriter(os, "Sample::Pair")
+      .field("low", v.low())
+      .field("high", v.high()).end();
+  return os;
+}
+
+Pair Pair::fromText(std::string_view text) {
+  Kiv::ValueReader r(text, "Sample::Pair");
+  Pair v;
+  Kiv::readInto<uint8_t>(r, "low", [&v](uint8_t x) { v.lowIs(x); });
+  Kiv::readInto<uint8_t>(r, "high", [&v](uint8_t x) { v.highIs(x); });
+  r.end();
+  return v;
+}
+
 const Kiv::TypeRecord& Nothing::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Nothing", Kiv::TypeKind::value, {}, {});
   return record;
@@ -301,7 +329,7 @@ Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Branch::kivNboAttrLogSaIs(uint32_t notifieeBi
 
 void Branch::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
 
-Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) {}
+Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) { grown(height_, late_); }
 
 const Kiv::TypeRecord& Tree::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Tree", Kiv::TypeKind::entity, {}, {{"height", 258, "ctor", "uint32_t", "", 0, ""}, {"root", 259, "validref", "Leaf", "", 0, ""}, {"shade", 260, "ref", "Holder", "", 0, ""}, {"forest", 261, "backptr", "Holder", "", 0, ""}, {"prefixGroup", 262, "const", "Orvet::IpGenPrefix", "224.0.0.0/4", 0, ""}, {"rings", 263, "counter", "uint32_t", "0", 0, ""}, {"late", 270, "attr", "bool", "false", 0, ""}, {"entry", 271, "coll", "uint32_t -> Entry", "", 0, "entryIs entryDel entryNotify"}, {"byVlan", 272, "child", "Bridging::VlanId -> Leaf", "", 0, "byVlanIs byVlanDel byVlanNotify"}, {"sortedLeaf", 273, "child", "Kiv::Name -> Leaf", "", 0, "sortedLeafIs sortedLeafDel sortedLeafNotify"}, {"entries", 274, "table", "uint32_t -> Entry", "", 16, "entriesIs entriesDel entriesNotify"}});
@@ -317,7 +345,7 @@ void Tree::ringsIs(uint32_t v) { Kiv::attrIs<NotifieeConst>(*this, kRingsId, rin
 uint32_t Tree::ringsInc(uint32_t n) { return Kiv::attrInc<NotifieeConst>(*this, kRingsId, rings_, n, &NotifieeConst::onRings); }
 uint32_t Tree::ringsDec(uint32_t n) { return Kiv::attrDec<NotifieeConst>(*this, kRingsId, rings_, n, &NotifieeConst::onRings); }
 
-void Tree::lateIs(bool v) { Kiv::attrIs<NotifieeConst>(*this, kLateId, late_, v, &NotifieeConst::onLate); }
+void Tree::lateIs(bool v) { grown(height_, v); Kiv::attrIs<NotifieeConst>(*this, kLateId, late_, v, &NotifieeConst::onLate); }
 
 void Tree::entryIs(const Entry& v) { Kiv::collIs<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
 void Tree::newEntry(const Entry& v) { Kiv::collNew<NotifieeConst>(*this, kEntryId, entry_, v.key(), v, &NotifieeConst::onEntry); }
@@ -418,7 +446,7 @@ void Tree::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::
 
 namespace {
 // Registers the types of this unit, in declaration order, at load.
-[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Octet::type(), Lone::type(), Slot::type(), Weight::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), RackSlot::type(), Nothing::type(), Entry::type(), Branch::type(), Tree::type(), true);
+[[maybe_unused]] const bool registered = (Kiv::EnumInfo<Volume>::type(), Span::type(), Marks::type(), Octet::type(), Lone::type(), Slot::type(), Weight::type(), Leaf::type(), Holder::type(), Kiv::EnumInfo<Holder::Mode>::type(), RackSlot::type(), Pair::type(), Nothing::type(), Entry::type(), Branch::type(), Tree::type(), true);
 }  // namespace
 
 }  // namespace Sample

@@ -360,6 +360,49 @@ class RackSlot : public Kiv::BoundedValue<RackSlot, uint16_t, 0, 65535, 65535> {
 
 static_assert(sizeof(RackSlot) == sizeof(uint16_t) && std::is_trivially_copyable_v<RackSlot>);
 
+// Two small numbers packed into one byte, lowest bits first.
+class Pair {
+ public:
+  static constexpr std::string_view kTypeName = "Sample::Pair";
+  Pair() = default;
+  Pair(uint8_t low, uint8_t high);
+
+  uint8_t low() const { return static_cast<uint8_t>((bits_ >> 0) & 0x7u); }
+  void lowIs(uint8_t v) {
+    Kiv::checkMax<uint8_t>(v, 0x7u, "Pair::low > 0x7 not allowed");
+    bits_ = static_cast<uint8_t>((bits_ & ~(0x7u << 0)) | (unsigned(v) << 0));
+  }
+
+  uint8_t high() const { return static_cast<uint8_t>((bits_ >> 3) & 0x1fu); }
+  void highIs(uint8_t v) {
+    Kiv::checkMax<uint8_t>(v, 0x1fu, "Pair::high > 0x1f not allowed");
+    bits_ = static_cast<uint8_t>((bits_ & ~(0x1fu << 3)) | (unsigned(v) << 3));
+  }
+
+  friend bool operator==(const Pair&, const Pair&) = default;
+  friend bool operator<(const Pair& a, const Pair& b) { return std::make_tuple(a.low(), a.high()) < std::make_tuple(b.low(), b.high()); }
+  // Over the fields in declaration order.
+  size_t hash() const;
+  // Reads the text that operator<< writes.
+  static Pair fromText(std::string_view text);
+  static const Kiv::TypeRecord& type();
+
+ private:
+  uint8_t bits_ = 1;
+};
+
+std::ostream& operator<<(std::ostream& os, const Pair& v);
+
+}  // namespace Sample
+
+template <>
+struct std::hash<Sample::Pair> {
+  size_t operator()(const Sample::Pair& v) const { return v.hash(); }
+};
+static_assert(sizeof(Sample::Pair) == sizeof(uint8_t) && std::is_trivially_copyable_v<Sample::Pair>);
+
+namespace Sample {
+
 // No fields: every two are equal.
 class Nothing {
  public:
@@ -572,6 +615,9 @@ class Tree : public Kiv::Entity {
   // announces each change it learns as onX(key) and its readiness as the collection-level callbacks.
   void mountTables(Mroute::Loop::EventLoop& loop, std::string_view mountPath, Brume::BrumeType type);
   void unmountTables();
+
+  // Refuses a tree lower than 1, or a late one lower than 5.
+  static void grown(uint32_t height, bool late);
 
   // Rings per unit of height.
   double density() const;
