@@ -21,8 +21,9 @@ std::string text(const T& v) {
   return os.str();
 }
 
-TEST(ReadyStatusTest, SparseModeIsTheDevicePathAndOtherModesArePathElements) {
-  EXPECT_EQ(ReadyStatus::mountPath(Orvet::AddressFamily(2), "sparsemode"), "routing6/multicast/fibready/status");
+TEST(ReadyStatusTest, SparseModeIsTheDevicePathInTheDefaultCellAndOtherModesArePathElements) {
+  EXPECT_EQ(ReadyStatus::mountPath(Orvet::AddressFamily(2), "sparsemode"), "cell/0/routing6/multicast/fibready/status");
+  EXPECT_EQ(ReadyStatus::mountPath(Orvet::AddressFamily(1), "sparsemode"), "cell/0/routing/multicast/fibready/status");
   EXPECT_EQ(ReadyStatus::mountPath(Orvet::AddressFamily(1), "bidir"), "routing/multicast/fibready/bidir/status");
   EXPECT_ASSERTION(ReadyStatus::mountPath(Orvet::AddressFamily(5), "bidir"),
                    "false && \"Unsupported address family\"");
