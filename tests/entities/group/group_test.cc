@@ -27,6 +27,7 @@ TEST(PortVlanTest, OutLifOrVlan) {
   EXPECT_EQ(member("Ethernet1", 10).vlanId(), Bridging::VlanId(10));
   EXPECT_THROW_TEXT(member("Ethernet1", 4095).vlanId(), Kiv::RangeException,
                     "VlanId::value < 1 or > 4094 not allowed");
+  EXPECT_THROW(member("Ethernet1", 65537).vlanId(), Kiv::RangeException);  // not VLAN 1 by its low 16 bits
   PortVlan p = member("Ethernet1", 0);
   p.vlanIdIs(Bridging::VlanId(20));
   EXPECT_EQ(p.outLif().value(), 20u);
@@ -34,6 +35,15 @@ TEST(PortVlanTest, OutLifOrVlan) {
   os << p;
   EXPECT_EQ(os.str(), "Value('MrouteLib::PortVlan', ** {'port': Ethernet1, 'outLif': 20, 'portProperty': "
                       "Value('MrouteLib::PortProperty', ** {'mlagPort': False, 'tagOnEgress': False})})");
+}
+
+TEST(PortVlanTest, PropertyMaskIsOneByte) {
+  static_assert(sizeof(MrouteLib::PortPropertyMask) == 1);
+  MrouteLib::PortPropertyMask m(1, 3);
+  EXPECT_EQ(m.mask(), 1);
+  EXPECT_EQ(m.value(), 3);
+  EXPECT_EQ(Kiv::textOf(m), "Value('MrouteLib::PortPropertyMask', ** {'mask': 1, 'value': 3})");
+  EXPECT_THROW_TEXT(m.maskIs(4), Kiv::RangeException, "PortPropertyMask::mask > 0x3 not allowed");
 }
 
 TEST(GroupTest, MembersIterateInPortVlanOrderAndKeysDifferByHash) {

@@ -6,7 +6,8 @@ namespace MrouteLib {
 
 bool PortVlan::isOutLif() const { return outLif().value() - 1u > 4093u; }
 
-Bridging::VlanId PortVlan::vlanId() const { return Bridging::VlanId(static_cast<uint16_t>(outLif().value())); }
+// The whole 32-bit field is checked: 65537 is an out-LIF, not VLAN 1.
+Bridging::VlanId PortVlan::vlanId() const { return Bridging::VlanId(outLif().value()); }
 
 void PortVlan::vlanIdIs(Bridging::VlanId vlan) { outLifIs(OutLif(vlan.value())); }
 
