@@ -25,6 +25,11 @@ TEST(KernelMfibStatusTest, FreshCollectionHoldsTheDefaultVrf) {
   Kiv::Ptr<Status> def = coll->vrfStatus("default");
   ASSERT_TRUE(def);
   EXPECT_EQ(def->parent(), coll.ptr());
+  EXPECT_EQ(def->name(), Kiv::Name("default"));
+  // The collection is keyed by VRF name: a name over 100 bytes is no VRF.
+  EXPECT_EQ(coll->vrfStatusIs(std::string(100, 'v'))->name(), Kiv::Name(std::string(100, 'v')));
+  EXPECT_THROW_TEXT(coll->vrfStatusIs(std::string(101, 'v')), Kiv::RangeException, "VrfName::bytes > 100 not allowed");
+  EXPECT_EQ(coll->vrfStatus().size(), 2u);
 }
 
 TEST(KernelMfibStatusTest, UpcallVifIsMappedThroughThePublishedStatus) {

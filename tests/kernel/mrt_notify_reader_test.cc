@@ -28,7 +28,6 @@ struct MessageWatch : MrtMessage::NotifieeConst {
   void onSource() override { seen.push_back("source"); }
   void onGroup() override { seen.push_back("group"); }
   void onIntfId() override { seen.push_back("intfId"); }
-  void onRcvdPkt() override { seen.push_back("rcvdPkt"); }
 };
 
 class MrtNotifyReaderTest : public ::testing::Test {

@@ -37,9 +37,9 @@ MrtNotifyPamManager::MrtNotifyPamManager(Orvet::AddressFamily af, const Orvet::N
       loop_(loop),
       source_(source),
       brevet_(brevet),
-      noCacheMessage_(NoCacheMessage::NoCacheMessageIs("noCacheMessage")),
-      wrongVifMessage_(WrongVifMessage::WrongVifMessageIs("wrongVifMessage")),
-      wholePktMessage_(WholePktMessage::WholePktMessageIs("wholePktMessage")) {}
+      noCacheMessage_(NoCacheMessageIs("noCacheMessage")),
+      wrongVifMessage_(WrongVifMessageIs("wrongVifMessage")),
+      wholePktMessage_(WholePktMessageIs("wholePktMessage")) {}
 
 const Kiv::TypeRecord& MrtNotifyPamManager::fwkType() const {
   static const Kiv::TypeRecord& type =
