@@ -28,8 +28,10 @@
 #include "mroute/entities/pim/pim_status.h"
 #include "mroute/entities/pim/vxlan_status.h"
 #include "mroute/kernel/kernel_mfib_status.h"
+#include "mroute/kernel/mrt_message.h"
 #include "mroute/kernel/mrt_message_type.h"
 #include "mroute/mfibdir/mfib_dir.h"
+#include "mroute/pam/pam.h"
 #include "mroute/route/mfib_status.h"
 #include "mroute/route/oif_index.h"
 #include "mroute/route/route_flags.h"
@@ -46,13 +48,25 @@ namespace Hw = Routing::Multicast::Fib::Hardware;
 namespace PimIntf = Routing::Multicast::Fib::PimIntf;
 namespace Group = Multicast::Group;
 namespace BFib = Brume::Multicast::Fib;
+namespace Notify = Routing::Multicast::Notify;
 
 // ---------------------------------------------------------------- entities
+
+// A fresh entity of type E; types whose constructor needs more than a name
+// get valid values here.
+template <class E>
+Kiv::Ptr<E> fresh() {
+  if constexpr (std::is_same_v<E, BitMapper::Config>) {
+    return BitMapper::configFactory(64, true);
+  } else {
+    return new E(Kiv::Name("conformance"));
+  }
+}
 
 template <class E>
 class EntityShape : public testing::Test {
  protected:
-  Kiv::Ptr<E> entity = new E(Kiv::Name("conformance"));
+  Kiv::Ptr<E> entity = fresh<E>();
 };
 
 using Entities = testing::Types<
@@ -65,7 +79,8 @@ using Entities = testing::Types<
     McastCommon::MulticastIntfsForApplications, BitMapper::Config, BitMapper::Status, BitMapper::BrumeStatus,
     BFib::Status, BFib::BidirStatus, BFib::BidirStatusCtl, BFib::VrfStatus, BFib::MfibDir, BFib::MfibDirColl,
     BFib::MfibBrumeColl, BFib::MfibBrumeDir, BFib::ModalRouteOrderedCollection, BFib::RouteOrderedCollection,
-    Routing::KernelMfib::Status, Routing::KernelMfib::StatusColl>;
+    Routing::KernelMfib::Status, Routing::KernelMfib::StatusColl, Notify::MrtMessage, Notify::NoCacheMessage,
+    Notify::WrongVifMessage, Notify::WholePktMessage, Notify::MrtMessageCounter, Orvet::Pam>;
 TYPED_TEST_SUITE(EntityShape, Entities);
 
 TYPED_TEST(EntityShape, RegisteredOnceByItsQualifiedName) {
@@ -224,7 +239,7 @@ template <class T>
 class SetCollection : public testing::Test {
  protected:
   void SetUp() override { rec.notifierIs(entity); }
-  Kiv::Ptr<typename T::Entity> entity = new typename T::Entity(Kiv::Name("conformance"));
+  Kiv::Ptr<typename T::Entity> entity = fresh<typename T::Entity>();
   typename T::Recorder rec;
 };
 
@@ -280,17 +295,20 @@ COUNTER_TRAITS(RequestIds, Group::Request, requestId, RequestId, uint32_t);
 COUNTER_TRAITS(ResponseIds, Group::Response, responseId, ResponseId, uint32_t);
 COUNTER_TRAITS(WaitForDisabled, Hw::Status, waitForRoutingDisabledCnt, WaitForRoutingDisabledCnt, uint32_t);
 COUNTER_TRAITS(ClearMfib, Fib::Config, clearMfibCount, ClearMfibCount, uint8_t);
+COUNTER_TRAITS(UpcallsReceived, Notify::MrtMessageCounter, received, Received, uint32_t);
+COUNTER_TRAITS(UpcallsInvalid, Notify::MrtMessageCounter, invalid, Invalid, uint32_t);
+COUNTER_TRAITS(PamRxErrors, Orvet::Pam, rxErrors, RxErrors, uint64_t);
 
 template <class T>
 class CounterShape : public testing::Test {
  protected:
   void SetUp() override { rec.notifierIs(entity); }
-  Kiv::Ptr<typename T::Entity> entity = new typename T::Entity(Kiv::Name("conformance"));
+  Kiv::Ptr<typename T::Entity> entity = fresh<typename T::Entity>();
   typename T::Recorder rec;
 };
 
 using Counters = testing::Types<AllocRequests, CounterSize, CounterActive, RequestIds, ResponseIds, WaitForDisabled,
-                                ClearMfib>;
+                                ClearMfib, UpcallsReceived, UpcallsInvalid, PamRxErrors>;
 TYPED_TEST_SUITE(CounterShape, Counters);
 
 TYPED_TEST(CounterShape, IncAndDecReturnTheNewCountAndNotifyOncePerChange) {

@@ -18,7 +18,6 @@ cmake --build "$work/build" >"$work/build.log" 2>&1 || { tail -20 "$work/build.l
   "$python" "$src/tools/entitygen/entitygen.py" --list-types --src "$src/src"
   cat <<NAMES
 Routing::Multicast::Fib::RouteKeyType
-Orvet::MrtMessageType
 Routing::Multicast::Fib::IpGenRouteKey
 Brume::Multicast::Fib::Route
 Brume::Multicast::Fib::OifIndexIntf

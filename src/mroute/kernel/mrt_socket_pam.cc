@@ -151,7 +151,9 @@ void MrtSocketPam::doGetRxPkt() {
     return;
   }
   Rx rx = receive();
-  if (rx.pkt) rxPktHolderIs(std::move(rx.pkt));
+  if (!rx.pkt) return;
+  rxPktInc(1);
+  rxPktHolderIs(rx.pkt);
 }
 
 MrtSocketPam::RxLayout MrtSocketPam::rxLayout() const {
