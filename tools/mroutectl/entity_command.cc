@@ -9,6 +9,7 @@
 #include "command.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "mroute/entity/replication/mount_types.h"
+#include "mroute/kivbrume/attach_on_parent.h"
 #include "mroute/runtime/loop/event_loop.h"
 
 namespace Mroutectl {
@@ -112,6 +113,7 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
     return kExitUsage;
   }
   Mroute::Loop::EventLoop loop;
+  KivBrume::attachContextIs(&loop, Brume::BrumeType::reader);  // the tree's shared tables, read-only
   const std::string leaf = path.substr(path.rfind('/') + 1);
   Kiv::Ptr<Kiv::Entity> entity = root->make(Kiv::Name(leaf));
   const AttrLogType& type = root->type();
