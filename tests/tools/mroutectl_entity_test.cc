@@ -64,6 +64,10 @@ TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
   EXPECT_NE(follow.find("config/red maxFastdrops: 10"), std::string::npos) << follow;
   EXPECT_NE(run(tool + " entity routing/nothing/here 2>&1").find("no entity tree is known at 'routing/nothing/here'"),
             std::string::npos);
+  // Every mount path names its type, those that no agent serves here too.
+  for (const char* path : {"routing/hardware/multicast/status", "routing6/multicast/fib/pim", "routing/multicast/fibready/bidir/status"}) {
+    EXPECT_NE(run(tool + " entity " + path + " --seconds 0.05 2>&1").find("no writer serves"), std::string::npos) << path;
+  }
   ::kill(writer, SIGKILL);
   ::waitpid(writer, nullptr, 0);
 }

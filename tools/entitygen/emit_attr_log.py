@@ -4,16 +4,16 @@ its logged attributes (one call per attribute into attr_log_type.h) and the noti
 forward each change to it."""
 
 from emit_common import fill, param
-from model import cap
+from model import DescriptionError, cap
 
 HEADER = 'mroute/entity/replication/kiv_nbo_attr_log_sa.h'
 
 MEMBER_DECLS = '''
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
-  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+  Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                        const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                       Kiv::KivNboAttrLogSaBase* parent);
+                                                       Kiv::Entity::KivNboAttrLogSa* parent);
   void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);'''
 
 CLASS_DECL = '''
@@ -54,25 +54,34 @@ const Kiv::AttrLogType& {{NAME}}::KivNboAttrLogSa::logType() {
   return type;
 }
 
-Kiv::Ptr<Kiv::KivNboAttrLogSaBase> {{NAME}}::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> {{NAME}}::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                           const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                          Kiv::KivNboAttrLogSaBase* parent) {
+                                                          Kiv::Entity::KivNboAttrLogSa* parent) {
   return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
 }
 
 void {{NAME}}::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
+namespace {
+// Mountable by path (mount_types.h): registered at load with the unit's types.
+[[maybe_unused]] const bool kivMountable{{NAME}} = Kiv::NboAttrLog::mountableTypeIs<{{NAME}}>({{{PATHS}}});
+}  // namespace
 '''
 
 
 def logged(m):
-    """The kind of log entry of a member: scalar, coll, record, children, or None (not logged)."""
-    if m.kind in ('attr', 'counter') and not m.ctor:
-        return 'scalar'
-    if m.kind == 'coll' and not m.type.startswith('Kiv::Ptr<'):
+    """The kind of log entry of a member: scalar, ctor, ref, coll, record, children, table, or None."""
+    if m.kind in ('attr', 'counter'):
+        return 'ctor' if m.ctor else 'scalar'
+    if m.kind == 'ref':
+        return 'ref'
+    if m.kind == 'coll':
         return 'record' if m.keyed else 'coll'
     if m.kind == 'child':
         return 'children'
-    return None  # constants, set-at-construction, references, back pointers, shared tables
+    if m.kind == 'table':
+        return 'table'
+    return None  # constants and back pointers
 
 
 def entry(t, m, enums):
@@ -80,6 +89,14 @@ def entry(t, m, enums):
     kind = logged(m)
     if kind == 'scalar':
         return 'Kiv::logScalar<%s, %s, &%s::%s, &%s::%sIs>(k%sId, "%s")' % (E, m.type, E, x, E, x, X, x)
+    if kind == 'ctor':
+        return 'Kiv::logCtor<%s, %s, &%s::%s>(k%sId, "%s")' % (E, m.type, E, x, X, x)
+    if kind == 'ref':
+        return 'Kiv::logRef<%s, %s, &%s::%s, &%s::%sIs>(k%sId, "%s")' % (E, m.type, E, x, E, x, X, x)
+    if kind == 'table':
+        get = 'static_cast<%s::%sTable& (%s::*)()>(&%s::%s)' % (E, X, E, E, x)
+        return 'Kiv::logTable<%s, %s::%sTable, %s, &%s::%sNotify, &%s::%sNotifyCollection>(k%sId, "%s")' % (
+            E, E, X, get, E, x, E, x, X, x)
     if kind is None:
         return 'Kiv::logSkipped(k%sId, "%s")' % (X, x)
     # The map getter and xDel(key) are overloaded: a cast names the one meant.
@@ -94,17 +111,36 @@ def entry(t, m, enums):
     return 'Kiv::%s<%s, %s::%sMap, %s, &%s::%sIs, %s>(k%sId, "%s")' % (fn, E, E, X, get, E, x, delete, X, x)
 
 
+# The types emitted so far in this run, by name: a derived entity's adapter also covers the attributes
+# of its base, which C++ requires to be declared (so emitted) before it.
+_emitted = {}
+
+
+def logged_members(t):
+    """The members the adapter covers: the base entity's (recursively), then the type's own."""
+    if not t.parent:
+        return list(t.members)
+    base = _emitted.get(t.parent.split('::')[-1])
+    if base is None:
+        raise DescriptionError('line %d: %s: base entity %s must be described before it in the same file' % (
+            t.line, t.name, t.parent))
+    own = {m.name for m in t.members}
+    return [m for m in logged_members(base) if m.name not in own] + list(t.members)
+
+
 def emit_attr_log(ns, t, enums):
     """(member declarations, class declaration, definitions) of the entity's adapter."""
+    _emitted[t.name] = t
     handlers, forwards, attrs = [], [], []
-    for m in t.members:
+    for m in logged_members(t):
         x, X = m.name, cap(m.name)
         attrs.append('\n      ' + entry(t, m, enums) + ',')
         if m.kind in ('const', 'backptr') or m.ctor:
             continue
         if m.kind in ('coll', 'child', 'table'):
             kp = 'const %s&' % m.key  # as the notifiee declares it
-            call = 'onMember(k%sId, k)' % X if logged(m) else ''
+            # A table's rows are not logged: readers mount the table itself.
+            call = 'onMember(k%sId, k)' % X if logged(m) not in (None, 'table') else ''
             handlers.append('  void on%s(%s k) { %s; }' % (X, kp, call) if call else
                             '  void on%s(%s) {}' % (X, kp))
             forwards.append('  void on%s(%s k) override { sa_.on%s(k); }' % (X, kp, X))
@@ -112,6 +148,7 @@ def emit_attr_log(ns, t, enums):
             call = 'onAttr(k%sId);' % X if logged(m) else ''
             handlers.append('  void on%s() { %s }' % (X, call))
             forwards.append('  void on%s() override { sa_.on%s(); }' % (X, X))
-    holes = dict(NAME=t.name, NS=ns, HANDLERS='\n'.join(handlers), FORWARDS='\n'.join(forwards),
+    paths = ['%s/*/*' % p if t.mount_args else p for p in (t.mount or [])]
+    holes = dict(NAME=t.name, NS=ns, PATHS=', '.join('"%s"' % p for p in paths), HANDLERS='\n'.join(handlers), FORWARDS='\n'.join(forwards),
                  ATTRS=''.join(attrs).rstrip(','))
     return MEMBER_DECLS, fill(CLASS_DECL, **holes), fill(DEFS, **holes)

@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "command.h"
-#include "mroute/entities/fib/vrf_config.h"
 #include "mroute/entity/replication/entity_mount.h"
+#include "mroute/entity/replication/mount_types.h"
+#include "mroute/kivbrume/attach_on_parent.h"
 #include "mroute/runtime/loop/event_loop.h"
 
 namespace Mroutectl {
@@ -22,24 +23,11 @@ volatile std::sig_atomic_t gStop = 0;
 
 void entityUsage(std::ostream& os) {
   os << "usage: mroutectl entity <mount path> [--follow] [--json] [--seconds N]\n"
-        "  Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config)\n"
+        "  Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config,\n"
+        "  routing/hardware/multicast/status, routing/multicast/fib/<application>)\n"
         "  read-only and prints it; --follow then prints each change: '<entity path> <attribute>[<key>]: <value>'\n"
         "  ('-' for a removed member). Waits up to N seconds (default 5) for the writer.\n";
 }
-
-// The root types known by mount path.
-struct Root {
-  const char* path;
-  Kiv::Ptr<Kiv::Entity> (*make)();
-  const AttrLogType& (*type)();
-};
-const Root kRoots[] = {
-    {"routing/multicast/vrf/config", [] { return Kiv::Ptr<Kiv::Entity>(Routing::Multicast::Fib::VrfConfigIs("config")); },
-     &Routing::Multicast::Fib::VrfConfig::KivNboAttrLogSa::logType},
-    {"routing6/multicast/vrf/config",
-     [] { return Kiv::Ptr<Kiv::Entity>(Routing::Multicast::Fib::VrfConfigIs("config")); },
-     &Routing::Multicast::Fib::VrfConfig::KivNboAttrLogSa::logType},
-};
 
 std::string jsonString(const std::string& s) {
   std::string out = "\"";
@@ -119,16 +107,15 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
       return kExitUsage;
     }
   }
-  const Root* root = nullptr;
-  for (const Root& r : kRoots) {
-    if (path == r.path) root = &r;
-  }
-  if (root == nullptr) {
+  const Kiv::NboAttrLog::MountType* root = Kiv::NboAttrLog::mountType(path);
+  if (root == nullptr || root->make == nullptr) {
     err << "mroutectl entity: no entity tree is known at '" << path << "'\n";
     return kExitUsage;
   }
   Mroute::Loop::EventLoop loop;
-  Kiv::Ptr<Kiv::Entity> entity = root->make();
+  KivBrume::attachContextIs(&loop, Brume::BrumeType::reader);  // the tree's shared tables, read-only
+  const std::string leaf = path.substr(path.rfind('/') + 1);
+  Kiv::Ptr<Kiv::Entity> entity = root->make(Kiv::Name(leaf));
   const AttrLogType& type = root->type();
   Kiv::NboAttrLog::ReaderMount mount(loop, path, entity, type, std::chrono::milliseconds(50));
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);

@@ -15,6 +15,7 @@ namespace Kiv {
 template <class N, class T>
 void attrIs(const Entity& e, AttrId id, T& slot, const T& v, void (N::*on)()) {
   if (slot == v) return;
+  e.writeCheck(id);
   slot = v;
   e.notify<N>(id, [on](N& n) { (n.*on)(); });
 }

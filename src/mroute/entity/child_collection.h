@@ -53,6 +53,7 @@ auto childNew(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
   using Child = typename Map::mapped_type;  // Ptr<C>
   using C = std::remove_reference_t<decltype(*Child())>;
   using K = typename Map::key_type;
+  parent.writeCheck(id);
   Child c;
   if constexpr (std::is_constructible_v<C, const Name&, const K&, P*>) {
     c = new C(childName(k), k, &parent);  // keeps its key and a back pointer (PimIntf::IntfStatus)
@@ -82,6 +83,7 @@ auto childIs(P& parent, AttrId id, Map& m, const typename Map::key_type& k,
 template <class N, class Map>
 void childDel(Entity& parent, AttrId id, Map& m, typename Map::const_iterator it,
               void (N::*on)(const typename Map::key_type&)) {
+  parent.writeCheck(id);
   // Keep the child alive until its collection no longer names it.
   auto child = it->second;
   child->parentIs(nullptr);

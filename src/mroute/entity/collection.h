@@ -37,6 +37,7 @@ void collectionNotify(const Entity& e, AttrId id, void (N::*immediate)(), void (
 template <class N, class Map>
 void collNew(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
              const typename Map::mapped_type& v, void (N::*on)(const typename Map::key_type&)) {
+  e.writeCheck(id);
   m.insert_or_assign(k, v);
   collNotify(e, id, m, k, on);
 }
@@ -53,6 +54,7 @@ void collIs(const Entity& e, AttrId id, Map& m, const typename Map::key_type& k,
 template <class N, class Map>
 void collDel(const Entity& e, AttrId id, Map& m, typename Map::const_iterator it,
              void (N::*on)(const typename Map::key_type&)) {
+  e.writeCheck(id);
   typename Map::key_type k = it->first;  // the member goes before the callbacks run
   m.erase(it);
   collNotify(e, id, m, k, on);

@@ -101,13 +101,18 @@ const Kiv::AttrLogType& Leaf::KivNboAttrLogSa::logType() {
   return type;
 }
 
-Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Leaf::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> Leaf::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                           const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                          Kiv::KivNboAttrLogSaBase* parent) {
+                                                          Kiv::Entity::KivNboAttrLogSa* parent) {
   return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
 }
 
 void Leaf::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
+namespace {
+// Mountable by path (mount_types.h): registered at load with the unit's types.
+[[maybe_unused]] const bool kivMountableLeaf = Kiv::NboAttrLog::mountableTypeIs<Leaf>({});
+}  // namespace
 
 Holder::Holder(const Kiv::Name& entityName) : Kiv::Entity(entityName) { doInit(); }
 
@@ -196,13 +201,18 @@ const Kiv::AttrLogType& Holder::KivNboAttrLogSa::logType() {
   return type;
 }
 
-Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Holder::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> Holder::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                           const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                          Kiv::KivNboAttrLogSaBase* parent) {
+                                                          Kiv::Entity::KivNboAttrLogSa* parent) {
   return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
 }
 
 void Holder::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
+namespace {
+// Mountable by path (mount_types.h): registered at load with the unit's types.
+[[maybe_unused]] const bool kivMountableHolder = Kiv::NboAttrLog::mountableTypeIs<Holder>({"sample/holder", "sample6/holder"});
+}  // namespace
 
 const Kiv::TypeRecord& RackSlot::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::RackSlot", Kiv::TypeKind::value);
@@ -301,6 +311,7 @@ Kiv::Ptr<Branch> BranchIs(const Kiv::Name& name) { return new Branch(name); }
 class Branch::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Branch::NotifieeConst {
  public:
   explicit KivNboAttrLogSaAdapter_(KivNboAttrLogSa& sa) : sa_(sa) { notifierIs(Kiv::Ptr<const Branch>(&sa.entity())); }
+  void onWeight() override { sa_.onWeight(); }
   void onLength() override { sa_.onLength(); }
 
  private:
@@ -316,18 +327,24 @@ void Branch::KivNboAttrLogSa::reactorIs(bool on) {
 
 const Kiv::AttrLogType& Branch::KivNboAttrLogSa::logType() {
   static const Kiv::AttrLogType type("Sample::Branch", {
+      Kiv::logScalar<Branch, uint32_t, &Branch::weight, &Branch::weightIs>(kWeightId, "weight"),
       Kiv::logScalar<Branch, uint16_t, &Branch::length, &Branch::lengthIs>(kLengthId, "length")
   }, &Kiv::newKivNboAttrLogSa<Branch>);
   return type;
 }
 
-Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Branch::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> Branch::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                           const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                          Kiv::KivNboAttrLogSaBase* parent) {
+                                                          Kiv::Entity::KivNboAttrLogSa* parent) {
   return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
 }
 
 void Branch::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
+namespace {
+// Mountable by path (mount_types.h): registered at load with the unit's types.
+[[maybe_unused]] const bool kivMountableBranch = Kiv::NboAttrLog::mountableTypeIs<Branch>({});
+}  // namespace
 
 Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) { grown(height_, late_); }
 
@@ -421,9 +438,9 @@ void Tree::KivNboAttrLogSa::reactorIs(bool on) {
 
 const Kiv::AttrLogType& Tree::KivNboAttrLogSa::logType() {
   static const Kiv::AttrLogType type("Sample::Tree", {
-      Kiv::logSkipped(kHeightId, "height"),
-      Kiv::logSkipped(kRootId, "root"),
-      Kiv::logSkipped(kShadeId, "shade"),
+      Kiv::logCtor<Tree, uint32_t, &Tree::height>(kHeightId, "height"),
+      Kiv::logRef<Tree, Leaf, &Tree::root, &Tree::rootIs>(kRootId, "root"),
+      Kiv::logRef<Tree, Holder, &Tree::shade, &Tree::shadeIs>(kShadeId, "shade"),
       Kiv::logSkipped(kForestId, "forest"),
       Kiv::logSkipped(kPrefixGroupId, "prefixGroup"),
       Kiv::logScalar<Tree, uint32_t, &Tree::rings, &Tree::ringsIs>(kRingsId, "rings"),
@@ -431,18 +448,23 @@ const Kiv::AttrLogType& Tree::KivNboAttrLogSa::logType() {
       Kiv::logRecordColl<Tree, Tree::EntryMap, static_cast<const Tree::EntryMap& (Tree::*)() const>(&Tree::entry), &Tree::entryIs, static_cast<Entry (Tree::*)(uint32_t)>(&Tree::entryDel)>(kEntryId, "entry"),
       Kiv::logChildren<Tree, Leaf, Tree::ByVlanMap, static_cast<const Tree::ByVlanMap& (Tree::*)() const>(&Tree::byVlan), &Tree::byVlanIs, static_cast<void (Tree::*)(const Bridging::VlanId&)>(&Tree::byVlanDel)>(kByVlanId, "byVlan"),
       Kiv::logChildren<Tree, Leaf, Tree::SortedLeafMap, static_cast<const Tree::SortedLeafMap& (Tree::*)() const>(&Tree::sortedLeaf), &Tree::sortedLeafIs, static_cast<void (Tree::*)(const Kiv::Name&)>(&Tree::sortedLeafDel)>(kSortedLeafId, "sortedLeaf"),
-      Kiv::logSkipped(kEntriesId, "entries")
+      Kiv::logTable<Tree, Tree::EntriesTable, static_cast<Tree::EntriesTable& (Tree::*)()>(&Tree::entries), &Tree::entriesNotify, &Tree::entriesNotifyCollection>(kEntriesId, "entries")
   }, &Kiv::newKivNboAttrLogSa<Tree>);
   return type;
 }
 
-Kiv::Ptr<Kiv::KivNboAttrLogSaBase> Tree::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> Tree::kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                           const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                          Kiv::KivNboAttrLogSaBase* parent) {
+                                                          Kiv::Entity::KivNboAttrLogSa* parent) {
   return Kiv::kivNboAttrLogSaIs(*this, KivNboAttrLogSa::logType(), notifieeBits, connectionId, out, parent);
 }
 
 void Tree::kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out) { Kiv::kivNboAttrLogSaDel(*this, out.ptr()); }
+
+namespace {
+// Mountable by path (mount_types.h): registered at load with the unit's types.
+[[maybe_unused]] const bool kivMountableTree = Kiv::NboAttrLog::mountableTypeIs<Tree>({"sample/tree/*/*", "sample6/tree/*/*"});
+}  // namespace
 
 namespace {
 // Registers the types of this unit, in declaration order, at load.

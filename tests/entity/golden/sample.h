@@ -180,9 +180,9 @@ class Leaf : public Kiv::Entity {
 
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
-  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+  Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                        const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                       Kiv::KivNboAttrLogSaBase* parent);
+                                                       Kiv::Entity::KivNboAttrLogSa* parent);
   void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
@@ -286,9 +286,9 @@ class Holder : public Kiv::Entity {
 
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
-  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+  Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                        const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                       Kiv::KivNboAttrLogSaBase* parent);
+                                                       Kiv::Entity::KivNboAttrLogSa* parent);
   void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
@@ -479,9 +479,9 @@ class Branch : public Leaf {
 
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
-  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+  Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                        const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                       Kiv::KivNboAttrLogSaBase* parent);
+                                                       Kiv::Entity::KivNboAttrLogSa* parent);
   void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
@@ -506,6 +506,7 @@ class Branch::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Branch> {
   using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
   ~KivNboAttrLogSa() override;
   static const Kiv::AttrLogType& logType();
+  void onWeight() { onAttr(kWeightId); }
   void onLength() { onAttr(kLengthId); }
 
  private:
@@ -624,9 +625,9 @@ class Tree : public Kiv::Entity {
 
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
-  Kiv::Ptr<Kiv::KivNboAttrLogSaBase> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
+  Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
                                                        const Kiv::Ptr<Kiv::NboAttrLog::Out>& out,
-                                                       Kiv::KivNboAttrLogSaBase* parent);
+                                                       Kiv::Entity::KivNboAttrLogSa* parent);
   void kivNboAttrLogSaDel(const Kiv::Ptr<Kiv::NboAttrLog::Out>& out);
   void reset();
   bool isDefault() const;
@@ -673,8 +674,8 @@ class Tree::KivNboAttrLogSa : public Kiv::KivNboAttrLogSaOf<Tree> {
   using KivNboAttrLogSaOf::KivNboAttrLogSaOf;
   ~KivNboAttrLogSa() override;
   static const Kiv::AttrLogType& logType();
-  void onRoot() {  }
-  void onShade() {  }
+  void onRoot() { onAttr(kRootId); }
+  void onShade() { onAttr(kShadeId); }
   void onRings() { onAttr(kRingsId); }
   void onLate() { onAttr(kLateId); }
   void onEntry(const uint32_t& k) { onMember(kEntryId, k); }

@@ -1,6 +1,6 @@
-// Mounting a VrfConfig tree across processes: one writer changing it as fast
-// as it can, two readers (one slowed so that its channel blocks) and one
-// reader killed midway. Both live readers must end with exactly the writer's
+// Mounting a VrfConfig and a Hardware::Status tree across processes: one
+// writer changing both as fast as it can, two readers (one slowed so that
+// its channels block) and one reader killed midway. Both live readers must end with exactly the writer's
 // state, their notifiees having seen the final values; the writer is then
 // killed and restarted with a smaller, different state, and the readers must
 // converge again, deleting what is gone.
@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "mroute/entities/fib/vrf_config.h"
+#include "mroute/entities/hardware/hardware_status.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "mroute/runtime/net/prefix.h"
 #include "testing/shm_root_scope.h"
@@ -30,6 +31,13 @@ using Mroute::Loop::EventLoop;
 using namespace Routing::Multicast::Fib;
 using Clock = std::chrono::steady_clock;
 constexpr const char* kPath = "routing/multicast/vrf/config";
+constexpr const char* kHwPath = "routing/hardware/multicast/status";
+#if defined(__SANITIZE_THREAD__)
+constexpr int kChanges = 60000;  // ten times slower: still enough to fill the slow reader's channels
+#else
+constexpr int kChanges = 300000;
+#endif
+namespace Hw = Routing::Multicast::Fib::Hardware;
 
 template <class T>
 std::string text(const T& v) {
@@ -55,6 +63,45 @@ std::string digest(const VrfConfig& v) {
   for (const auto& [k, on] : intfs) os << "intf " << k << ' ' << on << '\n';
   return os.str();
 }
+
+std::string digest(const Hw::Status& s) {
+  std::ostringstream os;
+  os << "hw " << s.hwRouting() << ' ' << +s.pollingInterval() << ' ' << s.routeLimit() << ' ' << s.anyDirtyLag() << '\n';
+  std::map<std::string, uint32_t> lags;
+  for (const auto& [k, n] : s.dirtyLag()) lags[text(k)] = n;
+  for (const auto& [k, n] : lags) os << "lag " << k << ' ' << n << '\n';
+  std::map<std::string, Kiv::Ptr<Hw::VrfStatus>> vrfs;
+  for (const auto& [k, v] : s.vrfStatus()) vrfs[text(k)] = v;
+  for (const auto& [name, v] : vrfs) {
+    os << "vrf " << name << ' ' << v->fastdropCount() << '\n';
+    std::map<std::string, Kiv::Ptr<Hw::RouteStatus>> routes;
+    for (const auto& [k, r] : v->route()) routes[text(k)] = r;
+    for (const auto& [k, r] : routes) {
+      os << "  route " << k << ' ' << text(r->key()) << ' ' << text(r->hwFlags()) << ' ' << r->lastPollTime() << ' '
+         << r->fastdropLastPollTime().size() << '\n';
+    }
+  }
+  return os.str();
+}
+
+// What the hardware reader's agent learns of dirty LAGs through its notifiee.
+class LagMirror : public Hw::Status::Notifiee {
+ public:
+  void onDirtyLag(const Orvet::IntfId& k) override {
+    if (notifier()->dirtyLag().count(k)) {
+      lags[text(k)] = notifier()->dirtyLag(k);
+    } else {
+      lags.erase(text(k));
+    }
+  }
+  using Hw::Status::NotifieeConst::onDirtyLag;
+  bool matches(const Hw::Status& s) const {
+    std::map<std::string, uint32_t> now;
+    for (const auto& [k, n] : s.dirtyLag()) now[text(k)] = n;
+    return now == lags;
+  }
+  std::map<std::string, uint32_t> lags;
+};
 
 // What a reader's agent learns through its notifiee alone.
 class Mirror : public VrfConfig::Notifiee {
@@ -115,10 +162,27 @@ std::string readFile(const std::string& path) {
   EventLoop loop;
   Kiv::Ptr<VrfConfig> root = VrfConfigIs("config");
   Kiv::NboAttrLog::WriterMount mount(loop, kPath, root, VrfConfig::KivNboAttrLogSa::logType());
+  Kiv::Ptr<Hw::Status> hw = Hw::StatusIs("status");
+  Kiv::NboAttrLog::WriterMount hwMount(loop, kHwPath, hw, Hw::Status::KivNboAttrLogSa::logType());
   std::mt19937 rng(seed);
   auto vrf = [&] { return Kiv::Name("vrf" + std::to_string(rng() % vrfs)); };
+  auto hwVrf = [&] { return hw->vrfStatusIs(L3::VrfName("vrf" + std::to_string(rng() % vrfs))); };
+  auto lag = [&] { return Orvet::IntfId("Port-Channel" + std::to_string(1 + rng() % 8)); };
   for (int i = 0; i < changes; ++i) {
-    switch (rng() % 10) {
+    switch (rng() % 16) {
+      case 10: hw->pollingIntervalIs(static_cast<uint8_t>(rng())); break;
+      case 11: hw->dirtyLagIs(lag(), rng() % 100); hw->anyDirtyLagIs(!hw->dirtyLag().empty()); break;
+      case 12: hw->dirtyLagDel(lag()); hw->anyDirtyLagIs(!hw->dirtyLag().empty()); break;
+      case 13: {
+        Kiv::Ptr<Hw::RouteStatus> r = hwVrf()->routeIs(routeKey(rng() % 32));
+        Hw::HwFlags f;
+        f.noRouteIs(rng() & 1);
+        r->hwFlagsIs(f);
+        r->lastPollTimeIs(i);
+        break;
+      }
+      case 14: hwVrf()->routeDel(routeKey(rng() % 32)); break;
+      case 15: if (rng() % 16 == 0) hw->vrfStatusDel(L3::VrfName("vrf" + std::to_string(rng() % vrfs))); else hwVrf()->fastdropCountIs(rng() % 100); break;
       case 0: root->routingIs(rng() & 1); break;
       case 1: root->activityPollingIntervalIs(static_cast<uint8_t>(rng())); break;
       case 2: root->configIs(vrf()); break;
@@ -133,7 +197,7 @@ std::string readFile(const std::string& path) {
     if (i % 256 == 0) loop.runOnce(std::chrono::milliseconds(0));
   }
   writeFile(dir + "/blocked." + std::to_string(gen), std::to_string(mount.timesBlocked()));
-  writeFile(dir + "/expected." + std::to_string(gen), digest(*root));
+  writeFile(dir + "/expected." + std::to_string(gen), digest(*root) + digest(*hw));
   for (;;) loop.runOnce(std::chrono::milliseconds(100));
 }
 
@@ -146,6 +210,11 @@ std::string readFile(const std::string& path) {
   mirror.notifierIs(root);
   Kiv::NboAttrLog::ReaderMount mount(loop, kPath, root, VrfConfig::KivNboAttrLogSa::logType(),
                                      std::chrono::milliseconds(20));
+  Kiv::Ptr<Hw::Status> hw = Hw::StatusIs("status");
+  LagMirror lags;
+  lags.notifierIs(hw);
+  Kiv::NboAttrLog::ReaderMount hwMount(loop, kHwPath, hw, Hw::Status::KivNboAttrLogSa::logType(),
+                                       std::chrono::milliseconds(20));
   const auto deadline = Clock::now() + std::chrono::seconds(90);
   for (int gen = 1; gen <= gens;) {
     loop.runOnce(std::chrono::milliseconds(5));
@@ -153,9 +222,11 @@ std::string readFile(const std::string& path) {
     const std::string expected = readFile(dir + "/expected." + std::to_string(gen));
     // The slow reader also reads nothing until the first writer is done, so
     // that its channel surely fills.
-    if (slow && mount.in()) mount.in()->readingIs(gen > 1 || !expected.empty());
-    if (expected.empty() || !mount.synced() || digest(*root) != expected) continue;
-    if (!mirror.matches(*root)) _exit(3);
+    for (auto* m : {&mount, &hwMount}) {
+      if (slow && m->in()) m->in()->readingIs(gen > 1 || !expected.empty());
+    }
+    if (expected.empty() || !mount.synced() || !hwMount.synced() || digest(*root) + digest(*hw) != expected) continue;
+    if (!mirror.matches(*root) || !lags.matches(*hw)) _exit(3);
     writeFile(dir + "/ok." + name + "." + std::to_string(gen), std::to_string(mount.connections()));
     ++gen;
   }
@@ -202,7 +273,7 @@ TEST(MountProcessTest, ReadersConvergeOnTheWriterAndOnItsRestart) {
   const pid_t b = spawn([&] { reader(dir, "b", true, 2); });
   const pid_t doomed = spawn([&] { reader(dir, "c", false, 2); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  const pid_t w1 = spawn([&] { writer(dir, 1, 1, 300000, 8); });
+  const pid_t w1 = spawn([&] { writer(dir, 1, 1, kChanges, 8); });
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
   ::kill(doomed, SIGKILL);  // a reader that dies does not disturb the writer
   EXPECT_EQ(exitCode(doomed), 128 + SIGKILL);

@@ -104,6 +104,24 @@ class NotifieeList {
 
 class Entity : public PtrInterface {
  public:
+  // The attribute-log stream adapter (replication/kiv_nbo_attr_log_sa.h).
+  class KivNboAttrLogSa;
+
+  // Asked by every setter once it knows the write changes something, before
+  // anything is stored: a read-only proxy refuses (throws) there.
+  class WriteGuard {
+   public:
+    virtual void writeCheck(const Entity& e, AttrId id) = 0;
+
+   protected:
+    ~WriteGuard() = default;
+  };
+  void writeGuardIs(WriteGuard* g) { writeGuard_ = g; }
+  WriteGuard* writeGuard() const { return writeGuard_; }
+  void writeCheck(AttrId id) const {
+    if (writeGuard_ != nullptr) writeGuard_->writeCheck(*this, id);
+  }
+
   const Name& name() const { return name_; }
   // Used only when an entity is rebuilt from a replica.
   void nameIsFromBackup(const Name& name) { name_ = name; }
@@ -142,6 +160,7 @@ class Entity : public PtrInterface {
   Name name_;
   Entity* parent_ = nullptr;  // not owned: the parent owns this entity
   bool zeroReferences_ = false;
+  WriteGuard* writeGuard_ = nullptr;  // not owned
   mutable NotifieeList notifiees_;
 };
 

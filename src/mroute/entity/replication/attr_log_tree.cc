@@ -44,20 +44,35 @@ void TreePublisher::start() {
   out_->record(RecordType::hello, [&](WireWriter& w) {
     w.u32(kWireMagic);
     w.u16(kWireVersion);
-    w.u8(KivNboAttrLogSaBase::kResyncMode);
+    w.u8(Entity::KivNboAttrLogSa::kResyncMode);
     w.u64(incarnation_);
   });
   attach(*root_, type_, nullptr, kNoAttrId, {});
+  // References to entities whose orphans came after them go again, now that
+  // the reader knows every entity.
+  for (auto& [e, sa] : adapters_) {
+    std::vector<std::string> keys;
+    for (const AttrLogAttr& a : sa->logType().attrs) {
+      if (!a.reference) continue;
+      if (a.kind == AttrLogKind::scalar) {
+        sa->onAttr(a.id);
+        continue;
+      }
+      keys.clear();
+      a.keys(*e, keys);
+      for (const std::string& k : keys) sa->onMemberKey(a.id, k);
+    }
+  }
   // "synced" follows the orphans, after whatever of them had to wait.
   out_->flowOutIs(this, kFirstAttrId);
   out_->resumeFlowOuts();
 }
 
-void TreePublisher::attach(Entity& e, const AttrLogType& type, KivNboAttrLogSaBase* parent, AttrId attr,
+void TreePublisher::attach(Entity& e, const AttrLogType& type, Entity::KivNboAttrLogSa* parent, AttrId attr,
                            const std::string& key) {
-  Ptr<KivNboAttrLogSaBase> sa = kivNboAttrLogSaIs(e, type, 0, nextHandle_++, out_, parent);
+  Ptr<Entity::KivNboAttrLogSa> sa = kivNboAttrLogSaIs(e, type, 0, nextHandle_++, out_, parent);
   sa->identityIs(attr, key);
-  sa->childChanged = [this](KivNboAttrLogSaBase& p, const AttrLogAttr& a, const std::string& k, bool present) {
+  sa->childChanged = [this](Entity::KivNboAttrLogSa& p, const AttrLogAttr& a, const std::string& k, bool present) {
     onChild(p, a, k, present);
   };
   adapters_[&e] = sa;
@@ -67,7 +82,7 @@ void TreePublisher::attach(Entity& e, const AttrLogType& type, KivNboAttrLogSaBa
   });
 }
 
-void TreePublisher::onChild(KivNboAttrLogSaBase& parent, const AttrLogAttr& a, const std::string& key, bool present) {
+void TreePublisher::onChild(Entity::KivNboAttrLogSa& parent, const AttrLogAttr& a, const std::string& key, bool present) {
   Entity* c = a.child(parent.entity(), key);
   if (present && c != nullptr) {
     if (adapters_.count(c) == 0) attach(*c, a.childType(), &parent, a.id, key);
@@ -96,7 +111,8 @@ AttrId TreePublisher::resumeFlowOut(AttrId) {
 
 // ---------------------------------------------------------------- reader
 
-TreeReplica::TreeReplica(const Ptr<Entity>& root, const AttrLogType& type) : root_(root), type_(type) {
+TreeReplica::TreeReplica(const Ptr<Entity>& root, const AttrLogType& type)
+    : root_(root), type_(type), resolver_([this](std::string_view path) { return resolve(path); }) {
   adapterOf(*root_, type_);
 }
 
@@ -105,12 +121,18 @@ TreeReplica::~TreeReplica() {
   for (auto& [e, sa] : local_) kivNboAttrLogSaDel(*e, nullptr);
 }
 
-KivNboAttrLogSaBase& TreeReplica::adapterOf(Entity& e, const AttrLogType& type) {
+Entity::KivNboAttrLogSa& TreeReplica::adapterOf(Entity& e, const AttrLogType& type) {
   auto it = local_.find(&e);
   if (it != local_.end()) return *it->second;
-  Ptr<KivNboAttrLogSaBase> sa = kivNboAttrLogSaIs(e, type, 0, 0, nullptr, nullptr);
-  sa->readOnlyProxyIs(true);
-  sa->childChanged = [this](KivNboAttrLogSaBase& p, const AttrLogAttr& a, const std::string& k, bool present) {
+  Ptr<Entity::KivNboAttrLogSa> sa = kivNboAttrLogSaIs(e, type, 0, 0, nullptr, nullptr);
+  sa->readOnlyProxyIs(!converted_);
+  sa->convertProxy = [this] {
+    if (!convertible_) return false;
+    converted_ = true;
+    for (auto& [x, other] : local_) other->readOnlyProxyIs(false);
+    return true;
+  };
+  sa->childChanged = [this](Entity::KivNboAttrLogSa& p, const AttrLogAttr& a, const std::string& k, bool present) {
     if (!present) {
       if (Entity* c = a.child(p.entity(), k)) dropTree(c);
     }
@@ -135,14 +157,14 @@ void TreeReplica::dropTree(Entity* gone) {
 
 void TreeReplica::syncModeIs(uint8_t mode) {
   // Copy: a sweep may drop adapters of children that went.
-  std::vector<Ptr<KivNboAttrLogSaBase>> all;
+  std::vector<Ptr<Entity::KivNboAttrLogSa>> all;
   for (auto& [e, sa] : local_) all.push_back(sa);
   for (auto& sa : all) {
     if (sa->active()) sa->syncModeIs(mode);
   }
 }
 
-KivNboAttrLogSaBase& TreeReplica::handle(uint32_t h) const {
+Entity::KivNboAttrLogSa& TreeReplica::handle(uint32_t h) const {
   auto it = handles_.find(h);
   if (it == handles_.end()) throw WireError("unknown entity " + std::to_string(h));
   return *it->second;
@@ -153,7 +175,32 @@ void TreeReplica::connectionEnd() {
   synced_ = false;
 }
 
+Entity* TreeReplica::resolve(std::string_view path) const {
+  Entity* e = root_.ptr();
+  std::vector<std::string> keys;
+  while (!path.empty() && e != nullptr) {
+    const size_t slash = path.find('/');
+    const std::string_view name = path.substr(0, slash);
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    auto it = local_.find(e);
+    if (it == local_.end()) return nullptr;
+    Entity* next = nullptr;
+    for (const AttrLogAttr& a : it->second->logType().attrs) {
+      if (a.kind != AttrLogKind::children || next != nullptr) continue;
+      keys.clear();
+      a.keys(*e, keys);
+      for (const std::string& k : keys) {
+        Entity* c = a.child(*e, k);
+        if (c != nullptr && c->name().stdString() == name) next = c;
+      }
+    }
+    e = next;
+  }
+  return e;
+}
+
 void TreeReplica::handleRecord(RecordType t, WireReader& in) {
+  RefScope refs(nullptr, &resolver_);
   switch (t) {
     case RecordType::hello:
       hello(in);
@@ -163,7 +210,7 @@ void TreeReplica::handleRecord(RecordType t, WireReader& in) {
       return;
     case RecordType::attr:
     case RecordType::member: {
-      KivNboAttrLogSaBase& sa = handle(in.u32());
+      Entity::KivNboAttrLogSa& sa = handle(in.u32());
       const AttrId id = in.i32();
       const AttrLogAttr* a = sa.logType().attr(id);
       if (t == RecordType::member && a != nullptr && a->kind == AttrLogKind::children) {
@@ -172,7 +219,7 @@ void TreeReplica::handleRecord(RecordType t, WireReader& in) {
         std::string key;
         a->readMember(peek, key);
         Entity* before = a->child(sa.entity(), key);
-        Ptr<KivNboAttrLogSaBase> keep(&sa);
+        Ptr<Entity::KivNboAttrLogSa> keep(&sa);
         sa.handleAttrDeserialization(id, 0, 1, in);
         if (before != nullptr && a->child(sa.entity(), key) != before) dropTree(before);
         if (applied) applied(sa.entity(), *a, &key);
@@ -186,13 +233,13 @@ void TreeReplica::handleRecord(RecordType t, WireReader& in) {
         WireReader peek = in;
         a->readMember(peek, key);
       }
-      Ptr<KivNboAttrLogSaBase> keep(&sa);
+      Ptr<Entity::KivNboAttrLogSa> keep(&sa);
       sa.handleAttrDeserialization(id, 0, 1, in);
       if (applied) applied(sa.entity(), *a, t == RecordType::member ? &key : nullptr);
       return;
     }
     case RecordType::transaction: {
-      KivNboAttrLogSaBase& sa = handle(in.u32());
+      Entity::KivNboAttrLogSa& sa = handle(in.u32());
       const AttrId id = in.i32();
       const uint8_t marker = in.u8();
       in.end();
@@ -255,7 +302,7 @@ void TreeReplica::orphan(WireReader& in) {
   // Find (or make) the entity, then decode its values whole before applying.
   Entity* e = root_.ptr();
   const AttrLogType* type = &type_;
-  KivNboAttrLogSaBase* parentSa = nullptr;
+  Entity::KivNboAttrLogSa* parentSa = nullptr;
   if (parent != 0) {
     parentSa = &handle(parent);
     const AttrLogAttr* a = parentSa->logType().attr(attr);
@@ -264,7 +311,7 @@ void TreeReplica::orphan(WireReader& in) {
     if (typeName != type->name) throw WireError("orphan of type " + std::string(typeName));
     std::vector<std::pair<AttrId, std::string>> keys;
     WireReader v(values);
-    auto appliers = KivNboAttrLogSaBase::readOrphanValues(*type, v, keys);
+    auto appliers = Entity::KivNboAttrLogSa::readOrphanValues(*type, v, keys);
     // The child's member record came first; make it if it did not.
     e = a->child(parentSa->entity(), key);
     if (e == nullptr) {
@@ -276,7 +323,7 @@ void TreeReplica::orphan(WireReader& in) {
       e = a->child(parentSa->entity(), key);
       if (e == nullptr) throw WireError("orphan child could not be made");
     }
-    KivNboAttrLogSaBase& sa = adapterOf(*e, *type);
+    Entity::KivNboAttrLogSa& sa = adapterOf(*e, *type);
     handles_[h] = &sa;
     sa.applyOrphan(appliers, keys);
     return;
@@ -284,8 +331,8 @@ void TreeReplica::orphan(WireReader& in) {
   if (typeName != type->name) throw WireError("orphan of type " + std::string(typeName));
   std::vector<std::pair<AttrId, std::string>> keys;
   WireReader v(values);
-  auto appliers = KivNboAttrLogSaBase::readOrphanValues(*type, v, keys);
-  KivNboAttrLogSaBase& sa = adapterOf(*e, *type);
+  auto appliers = Entity::KivNboAttrLogSa::readOrphanValues(*type, v, keys);
+  Entity::KivNboAttrLogSa& sa = adapterOf(*e, *type);
   handles_[h] = &sa;
   sa.applyOrphan(appliers, keys);
 }

@@ -41,9 +41,9 @@ class TreePublisher : public FlowOutClient {
 
  private:
   AttrId resumeFlowOut(AttrId id) override;
-  void attach(Entity& e, const AttrLogType& type, KivNboAttrLogSaBase* parent, AttrId attr, const std::string& key);
+  void attach(Entity& e, const AttrLogType& type, Entity::KivNboAttrLogSa* parent, AttrId attr, const std::string& key);
   void detachTree(Entity* e);
-  void onChild(KivNboAttrLogSaBase& parent, const AttrLogAttr& a, const std::string& key, bool present);
+  void onChild(Entity::KivNboAttrLogSa& parent, const AttrLogAttr& a, const std::string& key, bool present);
 
   Ptr<Entity> root_;
   const AttrLogType& type_;
@@ -51,7 +51,7 @@ class TreePublisher : public FlowOutClient {
   uint64_t incarnation_;
   uint32_t nextHandle_ = 1;
   bool synced_ = false;
-  std::map<Entity*, Ptr<KivNboAttrLogSaBase>> adapters_;
+  std::map<Entity*, Ptr<Entity::KivNboAttrLogSa>> adapters_;
 };
 
 class TreeReplica {
@@ -66,25 +66,34 @@ class TreeReplica {
   // The connection went: handles are forgotten, local state stays.
   void connectionEnd();
   bool synced() const { return synced_; }
+  Entity* root() const { return root_.ptr(); }
   uint64_t incarnation() const { return incarnation_; }
   size_t adapters() const { return local_.size(); }
+  // Whether a local write may turn the read-only proxies of the tree into
+  // writable entities (they then stop refusing, and stay so); off by default.
+  void convertibleIs(bool on) { convertible_ = on; }
+  bool converted() const { return converted_; }
   // Told after each attribute or member record was applied (tools).
   std::function<void(const Entity&, const AttrLogAttr&, const std::string* key)> applied;
 
  private:
   void hello(WireReader& in);
   void orphan(WireReader& in);
-  KivNboAttrLogSaBase& handle(uint32_t h) const;
-  KivNboAttrLogSaBase& adapterOf(Entity& e, const AttrLogType& type);
+  Entity::KivNboAttrLogSa& handle(uint32_t h) const;
+  Entity* resolve(std::string_view path) const;
+  Entity::KivNboAttrLogSa& adapterOf(Entity& e, const AttrLogType& type);
   void dropTree(Entity* gone);
   void syncModeIs(uint8_t mode);
 
   Ptr<Entity> root_;
   const AttrLogType& type_;
-  std::map<uint32_t, Ptr<KivNboAttrLogSaBase>> handles_;
-  std::map<Entity*, Ptr<KivNboAttrLogSaBase>> local_;
+  std::map<uint32_t, Ptr<Entity::KivNboAttrLogSa>> handles_;
+  std::map<Entity*, Ptr<Entity::KivNboAttrLogSa>> local_;
   uint64_t incarnation_ = 0;
   bool synced_ = false;
+  bool convertible_ = false;
+  bool converted_ = false;
+  Resolver resolver_;
 };
 
 }  // namespace Kiv::NboAttrLog

@@ -7,7 +7,15 @@
 //       kCounterRouteId, "counterRoute")
 //   Kiv::logChildren<VrfConfig, Config, VrfConfig::ConfigMap, <getter>, &VrfConfig::configIs, <xDel(key)>>(
 //       kConfigId, "config")
-//   Kiv::logSkipped(kFastdropDefaultId, "fastdropDefault")   // constants, tables, back pointers
+//   Kiv::logRef<Tree, Leaf, &Tree::root, &Tree::rootIs>(kRootId, "root")   // Kiv::Ptr attributes
+//   Kiv::logCtor<RouteStatus, IpGenRouteKey, &RouteStatus::key>(kKeyId, "key")
+//   Kiv::logTable<Tree, Tree::EntriesTable, <mutable getter>, &Tree::entriesNotify,
+//                 &Tree::entriesNotifyCollection>(kEntriesId, "entries")
+//   Kiv::logSkipped(kFastdropDefaultId, "fastdropDefault")   // constants, back pointers
+// References travel as paths (attr_log_ref.h); a constructor attribute is
+// sent with the entity and checked by the reader, whose entity was built with
+// it; a shared table travels as the path it is mounted at, never its rows:
+// the reader mounts the same table as a reader.
 // Overloaded members (the map getter, xDel) are named by a cast to the one
 // meant. Keys travel and are kept (dirty keys, bookmarks) in their wire encoding.
 //
@@ -21,11 +29,12 @@
 #include <vector>
 
 #include "mroute/entity/kiv/entity.h"
+#include "mroute/entity/replication/attr_log_ref.h"
 #include "mroute/entity/replication/wire.h"
+#include "mroute/kivbrume/attach_on_parent.h"
 
 namespace Kiv {
 
-class KivNboAttrLogSaBase;
 struct AttrLogType;
 
 // Sets what a decoded record carries; made only after the whole record was read.
@@ -37,6 +46,7 @@ struct AttrLogAttr {
   AttrId id = 0;
   const char* name = "";
   AttrLogKind kind = AttrLogKind::skipped;
+  bool reference = false;  // its values are Kiv::Ptr: sent again once the tree is out
   void (*writeValue)(const Entity&, NboAttrLog::WireWriter&) = nullptr;
   Applier (*readValue)(NboAttrLog::WireReader&) = nullptr;
   // Collections and children.
@@ -57,11 +67,11 @@ struct AttrLogAttr {
 
 struct AttrLogType {
   AttrLogType(const char* name, std::vector<AttrLogAttr> attrs,
-              Ptr<KivNboAttrLogSaBase> (*newSa)(Entity&, const AttrLogType&));
+              Ptr<Entity::KivNboAttrLogSa> (*newSa)(Entity&, const AttrLogType&));
 
   const char* name;                // the qualified type name
   std::vector<AttrLogAttr> attrs;  // in id order
-  Ptr<KivNboAttrLogSaBase> (*newSa)(Entity&, const AttrLogType&);
+  Ptr<Entity::KivNboAttrLogSa> (*newSa)(Entity&, const AttrLogType&);
   size_t scalars = 0;              // dirty bits 1..scalars
 
   // The attribute with this id, or null.
@@ -99,6 +109,87 @@ AttrLogAttr logScalar(AttrId id, const char* name) {
     return [v = NboAttrLog::Wire<T>::read(r)](Entity& e) { (static_cast<E&>(e).*set)(v); };
   };
   a.valueText = [](const Entity& e) { return textOf<T>((static_cast<const E&>(e).*get)()); };
+  a.reference = NboAttrLog::isRef<T>;
+  return a;
+}
+
+namespace attr_log_internal {
+template <class C, class P>
+constexpr bool takesValidPtr(void (C::*)(const ValidPtr<P>&)) {
+  return true;
+}
+template <class S>
+constexpr bool takesValidPtr(S) {
+  return false;
+}
+}  // namespace attr_log_internal
+
+// A reference; one that must not be null (its setter takes a ValidPtr) keeps
+// its value while the reader cannot resolve the new one yet.
+template <class E, class T, auto get, auto set>
+AttrLogAttr logRef(AttrId id, const char* name) {
+  AttrLogAttr a = logScalar<E, Ptr<T>, get, set>(id, name);
+  if constexpr (attr_log_internal::takesValidPtr(set)) {
+    a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
+      return [v = NboAttrLog::Wire<Ptr<T>>::read(r)](Entity& e) {
+        if (v) (static_cast<E&>(e).*set)(v);
+      };
+    };
+  }
+  return a;
+}
+
+// Set at construction: sent with the entity, and the reader's must agree.
+template <class E, class T, auto get>
+AttrLogAttr logCtor(AttrId id, const char* name) {
+  AttrLogAttr a = logSkipped(id, name);
+  a.kind = AttrLogKind::scalar;
+  a.writeValue = [](const Entity& e, NboAttrLog::WireWriter& w) {
+    NboAttrLog::Wire<T>::write(w, (static_cast<const E&>(e).*get)());
+  };
+  a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
+    return [v = NboAttrLog::Wire<T>::read(r)](Entity& e) {
+      const T& mine = (static_cast<const E&>(e).*get)();
+      if (!(mine == v)) {
+        throw NboAttrLog::WireError("constructor attribute of " + entityPath(e) + " is " + textOf<T>(mine) +
+                                    " here, " + textOf<T>(v) + " at the writer");
+      }
+    };
+  };
+  a.valueText = [](const Entity& e) { return textOf<T>((static_cast<const E&>(e).*get)()); };
+  return a;
+}
+
+// A shared table: the path it is mounted at ("" when it is not). The reader
+// mounts the table there as a reader when its process has an attach context
+// (an event loop for tables), and tells its notifiees of the rows as the
+// table reports them.
+template <class E, class Table, auto get, auto notifyKey, auto notifyAll>
+AttrLogAttr logTable(AttrId id, const char* name) {
+  AttrLogAttr a = logSkipped(id, name);
+  a.kind = AttrLogKind::scalar;
+  a.writeValue = [](const Entity& e, NboAttrLog::WireWriter& w) {
+    const Table& t = (const_cast<E&>(static_cast<const E&>(e)).*get)();
+    w.bytes(t.front() ? std::string_view(t.front()->mountPath()) : std::string_view());
+  };
+  a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
+    return [path = std::string(r.bytes())](Entity& e) {
+      E& x = static_cast<E&>(e);
+      Table& t = (x.*get)();
+      if (path.empty()) {
+        t.unmount();
+        return;
+      }
+      const KivBrume::AttachContext& c = KivBrume::attachContext();
+      if (c.loop == nullptr || (t.front() && t.front()->mountPath() == path)) return;
+      t.mount(*c.loop, path, Brume::BrumeType::reader, [&x](const typename Table::key_type& k) { (x.*notifyKey)(k); },
+              [&x] { (x.*notifyAll)(); });
+    };
+  };
+  a.valueText = [](const Entity& e) {
+    const Table& t = (const_cast<E&>(static_cast<const E&>(e)).*get)();
+    return t.front() ? t.front()->mountPath() + " (" + std::to_string(t.size()) + " rows)" : std::string("None");
+  };
   return a;
 }
 
@@ -110,6 +201,7 @@ AttrLogAttr collBase(AttrId id, const char* name) {
   using V = typename Map::mapped_type;
   AttrLogAttr a = logSkipped(id, name);
   a.kind = AttrLogKind::collection;
+  a.reference = NboAttrLog::isRef<V>;
   a.keys = [](const Entity& e, std::vector<std::string>& out) {
     for (const auto& [k, v] : (static_cast<const E&>(e).*get)()) out.push_back(NboAttrLog::wireBytes(k));
   };

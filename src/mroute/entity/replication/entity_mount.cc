@@ -20,10 +20,13 @@ WriterMount::WriterMount(Mroute::Loop::EventLoop& loop, std::string_view mountPa
                          const AttrLogType& type)
     : loop_(loop), root_(root), type_(type), incarnation_(newIncarnation()) {
   listener_ = std::make_unique<Listener>(loop_, socketPath(mountPath), [this](int fd) { accept(fd); });
+  mountPath_ = std::string(mountPath);
+  mountedRootIs(mountPath_, root_.ptr());
   MROUTE_TRACE(traceFacility(), 3, "WriterMount: serving " << listener_->path());
 }
 
 WriterMount::~WriterMount() {
+  mountedRootDel(mountPath_, root_.ptr());
   listener_.reset();
   for (Session& s : sessions_) {
     s.publisher.reset();
@@ -63,11 +66,14 @@ ReaderMount::ReaderMount(Mroute::Loop::EventLoop& loop, std::string_view mountPa
       path_(socketPath(mountPath)),
       replica_(root, type),
       retry_(loop, [this] { tryConnect(); }),
-      retryEvery_(retry) {
+      retryEvery_(retry),
+      mountPath_(mountPath) {
+  mountedRootIs(mountPath_, root.ptr());
   tryConnect();
 }
 
 ReaderMount::~ReaderMount() {
+  mountedRootDel(mountPath_, replica_.root());
   if (in_) in_->close();
 }
 

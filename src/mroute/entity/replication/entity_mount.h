@@ -60,6 +60,7 @@ class WriterMount {
   uint64_t incarnation_;
   std::list<Session> sessions_;
   uint64_t blockedBefore_ = 0;  // of readers that went
+  std::string mountPath_;
   std::unique_ptr<Listener> listener_;
 };
 
@@ -93,6 +94,7 @@ class ReaderMount {
   Mroute::Loop::Timer retry_;
   std::chrono::milliseconds retryEvery_;
   uint64_t connections_ = 0;
+  std::string mountPath_;
 };
 
 }  // namespace Kiv::NboAttrLog

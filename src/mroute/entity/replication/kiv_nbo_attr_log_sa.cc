@@ -13,8 +13,8 @@ using NboAttrLog::WireWriter;
 namespace {
 
 // The live adapters of this thread's loop, by entity and channel.
-std::map<std::pair<const Entity*, const NboAttrLog::Out*>, Ptr<KivNboAttrLogSaBase>>& adapters() {
-  thread_local std::map<std::pair<const Entity*, const NboAttrLog::Out*>, Ptr<KivNboAttrLogSaBase>> m;
+std::map<std::pair<const Entity*, const NboAttrLog::Out*>, Ptr<Entity::KivNboAttrLogSa>>& adapters() {
+  thread_local std::map<std::pair<const Entity*, const NboAttrLog::Out*>, Ptr<Entity::KivNboAttrLogSa>> m;
   return m;
 }
 
@@ -34,7 +34,7 @@ class FlowIn {
 }  // namespace
 
 AttrLogType::AttrLogType(const char* n, std::vector<AttrLogAttr> a,
-                         Ptr<KivNboAttrLogSaBase> (*make)(Entity&, const AttrLogType&))
+                         Ptr<Entity::KivNboAttrLogSa> (*make)(Entity&, const AttrLogType&))
     : name(n), attrs(std::move(a)), newSa(make) {
   for (size_t i = 0; i < attrs.size(); ++i) {
     const AttrId id = attrs[i].id;
@@ -66,12 +66,12 @@ bool FlowOut::hasDirtyAttributes() const {
   return false;
 }
 
-KivNboAttrLogSaBase::KivNboAttrLogSaBase(Entity& entity, const AttrLogType& type) : entity_(&entity), type_(type) {}
+Entity::KivNboAttrLogSa::KivNboAttrLogSa(Entity& entity, const AttrLogType& type) : entity_(&entity), type_(type) {}
 
-KivNboAttrLogSaBase::~KivNboAttrLogSaBase() { release(); }
+Entity::KivNboAttrLogSa::~KivNboAttrLogSa() { release(); }
 
-void KivNboAttrLogSaBase::attach(uint32_t notifieeBits, uint32_t handle, const Ptr<NboAttrLog::Out>& out,
-                                 KivNboAttrLogSaBase* parent, AttrId attrInParent, std::string keyInParent) {
+void Entity::KivNboAttrLogSa::attach(uint32_t notifieeBits, uint32_t handle, const Ptr<NboAttrLog::Out>& out,
+                                 Entity::KivNboAttrLogSa* parent, AttrId attrInParent, std::string keyInParent) {
   notifieeBits_ = notifieeBits;
   handle_ = handle;
   out_ = out;
@@ -82,18 +82,19 @@ void KivNboAttrLogSaBase::attach(uint32_t notifieeBits, uint32_t handle, const P
   stateBits_ |= kActiveBit;
 }
 
-void KivNboAttrLogSaBase::detach() {
+void Entity::KivNboAttrLogSa::detach() {
   reactorIs(false);
   release();
 }
 
-void KivNboAttrLogSaBase::release() {
+void Entity::KivNboAttrLogSa::release() {
   stateBits_ &= ~kActiveBit;
+  if (entity_->writeGuard() == this) entity_->writeGuardIs(nullptr);
   if (out_) out_->flowOutDel(this);
   flowOut_.reset();
 }
 
-void KivNboAttrLogSaBase::hasNotificationActiveIs(bool on) {
+void Entity::KivNboAttrLogSa::hasNotificationActiveIs(bool on) {
   if (on) {
     stateBits_ |= kActiveBit;
   } else {
@@ -101,23 +102,40 @@ void KivNboAttrLogSaBase::hasNotificationActiveIs(bool on) {
   }
 }
 
-void KivNboAttrLogSaBase::kivDoZombieReactors(bool zombie) {
+void Entity::KivNboAttrLogSa::kivDoZombieReactors(bool zombie) {
   // A dying entity's reactors do no further work.
   if (zombie) detach();
 }
 
-Ptr<KivNboAttrLogSaBase> KivNboAttrLogSaBase::cloneSa() {
-  Ptr<KivNboAttrLogSaBase> sa = type_.newSa(*entity_, type_);
-  sa->readOnly_ = readOnly_;
+Ptr<Entity::KivNboAttrLogSa> Entity::KivNboAttrLogSa::cloneSa() {
+  Ptr<Entity::KivNboAttrLogSa> sa = type_.newSa(*entity_, type_);
   sa->attach(notifieeBits_, handle_, out_, parent_, attrInParent_, keyInParent_);
+  sa->convertProxy = convertProxy;
+  sa->readOnlyProxyIs(readOnly_);
   return sa;
 }
 
-void KivNboAttrLogSaBase::refuseReadOnly() const {
+void Entity::KivNboAttrLogSa::readOnlyProxyIs(bool on) {
+  readOnly_ = on;
+  if (on) {
+    entity_->writeGuardIs(this);
+  } else if (entity_->writeGuard() == this) {
+    entity_->writeGuardIs(nullptr);
+  }
+}
+
+void Entity::KivNboAttrLogSa::writeCheck(const Entity&, AttrId) {
+  // The adapter's own incoming changes, and those of a stopped adapter, pass.
+  if (!readOnly_ || !active() || handlingFlowIn_) return;
+  if (convertProxy && convertProxy() && !readOnly_) return;
+  refuseReadOnly();
+}
+
+void Entity::KivNboAttrLogSa::refuseReadOnly() const {
   throw Pavo::NoPermissionException("write-update from readonly proxy: " + entity_->name().stdString());
 }
 
-FlowOut& KivNboAttrLogSaBase::flowOutIs() {
+FlowOut& Entity::KivNboAttrLogSa::flowOutIs() {
   if (!flowOut_) {
     flowOut_ = std::make_unique<FlowOut>();
     flowOut_->path = entity_->name().stdString();
@@ -131,9 +149,9 @@ FlowOut& KivNboAttrLogSaBase::flowOutIs() {
   return *flowOut_;
 }
 
-void KivNboAttrLogSaBase::onAttr(AttrId id) {
-  if (!active() || handlingFlowIn_) return;
-  if (readOnly_) refuseReadOnly();
+void Entity::KivNboAttrLogSa::onAttr(AttrId id) {
+  // A proxy has nothing to send: its local writes were refused or converted.
+  if (!active() || handlingFlowIn_ || readOnly_ || !out_) return;
   const AttrLogAttr* a = type_.attr(id);
   if (a == nullptr || a->kind != AttrLogKind::scalar) return;
   if (room() && !(flowOut_ && flowOut_->orphanPending)) {
@@ -144,9 +162,9 @@ void KivNboAttrLogSaBase::onAttr(AttrId id) {
   }
 }
 
-void KivNboAttrLogSaBase::onMemberKey(AttrId id, const std::string& key) {
-  if (!active() || handlingFlowIn_) return;
-  if (readOnly_) refuseReadOnly();
+void Entity::KivNboAttrLogSa::onMemberKey(AttrId id, const std::string& key) {
+  // A proxy has nothing to send: its local writes were refused or converted.
+  if (!active() || handlingFlowIn_ || readOnly_ || !out_) return;
   const AttrLogAttr* a = type_.attr(id);
   if (a == nullptr || a->kind == AttrLogKind::skipped || a->kind == AttrLogKind::scalar) return;
   if (room() && !(flowOut_ && flowOut_->orphanPending)) {
@@ -163,7 +181,8 @@ void KivNboAttrLogSaBase::onMemberKey(AttrId id, const std::string& key) {
   }
 }
 
-void KivNboAttrLogSaBase::sendAttr(const AttrLogAttr& a) {
+void Entity::KivNboAttrLogSa::sendAttr(const AttrLogAttr& a) {
+  NboAttrLog::RefScope refs(a.reference ? NboAttrLog::treeRoot(*entity_) : nullptr, nullptr);
   out_->record(RecordType::attr, [&](WireWriter& w) {
     w.u32(handle_);
     w.i32(a.id);
@@ -171,7 +190,8 @@ void KivNboAttrLogSaBase::sendAttr(const AttrLogAttr& a) {
   });
 }
 
-void KivNboAttrLogSaBase::sendMember(const AttrLogAttr& a, const std::string& key) {
+void Entity::KivNboAttrLogSa::sendMember(const AttrLogAttr& a, const std::string& key) {
+  NboAttrLog::RefScope refs(a.reference ? NboAttrLog::treeRoot(*entity_) : nullptr, nullptr);
   out_->record(RecordType::member, [&](WireWriter& w) {
     w.u32(handle_);
     w.i32(a.id);
@@ -182,7 +202,7 @@ void KivNboAttrLogSaBase::sendMember(const AttrLogAttr& a, const std::string& ke
   });
 }
 
-void KivNboAttrLogSaBase::sendTransaction(AttrId id, uint8_t marker) {
+void Entity::KivNboAttrLogSa::sendTransaction(AttrId id, uint8_t marker) {
   out_->record(RecordType::transaction, [&](WireWriter& w) {
     w.u32(handle_);
     w.i32(id);
@@ -190,7 +210,7 @@ void KivNboAttrLogSaBase::sendTransaction(AttrId id, uint8_t marker) {
   });
 }
 
-bool KivNboAttrLogSaBase::kivHandleSerializeColl(const AttrLogAttr& a) {
+bool Entity::KivNboAttrLogSa::kivHandleSerializeColl(const AttrLogAttr& a) {
   auto it = flowOut_->dirtyKeys.find(a.id);
   if (it == flowOut_->dirtyKeys.end()) return true;
   auto& keys = it->second;
@@ -222,7 +242,7 @@ bool KivNboAttrLogSaBase::kivHandleSerializeColl(const AttrLogAttr& a) {
   return true;
 }
 
-AttrId KivNboAttrLogSaBase::handleAttrFlowOut(AttrId id) {
+AttrId Entity::KivNboAttrLogSa::handleAttrFlowOut(AttrId id) {
   if (!flowOut_ || !out_ || !active()) return 0;
   FlowOut& fo = *flowOut_;
   while (!fo.pendingAbortedTransactions.empty() && room()) {
@@ -263,14 +283,14 @@ AttrId KivNboAttrLogSaBase::handleAttrFlowOut(AttrId id) {
   return kFirstAttrId;
 }
 
-void KivNboAttrLogSaBase::freeResyncState(FlowOut& flowOut) {
+void Entity::KivNboAttrLogSa::freeResyncState(FlowOut& flowOut) {
   const AttrLogAttr* a = type_.attr(flowOut.currentAttr);
   if (a != nullptr && (a->kind == AttrLogKind::collection || a->kind == AttrLogKind::children) && out_) {
     out_->bookmarkDel(handle_, a->id);
   }
 }
 
-void KivNboAttrLogSaBase::handleAttrTransaction(AttrId id, int type, uint32_t) {
+void Entity::KivNboAttrLogSa::handleAttrTransaction(AttrId id, int type, uint32_t) {
   if (inFlowAttr_ != kNoAttrId && type == 2 && inFlowAttr_ == id) inFlowTransaction_ = true;
   if (inFlowAttr_ == kNoAttrId && active() && type == 0) inFlowAttr_ = id;
   const AttrLogAttr* a = type_.attr(id);
@@ -297,7 +317,7 @@ void KivNboAttrLogSaBase::handleAttrTransaction(AttrId id, int type, uint32_t) {
   }
 }
 
-void KivNboAttrLogSaBase::doNotification(AttrId id, const std::string& key) {
+void Entity::KivNboAttrLogSa::doNotification(AttrId id, const std::string& key) {
   const AttrLogAttr* a = type_.attr(id < 0 ? -id : id);
   if (a == nullptr) return;
   if (a->kind == AttrLogKind::scalar && id > 0) {
@@ -307,7 +327,7 @@ void KivNboAttrLogSaBase::doNotification(AttrId id, const std::string& key) {
   }
 }
 
-void KivNboAttrLogSaBase::syncModeIs(uint8_t mode) {
+void Entity::KivNboAttrLogSa::syncModeIs(uint8_t mode) {
   syncMode_ = mode;
   if (NboAttrLog::kWireVersion >= 2 || !active()) return;
   for (const AttrLogAttr& a : type_.attrs) {
@@ -317,16 +337,22 @@ void KivNboAttrLogSaBase::syncModeIs(uint8_t mode) {
   }
 }
 
-void KivNboAttrLogSaBase::handleAttrDeserialization(AttrId id, uint32_t, uint32_t, NboAttrLog::WireReader& in) {
+void Entity::KivNboAttrLogSa::handleAttrDeserialization(AttrId id, uint32_t, uint32_t, NboAttrLog::WireReader& in) {
   const AttrLogAttr* a = type_.attr(id);
   if (a == nullptr || a->kind == AttrLogKind::skipped) {
     throw NboAttrLog::WireError("no logged attribute " + std::to_string(id) + " in " + type_.name);
   }
+  if (a->kind == AttrLogKind::scalar) {
+    // The common record: one value, no key to unmark, nothing to gather.
+    const Applier apply = a->readValue(in);
+    in.end();
+    FlowIn flowIn(handlingFlowIn_);
+    apply(*entity_);
+    return;
+  }
   std::vector<std::pair<AttrId, Applier>> appliers;
   std::vector<std::pair<AttrId, std::string>> keys;
-  if (a->kind == AttrLogKind::scalar) {
-    appliers.emplace_back(id, a->readValue(in));
-  } else {
+  {
     std::string key;
     appliers.emplace_back(id, a->readMember(in, key));
     keys.emplace_back(id, std::move(key));
@@ -335,7 +361,7 @@ void KivNboAttrLogSaBase::handleAttrDeserialization(AttrId id, uint32_t, uint32_
   applyIncoming(appliers, keys);
 }
 
-void KivNboAttrLogSaBase::applyIncoming(const std::vector<std::pair<AttrId, Applier>>& appliers,
+void Entity::KivNboAttrLogSa::applyIncoming(const std::vector<std::pair<AttrId, Applier>>& appliers,
                                         const std::vector<std::pair<AttrId, std::string>>& keys) {
   for (const auto& [id, key] : keys) {
     auto it = marked_.find(id);
@@ -345,7 +371,7 @@ void KivNboAttrLogSaBase::applyIncoming(const std::vector<std::pair<AttrId, Appl
   for (const auto& [id, apply] : appliers) apply(*entity_);
 }
 
-void KivNboAttrLogSaBase::applyOrphan(const std::vector<std::pair<AttrId, Applier>>& appliers,
+void Entity::KivNboAttrLogSa::applyOrphan(const std::vector<std::pair<AttrId, Applier>>& appliers,
                                       const std::vector<std::pair<AttrId, std::string>>& keys) {
   applyIncoming(appliers, keys);
   std::map<AttrId, std::set<std::string>> sent;
@@ -365,11 +391,12 @@ void KivNboAttrLogSaBase::applyOrphan(const std::vector<std::pair<AttrId, Applie
   }
 }
 
-void KivNboAttrLogSaBase::doSerializeOrphan() {
+void Entity::KivNboAttrLogSa::doSerializeOrphan() {
   if (!room()) {
     flowOutIs().orphanPending = true;
     return;
   }
+  NboAttrLog::RefScope refs(NboAttrLog::treeRoot(*entity_), nullptr);
   out_->record(RecordType::orphan, [&](WireWriter& w) {
     w.u32(handle_);
     w.u8(static_cast<uint8_t>(NboAttrLog::OrphanSection::typeName));
@@ -415,7 +442,7 @@ void KivNboAttrLogSaBase::doSerializeOrphan() {
   }
 }
 
-std::vector<std::pair<AttrId, Applier>> KivNboAttrLogSaBase::readOrphanValues(
+std::vector<std::pair<AttrId, Applier>> Entity::KivNboAttrLogSa::readOrphanValues(
     const AttrLogType& type, NboAttrLog::WireReader& in, std::vector<std::pair<AttrId, std::string>>& keys) {
   std::vector<std::pair<AttrId, Applier>> appliers;
   const uint32_t count = in.u32();
@@ -442,15 +469,15 @@ std::vector<std::pair<AttrId, Applier>> KivNboAttrLogSaBase::readOrphanValues(
   return appliers;
 }
 
-Ptr<KivNboAttrLogSaBase> kivNboAttrLogSaIs(Entity& e, const AttrLogType& type, uint32_t notifieeBits,
+Ptr<Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(Entity& e, const AttrLogType& type, uint32_t notifieeBits,
                                            uint32_t connectionId, const Ptr<NboAttrLog::Out>& out,
-                                           KivNboAttrLogSaBase* parent) {
+                                           Entity::KivNboAttrLogSa* parent) {
   auto& m = adapters();
   const auto key = std::make_pair(static_cast<const Entity*>(&e), static_cast<const NboAttrLog::Out*>(out.ptr()));
   if (auto it = m.find(key); it != m.end() && it->second->active()) {
     throw Pavo::InvalidInitializeException("entity reactor is already active");
   }
-  Ptr<KivNboAttrLogSaBase> sa = type.newSa(e, type);
+  Ptr<Entity::KivNboAttrLogSa> sa = type.newSa(e, type);
   sa->attach(notifieeBits, connectionId, out, parent, kNoAttrId, {});
   m[key] = sa;
   return sa;
@@ -460,12 +487,12 @@ void kivNboAttrLogSaDel(Entity& e, const NboAttrLog::Out* out) {
   auto& m = adapters();
   auto it = m.find({&e, out});
   if (it == m.end()) return;
-  Ptr<KivNboAttrLogSaBase> sa = it->second;
+  Ptr<Entity::KivNboAttrLogSa> sa = it->second;
   m.erase(it);
   sa->detach();
 }
 
-KivNboAttrLogSaBase* kivNboAttrLogSa(const Entity& e, const NboAttrLog::Out* out) {
+Entity::KivNboAttrLogSa* kivNboAttrLogSa(const Entity& e, const NboAttrLog::Out* out) {
   auto& m = adapters();
   auto it = m.find({&e, out});
   return it == m.end() ? nullptr : it->second.ptr();

@@ -7,8 +7,11 @@
 // An outgoing change, in this order:
 //   1. adapter inactive, or the change is being applied from this adapter's
 //      own incoming channel: nothing is sent (no echo);
-//   2. the adapter serves a read-only proxy: the write is refused with
-//      Pavo::NoPermissionException "write-update from readonly proxy: <name>";
+//   2. the adapter serves a read-only proxy: the proxy is converted to a
+//      writable entity when its owner allows (convertProxy), otherwise the
+//      write is refused with Pavo::NoPermissionException
+//      "write-update from readonly proxy: <name>" before anything is stored
+//      (the adapter is the entity's write guard);
 //   3. the channel has room: the dirty bit (dirty key) is cleared and the
 //      record is written;
 //   4. no room: the flow-out is made on demand and the dirty bit (dirty key)
@@ -28,6 +31,7 @@
 
 #include "mroute/entity/kiv/entity.h"
 #include "mroute/entity/replication/attr_log_type.h"
+#include "mroute/entity/replication/mount_types.h"
 #include "mroute/entity/replication/nbo_attr_log.h"
 
 namespace Kiv {
@@ -45,22 +49,22 @@ struct FlowOut {
   bool hasDirtyAttributes() const;
 };
 
-class KivNboAttrLogSaBase : public PtrInterface, public NboAttrLog::FlowOutClient {
+class Entity::KivNboAttrLogSa : public PtrInterface, public NboAttrLog::FlowOutClient, public Entity::WriteGuard {
  public:
   static constexpr uint32_t kActiveBit = 16;  // state bit 4: the adapter reacts
   static constexpr uint8_t kResyncMode = 2;
 
-  KivNboAttrLogSaBase(Entity& entity, const AttrLogType& type);
-  ~KivNboAttrLogSaBase() override;
-  KivNboAttrLogSaBase(const KivNboAttrLogSaBase&) = delete;
-  KivNboAttrLogSaBase& operator=(const KivNboAttrLogSaBase&) = delete;
+  KivNboAttrLogSa(Entity& entity, const AttrLogType& type);
+  ~KivNboAttrLogSa() override;
+  KivNboAttrLogSa(const KivNboAttrLogSa&) = delete;
+  KivNboAttrLogSa& operator=(const KivNboAttrLogSa&) = delete;
 
   // Attaches to the entity and the channel (out may be null: a reader).
   // `handle` numbers the entity on the channel; `parent` is the adapter of
   // the entity whose collection holds this one. Throws
   // Pavo::InvalidInitializeException "entity reactor is already active" when
   // the entity already has an active adapter on this channel.
-  void attach(uint32_t notifieeBits, uint32_t handle, const Ptr<NboAttrLog::Out>& out, KivNboAttrLogSaBase* parent,
+  void attach(uint32_t notifieeBits, uint32_t handle, const Ptr<NboAttrLog::Out>& out, Entity::KivNboAttrLogSa* parent,
               AttrId attrInParent, std::string keyInParent);
   void detach();
   // Where the entity sits in its parent: the child collection and key.
@@ -76,19 +80,23 @@ class KivNboAttrLogSaBase : public PtrInterface, public NboAttrLog::FlowOutClien
   bool active() const { return stateBits_ & kActiveBit; }
   void hasNotificationActiveIs(bool on);
   bool readOnlyProxy() const { return readOnly_; }
-  void readOnlyProxyIs(bool on) { readOnly_ = on; }
+  // A read-only proxy guards its entity against local writes.
+  void readOnlyProxyIs(bool on);
+  // Asked when a local write meets the read-only proxy: true when the owner
+  // of the proxy converted it (and its tree) to writable.
+  std::function<bool()> convertProxy;
   void kivDoZombieReactors(bool zombie);
   uint8_t syncMode() const { return syncMode_; }
   const FlowOut* flowOut() const { return flowOut_.get(); }
   // A fresh adapter for the same entity and channel.
-  Ptr<KivNboAttrLogSaBase> cloneSa();
+  Ptr<Entity::KivNboAttrLogSa> cloneSa();
 
   // The changes, called by the generated notifiee callbacks.
   void onAttr(AttrId id);
   void onMemberKey(AttrId id, const std::string& key);
   template <class K>
   void onMember(AttrId id, const K& k) {
-    if (!active() || handlingFlowIn_) return;
+    if (!active() || handlingFlowIn_ || readOnly_ || !out_) return;
     onMemberKey(id, NboAttrLog::wireBytes(k));
   }
 
@@ -116,10 +124,11 @@ class KivNboAttrLogSaBase : public PtrInterface, public NboAttrLog::FlowOutClien
 
   // Called when a child collection gained a member while this adapter
   // writes; the mount attaches the child's adapter.
-  std::function<void(KivNboAttrLogSaBase&, const AttrLogAttr&, const std::string&, bool present)> childChanged;
+  std::function<void(Entity::KivNboAttrLogSa&, const AttrLogAttr&, const std::string&, bool present)> childChanged;
 
  private:
   AttrId resumeFlowOut(AttrId id) override { return handleAttrFlowOut(id); }
+  void writeCheck(const Entity& e, AttrId id) override;
   FlowOut& flowOutIs();
   void sendAttr(const AttrLogAttr& a);
   void sendMember(const AttrLogAttr& a, const std::string& key);
@@ -131,7 +140,7 @@ class KivNboAttrLogSaBase : public PtrInterface, public NboAttrLog::FlowOutClien
   Ptr<Entity> entity_;
   const AttrLogType& type_;
   Ptr<NboAttrLog::Out> out_;
-  KivNboAttrLogSaBase* parent_ = nullptr;
+  Entity::KivNboAttrLogSa* parent_ = nullptr;
   AttrId attrInParent_ = kNoAttrId;
   std::string keyInParent_;
   uint32_t handle_ = 0;
@@ -157,25 +166,25 @@ class KivNboAttrLogSaBase : public PtrInterface, public NboAttrLog::FlowOutClien
 
 // The generated adapter of E: KivNboAttrLogSa derives from this.
 template <class E>
-class KivNboAttrLogSaOf : public KivNboAttrLogSaBase {
+class KivNboAttrLogSaOf : public Entity::KivNboAttrLogSa {
  public:
-  explicit KivNboAttrLogSaOf(E& e) : KivNboAttrLogSaBase(e, E::KivNboAttrLogSa::logType()) {}
-  E& entity() const { return static_cast<E&>(KivNboAttrLogSaBase::entity()); }
+  explicit KivNboAttrLogSaOf(E& e) : Entity::KivNboAttrLogSa(e, E::KivNboAttrLogSa::logType()) {}
+  E& entity() const { return static_cast<E&>(Entity::KivNboAttrLogSa::entity()); }
 };
 
 template <class E>
-Ptr<KivNboAttrLogSaBase> newKivNboAttrLogSa(Entity& e, const AttrLogType&) {
+Ptr<Entity::KivNboAttrLogSa> newKivNboAttrLogSa(Entity& e, const AttrLogType&) {
   return new typename E::KivNboAttrLogSa(static_cast<E&>(e));
 }
 
 // The adapter of `e` on `out`, attached and active (the entity's
 // kivNboAttrLogSaIs).
-Ptr<KivNboAttrLogSaBase> kivNboAttrLogSaIs(Entity& e, const AttrLogType& type, uint32_t notifieeBits,
+Ptr<Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(Entity& e, const AttrLogType& type, uint32_t notifieeBits,
                                            uint32_t connectionId, const Ptr<NboAttrLog::Out>& out,
-                                           KivNboAttrLogSaBase* parent);
+                                           Entity::KivNboAttrLogSa* parent);
 // Detaches and forgets the adapter of `e` on `out` (kivNboAttrLogSaDel).
 void kivNboAttrLogSaDel(Entity& e, const NboAttrLog::Out* out);
 // The adapter of `e` on `out`, or null.
-KivNboAttrLogSaBase* kivNboAttrLogSa(const Entity& e, const NboAttrLog::Out* out);
+Entity::KivNboAttrLogSa* kivNboAttrLogSa(const Entity& e, const NboAttrLog::Out* out);
 
 }  // namespace Kiv
