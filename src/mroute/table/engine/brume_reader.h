@@ -171,6 +171,7 @@ class BrumeReader {
     bool valid = false;
     Key key{};
     uint32_t bucket = 0;
+    uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
     uint32_t slot = 0;
     uint32_t rhash = 0;  // the slot's, which the key was checked against

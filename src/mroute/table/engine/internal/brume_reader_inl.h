@@ -237,8 +237,11 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     }
     cursor_.valid = false;
     // rb is bitReverse(b) (see belongs()); r's top bits pick the key's bucket.
-    if (!resume && key != nullptr) b = bitReverse(r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_))));
-    uint32_t rb = bitReverse(b);
+    uint32_t rb = resume ? cursor_.bucketRb : 0;
+    if (!resume && key != nullptr) {
+      rb = r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_)));
+      b = bitReverse(rb);
+    }
     uint32_t visited = 0;
     bool restart = false;
     while (!restart) {
@@ -298,7 +301,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
               os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
               corrupt(os.str());
             }
-            cursor_ = {true, Ops::keyOf(out), b, hv.version, ref, rh, nb};
+            cursor_ = {true, Ops::keyOf(out), b, rb, hv.version, ref, rh, nb};
             return true;
           }
         }
