@@ -11,10 +11,15 @@
 
 namespace Routing::Multicast::Fib::key_internal {
 
+// Texts are built by appending: GCC 12 at -O3 reports a false -Wrestrict
+// inside `"literal" + std::string` (the inlined insert at offset 0).
 template <class Prefix>
 std::string displayPrefix(const Prefix& p) {
   std::string out = p.address().text();
-  if (!p.isHost()) out += "/" + std::to_string(p.length());
+  if (!p.isHost()) {
+    out += '/';
+    out += std::to_string(p.length());
+  }
   return out;
 }
 
@@ -40,7 +45,14 @@ std::string display(const Key& key) {
       // (*,G) leaves out the group length even for a group prefix: log
       // readers match on "(*,232.0.0.0)".
       if (key.s().length() == 0) return "(*," + key.g().address().text() + ")";
-      return "(" + displayPrefix(key.s()) + "," + displayPrefix(key.g()) + ")";
+    {
+      std::string out = "(";
+      out += displayPrefix(key.s());
+      out += ',';
+      out += displayPrefix(key.g());
+      out += ')';
+      return out;
+    }
   }
   MROUTE_ASSERT(0 && "Unexpected RouteKey type");
   return std::string();
