@@ -36,12 +36,7 @@ std::string_view stringValue(RouteKeyType type) {
 
 std::string valueToStrep(RouteKeyType type) {
   if (type > routeKeyTypeMax) return std::to_string(static_cast<uint32_t>(type));
-  // Appended, not `"'" + std::string`: GCC 12 at -O3 reports a false
-  // -Wrestrict there.
-  std::string out = "'";
-  out += stringValue(type);
-  out += '\'';
-  return out;
+  return "'" + std::string(stringValue(type)) + "'";
 }
 
 bool sequenceToValue(const char* begin, const char* end, RouteKeyType& result) {

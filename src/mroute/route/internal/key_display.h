@@ -11,15 +11,10 @@
 
 namespace Routing::Multicast::Fib::key_internal {
 
-// Texts are built by appending: GCC 12 at -O3 reports a false -Wrestrict
-// inside `"literal" + std::string` (the inlined insert at offset 0).
 template <class Prefix>
 std::string displayPrefix(const Prefix& p) {
   std::string out = p.address().text();
-  if (!p.isHost()) {
-    out += '/';
-    out += std::to_string(p.length());
-  }
+  if (!p.isHost()) out += "/" + std::to_string(p.length());
   return out;
 }
 
@@ -45,14 +40,7 @@ std::string display(const Key& key) {
       // (*,G) leaves out the group length even for a group prefix: log
       // readers match on "(*,232.0.0.0)".
       if (key.s().length() == 0) return "(*," + key.g().address().text() + ")";
-    {
-      std::string out = "(";
-      out += displayPrefix(key.s());
-      out += ',';
-      out += displayPrefix(key.g());
-      out += ')';
-      return out;
-    }
+      return "(" + displayPrefix(key.s()) + "," + displayPrefix(key.g()) + ")";
   }
   MROUTE_ASSERT(0 && "Unexpected RouteKey type");
   return std::string();
