@@ -11,10 +11,16 @@
 //             word, then slot): what a lookup cannot beat
 // Prints ns per operation and each peer's time divided by ours. Lookups are
 // timed warm: every structure was read through once before (a long-lived
-// reader has its mapping faulted in).
+// reader has its mapping faulted in). Also: memory per entry when full, and
+// reader scaling for ours and Boost: aggregate lookups per second of 1 and 2
+// reader processes while the writer churns in-place updates.
+//
+// --benchmark_repetitions=N runs every figure N times and prints medians.
 //
 // Boost and LMDB are optional: without them their columns read "-".
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +32,9 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <new>
+#include <thread>
+#include <atomic>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -106,6 +115,9 @@ volatile uint64_t gSink;
 
 struct Figures {
   double lookup = -1, insert = -1, update = -1, remove = -1, iterate = -1;
+  double bytesPerEntry = -1;  // memory in use with every entry present
+  // Reader scaling: lookups/s of all readers, and the writer's updates/s.
+  double lookups1 = -1, lookups2 = -1, writes1 = -1, writes2 = -1;
 };
 
 struct Run {
@@ -134,6 +146,76 @@ std::string benchDir(const std::string& tag) {
   return d;
 }
 
+// ---- Reader scaling --------------------------------------------------------
+
+// Readers run in forked processes for a fixed time while the parent (the
+// writer) updates entries in place; counts meet in an anonymous shared page.
+constexpr auto kScalingTime = std::chrono::milliseconds(400);
+
+struct ScalingShared {
+  std::atomic<int> ready{0};
+  std::atomic<bool> go{false};
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> lookups[2];
+};
+
+// Runs `readers` processes of readerLoop(stop flag) -> lookups made, and
+// writeOne(i) in the parent until they stop. Returns {lookups/s, writes/s}.
+template <typename ReaderLoop, typename WriteOne>
+std::pair<double, double> scaling(int readers, ReaderLoop readerLoop, WriteOne writeOne) {
+  void* mem = ::mmap(nullptr, sizeof(ScalingShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (mem == MAP_FAILED) return {-1, -1};
+  auto* sh = new (mem) ScalingShared();
+  std::vector<pid_t> pids;
+  for (int i = 0; i < readers; ++i) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      sh->lookups[i] = readerLoop(*sh);
+      ::_exit(0);
+    }
+    if (pid > 0) pids.push_back(pid);
+  }
+  while (sh->ready.load() < static_cast<int>(pids.size())) std::this_thread::yield();
+  sh->go = true;
+  const auto start = Clock::now();
+  uint64_t writes = 0;
+  while (Clock::now() - start < kScalingTime) {
+    for (int k = 0; k < 64; ++k) writeOne(writes++);
+  }
+  sh->stop = true;
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  for (pid_t pid : pids) ::waitpid(pid, nullptr, 0);
+  uint64_t total = 0;
+  for (size_t i = 0; i < pids.size(); ++i) total += sh->lookups[i];
+  ::munmap(mem, sizeof(ScalingShared));
+  if (static_cast<int>(pids.size()) != readers) return {-1, -1};
+  return {static_cast<double>(total) / seconds, static_cast<double>(writes) / seconds};
+}
+
+// Lookups in random order until the writer says stop; the count.
+template <typename LookupOne>
+uint64_t readUntilStopped(ScalingShared& sh, const Run& run, LookupOne lookupOne) {
+  ++sh.ready;
+  while (!sh.go.load()) std::this_thread::yield();
+  uint64_t n = 0;
+  for (;;) {
+    for (uint32_t i : run.order) {
+      lookupOne(i);
+      if ((++n & 255) == 0 && sh.stop.load(std::memory_order_relaxed)) return n;
+    }
+  }
+}
+
+// Bytes the files of a table directory occupy (tmpfs pages in use).
+double dirBytes(const std::string& dir) {
+  double bytes = 0;
+  for (const auto& e : std::filesystem::directory_iterator(dir)) {
+    struct stat st {};
+    if (::stat(e.path().c_str(), &st) == 0) bytes += static_cast<double>(st.st_blocks) * 512.0;
+  }
+  return bytes;
+}
+
 // ---- Ours ------------------------------------------------------------------
 
 Figures benchOurs(const Run& run) {
@@ -152,6 +234,7 @@ Figures benchOurs(const Run& run) {
   auto t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) w.write(Stored(makeValue(i, 1)));
   f.insert = nsSince(t, run.n);
+  f.bytesPerEntry = dirBytes(dir) / run.n;
 
   Brume::BrumeReader<Ops> r{Mem::RootPath(dir)};
   if (!r.initialize()) {
@@ -181,6 +264,21 @@ Figures benchOurs(const Run& run) {
   }
   f.iterate = nsSince(t, count);
 
+  auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
+    Brume::BrumeReader<Ops> pr{Mem::RootPath(dir)};
+    if (!pr.initialize()) return 0;
+    Stored o;
+    uint64_t s = 0;
+    const uint64_t n = readUntilStopped(sh, run, [&](uint32_t i) {
+      if (pr.lookup(makeKey(i), o)) s += o.value.payload[3];
+    });
+    gSink = s;
+    return n;
+  };
+  auto writeOne = [&](uint64_t k) { w.write(Stored(makeValue(run.updateOrder[k % run.updates], version++))); };
+  std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
+  std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
+
   t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) w.remove(makeKey(i));
   f.remove = nsSince(t, run.n);
@@ -192,13 +290,34 @@ Figures benchOurs(const Run& run) {
 
 // ---- std::unordered_map ------------------------------------------------------
 
+// Counts the bytes the map holds (nodes and bucket array).
+size_t gStdBytes = 0;
+template <typename T>
+struct CountingAlloc {
+  using value_type = T;
+  CountingAlloc() = default;
+  template <typename U>
+  CountingAlloc(const CountingAlloc<U>&) {}
+  T* allocate(size_t n) {
+    gStdBytes += n * sizeof(T);
+    return std::allocator<T>().allocate(n);
+  }
+  void deallocate(T* p, size_t n) {
+    gStdBytes -= n * sizeof(T);
+    std::allocator<T>().deallocate(p, n);
+  }
+  friend bool operator==(const CountingAlloc&, const CountingAlloc&) = default;
+};
+
 Figures benchStd(const Run& run) {
   Figures f;
-  std::unordered_map<Key, Value, KeyHash> m;
+  gStdBytes = 0;
+  std::unordered_map<Key, Value, KeyHash, std::equal_to<Key>, CountingAlloc<std::pair<const Key, Value>>> m;
   m.reserve(run.n);
   auto t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) m.emplace(makeKey(i), makeValue(i, 1));
   f.insert = nsSince(t, run.n);
+  f.bytesPerEntry = static_cast<double>(gStdBytes) / run.n;
   Value out;
   uint64_t sum = 0;
   for (uint32_t i = 0; i < run.n; ++i) sum += m.count(makeKey(i));
@@ -249,6 +368,7 @@ Figures benchBoost(const Run& run) {
       m->emplace(makeKey(i), makeValue(i, 1));
     }
     f.insert = nsSince(t, run.n);
+    f.bytesPerEntry = static_cast<double>(seg.get_size() - seg.get_free_memory()) / run.n;
     Value out;
     uint64_t sum = 0;
     for (uint32_t i = 0; i < run.n; ++i) sum += m->count(makeKey(i));
@@ -279,6 +399,34 @@ Figures benchBoost(const Run& run) {
       }
     }
     f.iterate = nsSince(t, m->size());
+
+    auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
+      Segment rseg(bip::open_only, name.c_str());
+      auto* rmutex = rseg.find<bip::interprocess_sharable_mutex>("mutex").first;
+      Map* rm = rseg.find<Map>("map").first;
+      if (rmutex == nullptr || rm == nullptr) return 0;
+      Value o;
+      uint64_t s = 0;
+      const uint64_t n = readUntilStopped(sh, run, [&](uint32_t i) {
+        bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*rmutex);
+        auto it = rm->find(makeKey(i));
+        if (it != rm->end()) {
+          o = it->second;
+          s += o.payload[3];
+        }
+      });
+      gSink = s;
+      return n;
+    };
+    auto writeOne = [&](uint64_t k) {
+      const uint32_t i = run.updateOrder[k % run.updates];
+      bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
+      auto it = m->find(makeKey(i));
+      if (it != m->end()) it->second = makeValue(i, version++);
+    };
+    std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
+    std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
+
     t = Clock::now();
     for (uint32_t i = 0; i < run.n; ++i) {
       bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
@@ -321,6 +469,13 @@ Figures benchLmdb(const Run& run) {
   auto t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) put(i, 1);
   f.insert = nsSince(t, run.n);
+  {
+    MDB_envinfo info;
+    MDB_stat st;
+    if (mdb_env_info(env, &info) == 0 && mdb_env_stat(env, &st) == 0) {
+      f.bytesPerEntry = static_cast<double>(info.me_last_pgno + 1) * st.ms_psize / run.n;
+    }
+  }
 
   MDB_txn* rtxn = nullptr;
   mdb_txn_begin(env, nullptr, MDB_RDONLY, &rtxn);
@@ -428,45 +583,85 @@ double benchFloor(const Run& run, bool withCopy) {
   return ns;
 }
 
-void print(const char* what, double ours, const std::vector<std::pair<const char*, double>>& peers) {
+// Ratios say how many times better ours is: peer time / ours, or ours / peer
+// for rates (higherIsBetter).
+void print(const char* what, double ours, const std::vector<std::pair<const char*, double>>& peers,
+           bool higherIsBetter = false) {
   std::printf("  %-22s %9.1f", what, ours);
-  for (const auto& [name, ns] : peers) {
-    if (ns < 0) {
+  for (const auto& [name, v] : peers) {
+    if (v < 0) {
       std::printf(" %10s %8s", "-", "");
+    } else if (ours <= 0) {
+      std::printf(" %10.1f %8s", v, "");
     } else {
-      std::printf(" %10.1f %7.2fx", ns, ns / ours);
+      std::printf(" %10.1f %7.2fx", v, higherIsBetter ? ours / v : v / ours);
     }
   }
   std::printf("\n");
 }
 
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? -1 : v[v.size() / 2];
+}
+
+// The median of each figure over the repetitions.
+Figures medianOf(const std::vector<Figures>& reps) {
+  Figures m;
+  auto field = [&](double Figures::*f) {
+    std::vector<double> v;
+    for (const Figures& r : reps) v.push_back(r.*f);
+    m.*f = median(v);
+  };
+  for (double Figures::*f : {&Figures::lookup, &Figures::insert, &Figures::update, &Figures::remove, &Figures::iterate,
+                             &Figures::bytesPerEntry, &Figures::lookups1, &Figures::lookups2, &Figures::writes1,
+                             &Figures::writes2}) {
+    field(f);
+  }
+  return m;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<uint32_t> sizes{12000, 1000000};
-  if (argc > 1) {
-    sizes.clear();
-    for (int i = 1; i < argc; ++i) sizes.push_back(static_cast<uint32_t>(std::stoul(argv[i])));
+  std::vector<uint32_t> sizes;
+  int repetitions = 1;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--benchmark_repetitions=", 0) == 0) {
+      repetitions = std::max(1, std::stoi(arg.substr(arg.find('=') + 1)));
+    } else {
+      sizes.push_back(static_cast<uint32_t>(std::stoul(arg)));
+    }
   }
+  if (sizes.empty()) sizes = {12000, 1000000};
   std::printf("Shared-memory table vs peers: 48-byte key, 168-byte value; ns per operation, and peer / ours\n");
+  if (repetitions > 1) std::printf("Medians of %d repetitions\n", repetitions);
   for (uint32_t n : sizes) {
     const Run run = makeRun(n);
     // MROUTE_BENCH_PEERS=std,boost,lmdb (the default) picks the peers.
     const char* env = std::getenv("MROUTE_BENCH_PEERS");
     const std::string peers = env != nullptr ? env : "std,boost,lmdb";
-    const Figures ours = benchOurs(run);
-    Figures stdMap;
-    Figures boost;
-    Figures lmdb;
-    if (peers.find("std") != std::string::npos) stdMap = benchStd(run);
+    std::vector<Figures> oursReps, stdReps, boostReps, lmdbReps;
+    std::vector<double> floorReps, floorCopyReps;
+    for (int rep = 0; rep < repetitions; ++rep) {
+      oursReps.push_back(benchOurs(run));
+      stdReps.push_back(peers.find("std") != std::string::npos ? benchStd(run) : Figures{});
 #ifdef MROUTE_BENCH_HAVE_BOOST
-    if (peers.find("boost") != std::string::npos) boost = benchBoost(run);
+      boostReps.push_back(peers.find("boost") != std::string::npos ? benchBoost(run) : Figures{});
 #endif
 #ifdef MROUTE_BENCH_HAVE_LMDB
-    if (peers.find("lmdb") != std::string::npos) lmdb = benchLmdb(run);
+      lmdbReps.push_back(peers.find("lmdb") != std::string::npos ? benchLmdb(run) : Figures{});
 #endif
-    const double floor = benchFloor(run, false);
-    const double floorCopy = benchFloor(run, true);
+      floorReps.push_back(benchFloor(run, false));
+      floorCopyReps.push_back(benchFloor(run, true));
+    }
+    const Figures ours = medianOf(oursReps);
+    const Figures stdMap = medianOf(stdReps);
+    const Figures boost = boostReps.empty() ? Figures{} : medianOf(boostReps);
+    const Figures lmdb = lmdbReps.empty() ? Figures{} : medianOf(lmdbReps);
+    const double floor = median(floorReps);
+    const double floorCopy = median(floorCopyReps);
     std::printf("\n%u entries (%llu lookups, %llu updates)\n", n, static_cast<unsigned long long>(run.lookups),
                 static_cast<unsigned long long>(run.updates));
     std::printf("  %-22s %9s %10s %8s %10s %8s %10s %8s\n", "operation", "ours", "std", "", "boost", "", "lmdb", "");
@@ -476,9 +671,17 @@ int main(int argc, char** argv) {
     print("remove", ours.remove, {{"std", stdMap.remove}, {"boost", boost.remove}, {"lmdb", lmdb.remove}});
     print("iteration (per entry)", ours.iterate,
           {{"std", stdMap.iterate}, {"boost", boost.iterate}, {"lmdb", lmdb.iterate}});
+    print("memory per entry (B)", ours.bytesPerEntry,
+          {{"std", stdMap.bytesPerEntry}, {"boost", boost.bytesPerEntry}, {"lmdb", lmdb.bytesPerEntry}});
     std::printf("  two dependent loads (floor): %.1f ns; ours / floor = %.2fx\n", floor, ours.lookup / floor);
     std::printf("  the same plus copying the 168-byte value: %.1f ns; ours / that = %.2fx\n", floorCopy,
                 ours.lookup / floorCopy);
+    std::printf("  reader scaling while the writer updates (millions per second; ours / boost):\n");
+    auto mps = [](double v) { return v < 0 ? -1.0 : v / 1e6; };
+    print("lookups, 1 reader", mps(ours.lookups1), {{"boost", mps(boost.lookups1)}}, true);
+    print("lookups, 2 readers", mps(ours.lookups2), {{"boost", mps(boost.lookups2)}}, true);
+    print("writes, 1 reader", mps(ours.writes1), {{"boost", mps(boost.writes1)}}, true);
+    print("writes, 2 readers", mps(ours.writes2), {{"boost", mps(boost.writes2)}}, true);
   }
   return 0;
 }

@@ -10,6 +10,11 @@ command -v ip >/dev/null || need+=(iproute2)
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -f /usr/include/gmock/gmock.h ] || need+=(libgmock-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
+# The table benchmark's peers, so that their code is compiled too.
+if [ "${1:-}" = bench ]; then
+  [ -f /usr/include/boost/interprocess/managed_shared_memory.hpp ] || need+=(libboost-dev)
+  [ -f /usr/include/lmdb.h ] || need+=(liblmdb-dev)
+fi
 if [ ${#need[@]} -gt 0 ]; then
   echo "bootstrap: installing ${need[*]}"
   sudo_cmd=""

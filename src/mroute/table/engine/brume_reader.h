@@ -33,6 +33,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <optional>
 #include <sstream>
@@ -122,18 +123,26 @@ class BrumeReader {
     return v;
   }
   void numBucketsChanged(uint32_t n);
-  bool belongs(uint32_t hash, uint32_t bucket) const {
-    const uint32_t n = numBuckets_;
-    return (hash & (n - 1)) == bucket || (n > 1 && (hash & (n / 2 - 1)) == bucket) ||
-           (n < BucketTable::kMaxBuckets && (hash & (2 * n - 1)) == bucket);
+  // Whether a slot of reversed hash rh may stand in the chain of the bucket
+  // whose reversed index is rb: it picks that bucket with numBuckets, half or
+  // twice as many (a resize may be in flight). Compared on reversed bits,
+  // where hash mod 2^k is the top k bits, so a chain walk reverses nothing.
+  bool belongs(uint32_t rh, uint32_t rb) const {
+    const uint32_t k = static_cast<uint32_t>(std::countr_zero(numBuckets_));
+    return (rh & topBits(k)) == rb || (k > 0 && (rh & topBits(k - 1)) == rb) ||
+           (numBuckets_ < BucketTable::kMaxBuckets && (rh & topBits(k + 1)) == rb);
   }
   // The end marker of bucket b's chain names a bucket that comes later in
   // split order (reversed index greater) and lies within the table. Split
   // order does not depend on the count, so a resize in flight cannot break
   // this, and following markers can never loop.
-  bool verifyNextBucket(uint32_t b, uint32_t marker) const {
+  // rb is bitReverse(b); *nextRb receives the next bucket's, which the walk
+  // uses there.
+  bool verifyNextBucket(uint32_t rb, uint32_t marker, uint32_t* nextRb) const {
+    if (marker == kNoRef) return true;
     const uint32_t next = marker & ~kEndBit;
-    return marker == kNoRef || (next < numBuckets_ && bitReverse(next) > bitReverse(b));
+    *nextRb = bitReverse(next);
+    return next < numBuckets_ && *nextRb > rb;
   }
   [[noreturn]] void corrupt(const std::string& what);
   // The reports of doLookup(), kept out of line so that its hot path stays
@@ -162,8 +171,10 @@ class BrumeReader {
     bool valid = false;
     Key key{};
     uint32_t bucket = 0;
+    uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
     uint32_t slot = 0;
+    uint32_t rhash = 0;  // the slot's, which the key was checked against
     Mem::VersionedRef::Value numBuckets{};
   } cursor_;
 };

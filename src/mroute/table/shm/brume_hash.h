@@ -39,8 +39,13 @@ constexpr uint32_t bitReverse(uint32_t v) {
   return __builtin_bswap32(v);
 }
 
+// The top k bits set: the bits of a reversed hash that pick one of 2^k
+// buckets (0 <= k <= 32).
+constexpr uint32_t topBits(uint32_t k) { return static_cast<uint32_t>(~uint64_t{0} << (32 - k)); }
+
 static_assert(bitReverse(1u) == 0x80000000u);
 static_assert(bitReverse(0x80000000u) == 1u);
 static_assert(bitReverse(0x0000000Fu) == 0xF0000000u);
+static_assert(topBits(0) == 0 && topBits(1) == 0x80000000u && topBits(32) == 0xFFFFFFFFu);
 
 }  // namespace Brume

@@ -145,6 +145,7 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
     // Taken after loadNumBuckets(), which may move the mapping.
     const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
     const uint32_t b = h & (numBuckets_ - 1);
+    const uint32_t rb = r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_)));  // bitReverse(b)
     const Mem::VersionedRef& head = bucketOrCorrupt(b);
     const Mem::VersionedRef::Value hv = head.load();
     // R2 + R3.
@@ -178,14 +179,14 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
           }
           if (rh > r || Ops::less(key, k)) {
             if (!unchanged()) break;
-            if (!belongs(Ops::hash(k), b)) {
+            if (!belongs(bitReverse(Ops::hash(k)), rb)) {
               lookupCorruptKey(k, b);
             }
             return false;
           }
         }
       }
-      if (!belongs(bitReverse(rh), b)) [[unlikely]] {
+      if (!belongs(rh, rb)) [[unlikely]] {
         if (!unchanged()) break;
         readSlot(s, out, &rh);
         lookupCorruptKey(Ops::keyOf(out), b);
@@ -203,14 +204,16 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doNext() bucket table detached");
     return false;
   }
-  const uint32_t h = key != nullptr ? Ops::hash(*key) : 0;
-  const uint32_t r = bitReverse(h);
+  // The key this reader returned last is sorted by the rhash its slot had
+  // (checked against the key when it was returned): no need to hash it again.
+  const bool fromCursor = key != nullptr && cursor_.valid && Ops::equal(*key, cursor_.key);
+  const uint32_t r = fromCursor ? cursor_.rhash : key != nullptr ? bitReverse(Ops::hash(*key)) : 0;
   const char* corruptKey = key != nullptr ? "BrumeReader::doNext() corrupt key detected key:"
                                           : "BrumeReader::first() corrupt key detected, key:";
   for (;; ++counters_.restarts) {
     const Mem::VersionedRef::Value nb = loadNumBuckets();
     const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
-    uint32_t b = key != nullptr ? h & (numBuckets_ - 1) : 0;
+    uint32_t b = 0;
     bool skipping = key != nullptr;
     // Continuing from the entry this reader returned last: when its bucket's
     // version has not moved, the entry still sits where it was (R2) and the
@@ -218,7 +221,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     bool resume = false;
     Mem::VersionedRef::Value resumeHead{};
     uint32_t resumeRef = 0;
-    if (key != nullptr && cursor_.valid && cursor_.numBuckets == nb && Ops::equal(*key, cursor_.key)) {
+    if (fromCursor && cursor_.valid && cursor_.numBuckets == nb) {
       const Mem::VersionedRef& head = bucketOrCorrupt(cursor_.bucket);
       resumeHead = head.load();
       const Slot* s = resumeHead.version == cursor_.version ? slots_.slot(cursor_.slot) : nullptr;
@@ -233,6 +236,12 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
       }
     }
     cursor_.valid = false;
+    // rb is bitReverse(b) (see belongs()); r's top bits pick the key's bucket.
+    uint32_t rb = resume ? cursor_.bucketRb : 0;
+    if (!resume && key != nullptr) {
+      rb = r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_)));
+      b = bitReverse(rb);
+    }
     uint32_t visited = 0;
     bool restart = false;
     while (!restart) {
@@ -268,7 +277,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         uint32_t rh;
         const uint32_t st = readSlot(s, out, &rh);
         if ((st & kOccupied) != 0) {
-          if (!belongs(bitReverse(rh), b)) {
+          if (!belongs(rh, rb)) {
             if (!unchanged()) {
               restart = true;
               break;
@@ -292,7 +301,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
               os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
               corrupt(os.str());
             }
-            cursor_ = {true, Ops::keyOf(out), b, hv.version, ref, nb};
+            cursor_ = {true, Ops::keyOf(out), b, rb, hv.version, ref, rh, nb};
             return true;
           }
         }
@@ -304,7 +313,8 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         ref = next;
       }
       if (restart) break;
-      if (!verifyNextBucket(b, ref)) {
+      uint32_t nextRb = 0;
+      if (!verifyNextBucket(rb, ref, &nextRb)) {
         if (!unchanged()) break;
         std::ostringstream os;
         os << "BrumeReader::verifyNextBucket() has bucket:" << b << "with next bucket:" << (ref & ~kEndBit)
@@ -317,6 +327,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         return false;
       }
       b = ref & ~kEndBit;
+      rb = nextRb;
       skipping = false;
     }
   }

@@ -15,6 +15,7 @@
 // in brume_writer.h.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <sstream>
 #include <vector>
@@ -62,7 +63,7 @@ class WriterHashMap {
     const uint32_t r = bitReverse(hash);
     // A slot belongs to bucket b when its reversed hash agrees with r on the
     // bits that pick the bucket: the top log2(numBuckets) bits of rhash.
-    const uint32_t bucketBits = bitReverse(buckets_.numBuckets() - 1);
+    const uint32_t bucketBits = topBits(static_cast<uint32_t>(std::countr_zero(buckets_.numBuckets())));
     LinkPos pos{true, b};
     uint32_t count = 0;
     for (;;) {
