@@ -128,15 +128,21 @@ constexpr bool takesValidPtr(S) {
 // its value while the reader cannot resolve the new one yet.
 template <class E, class T, auto get, auto set>
 AttrLogAttr logRef(AttrId id, const char* name) {
-  AttrLogAttr a = logScalar<E, Ptr<T>, get, set>(id, name);
-  if constexpr (attr_log_internal::takesValidPtr(set)) {
-    a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
-      return [v = NboAttrLog::Wire<Ptr<T>>::read(r)](Entity& e) {
-        if (v) (static_cast<E&>(e).*set)(v);
+  // A reference to something that is not an entity (a packet held by a
+  // socket) has no path a peer could resolve: it stays in its process.
+  if constexpr (!std::is_base_of_v<Entity, T>) {
+    return logSkipped(id, name);
+  } else {
+    AttrLogAttr a = logScalar<E, Ptr<T>, get, set>(id, name);
+    if constexpr (attr_log_internal::takesValidPtr(set)) {
+      a.readValue = [](NboAttrLog::WireReader& r) -> Applier {
+        return [v = NboAttrLog::Wire<Ptr<T>>::read(r)](Entity& e) {
+          if (v) (static_cast<E&>(e).*set)(v);
+        };
       };
-    };
+    }
+    return a;
   }
-  return a;
 }
 
 // Set at construction: sent with the entity, and the reader's must agree.
