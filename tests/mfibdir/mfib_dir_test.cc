@@ -60,7 +60,6 @@ TEST(MfibDirWriterInitTest, InitializingPublishesTheDirectoryWithItsDefaultColle
   EXPECT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
   EXPECT_EQ(sink.texts("Mroute::MfibBrume"), (Texts{"MfibDirWriter::handleInitialized() for app igmp",
                                                     "Created directory collection for default vrf default"}));
-  EXPECT_EQ(Brume::Multicast::Fib::MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
 }
 
 TEST_F(MfibDirTest, FirstTableSetOfAVrfCreatesBothCollectionsAndASecondNeither) {
