@@ -262,6 +262,12 @@ TEST(LinkQueueTest, PositionsOnlyGrowAndTheSpaceCanFill) {
   q.delAll();
   EXPECT_TRUE(q.empty());
   EXPECT_EQ(q.headIndex(), q.nextIndex());
+  // An element someone still holds is never reused for a later append.
+  q.enq(BitIndex(5));
+  const Kiv::Ptr<LinkQueue<BitIndex>::Element> held = q.head();
+  EXPECT_EQ(q.deq(), BitIndex(5));
+  q.enq(BitIndex(6));
+  EXPECT_EQ(held->value(), BitIndex(5));
 }
 
 TEST(LinkQueueTest, LongQueueIsReleasedWithoutRecursion) {

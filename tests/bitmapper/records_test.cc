@@ -79,8 +79,6 @@ struct CountRecorder : Config::NotifieeConst {
 
 TEST(ConfigTest, IncNotifiesOncePerChangeAndReturnsTheNewCount) {
   Kiv::Ptr<Config> config = configFactory(64, true);
-  EXPECT_EQ(config->bitMapSize(), 64u);
-  EXPECT_TRUE(config->enableRefCount());
   CountRecorder rec;
   rec.notifierIs(config);
   config->allocRequestKeyIs(BitMapperKey());  // the key already held
@@ -92,16 +90,6 @@ TEST(ConfigTest, IncNotifiesOncePerChangeAndReturnsTheNewCount) {
   config->allocRequestCountIs(0xffffffffu);
   EXPECT_EQ(config->allocRequestCountInc(1), 0u);  // wraps
   EXPECT_EQ(rec.counts, 3);
-}
-
-TEST(StatusTest, AbsentKeyReadsAsNullAndAWaitingKeyHoldsTheInvalidIndex) {
-  Kiv::Ptr<Status> status = statusFactory();
-  const BitMapperKey k = key("Ethernet1", "10.0.0.1");
-  EXPECT_TRUE(status->bitIndex(k).isNull());
-  status->bitIndexIs(k, BitIndex::invalid());
-  EXPECT_FALSE(status->bitIndex(k).isValid());
-  status->reset();
-  EXPECT_TRUE(status->isDefault());
 }
 
 class BrumeStatusTest : public testing::Test {

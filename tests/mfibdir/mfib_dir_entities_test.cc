@@ -1,5 +1,5 @@
 // The MFIB directory's entities: the published directory and its per-VRF
-// entries, the reader's per-VRF table sets, and the ordered route views.
+// entries, and the key order of the ordered route views.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -36,18 +36,6 @@ TEST(MfibDirTest, VrfEntriesAreChildrenNamedByTheVrf) {
   dir->dirCollDel(L3::VrfName("red"));
   EXPECT_EQ(red->parent(), nullptr);
   EXPECT_TRUE(dir->isDefault());
-}
-
-TEST(MfibBrumeDirTest, TableSetsByNumberHoldReadOnlyReferences) {
-  Kiv::Ptr<MfibBrumeDir> dir = MfibBrumeDirIs("reader");
-  Kiv::Ptr<MfibBrumeColl> red = dir->brumeCollIs(L3::VrfName("red"));
-  Kiv::Ptr<Status> pim = StatusIs("pim");
-  red->brumePtrIs(1, pim);
-  EXPECT_EQ(red->brumePtr(1), pim);
-  EXPECT_EQ(red->brumePtr(2), nullptr);
-  EXPECT_EQ(pim->references(), 2u);
-  red->brumePtrDelAll();
-  EXPECT_EQ(pim->references(), 1u);
 }
 
 TEST(OrderedRoutesTest, KeysIterateGroupFirstThenSource) {

@@ -60,7 +60,6 @@ TEST(MfibDirWriterInitTest, InitializingPublishesTheDirectoryWithItsDefaultColle
   EXPECT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
   EXPECT_EQ(sink.texts("Mroute::MfibBrume"), (Texts{"MfibDirWriter::handleInitialized() for app igmp",
                                                     "Created directory collection for default vrf default"}));
-  EXPECT_EQ(Brume::Multicast::Fib::MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
 }
 
 TEST_F(MfibDirTest, FirstTableSetOfAVrfCreatesBothCollectionsAndASecondNeither) {
@@ -170,6 +169,34 @@ TEST_F(MfibDirTest, ReaderDropsTheTableSetsOfAVrfCollectionThatGoes) {
   writer.mfibDir()->dirCollDel(kRed);
   EXPECT_EQ(app->mfibColl(kRed), nullptr);
   EXPECT_EQ(readDir->brumeColl(kRed), nullptr);
+}
+
+// The IPv6 family: table sets under routing6/..., IPv6 keys, and a reader
+// that follows them and selects among them like IPv4.
+TEST_F(MfibDirTest, Ipv6TableSetsAreAnnouncedFollowedAndSelected) {
+  const Orvet::AddressFamily v6(2);
+  MfibDirWriter pim6("pim6", directory, Brume::Multicast::Fib::MfibBrumeDirIs("pim6"), manager, v6);
+  MfibDirWriter igmp6("igmp6", directory, Brume::Multicast::Fib::MfibBrumeDirIs("igmp6"), manager, v6);
+  pim6.handleInitialized();
+  igmp6.handleInitialized();
+  const IpGenRouteKey k = key("2001:db8::1/128", "ff3e::8000:1/128");
+  const IpGenRouteKey onlyIgmp = key("::/0", "ff3e::8000:2/128");
+  pim6.doAddBrume(kRed, "pim6")->routeIs(route(k, 2));
+  Kiv::Ptr<Status> igmp = igmp6.doAddBrume(kRed, "igmp6");
+  igmp->routeIs(route(k, 1));
+  igmp->routeIs(route(onlyIgmp, 1));
+  EXPECT_TRUE(pim6.mfibDir()->dirColl(kRed)->brumeUrl(Kiv::String("routing6/multicast/routestatus/red/pim6")));
+
+  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader6");
+  MfibDirSm sm(directory, readDir, manager);
+  sm.handleMfibDir();
+  Kiv::Ptr<Brume::Multicast::Fib::MfibBrumeColl> red = readDir->brumeColl(kRed);
+  ASSERT_NE(red, nullptr);
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return red->routes() == 2; }));
+  EXPECT_EQ(red->route(k), route(k, 2));
+  EXPECT_EQ(red->route(onlyIgmp), route(onlyIgmp, 1));
+  pim6.doDelBrume(kRed, "pim6");
+  EXPECT_EQ(red->route(k), route(k, 1));
 }
 
 TEST(MfibDirSmArgumentTest, NullArgumentsAreRefusedWithTheirTexts) {

@@ -3,11 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "mfib_test_util.h"
 #include "mroute/mfibdir/merged_route_iterator.h"
+#include "mroute/mfibdir/mfib_entity_manager.h"
+#include "mroute/runtime/trace.h"
+#include "mroute/table/engine/internal/slot_file.h"
 
 namespace {
 
@@ -97,6 +101,51 @@ TEST_F(SelectionTest, MergedWalkVisitsEachKeyOnceOnItsWinner) {
   EXPECT_EQ(coll->routes(), 4u);
   coll->brumePtrDelAll();
   EXPECT_EQ(coll->routes(), 0u);
+}
+
+// A forwarding agent's view: the table sets mounted read-only. A table whose
+// chain is damaged under the winner's route counts as having no route (its
+// front detaches and says why); the others still answer, for that key too.
+TEST_F(SelectionTest, CorruptTableCountsAsNoRouteAndTheOthersStillAnswer) {
+  // A key whose hash is odd: flipping the lowest hash bit in its slot sorts
+  // the slot before the key and sends it to another bucket, which a lookup
+  // of the key notices.
+  IpGenRouteKey k = this->k;
+  for (int n = 10; k.hash() % 2 == 0; ++n) k = key("10.0.0.1/32", ("232.0.1." + std::to_string(n) + "/32").c_str());
+  const IpGenRouteKey other = key("10.0.0.2/32", "232.0.0.9/32");
+  low->routeIs(route(k, 1));
+  high->routeIs(route(k, 2));
+  high->routeIs(route(other, 2));
+  Brume::Multicast::Fib::MfibEntityManager manager(loop);
+  Kiv::Ptr<MfibBrumeColl> readers = Brume::Multicast::Fib::MfibBrumeCollIs("red");
+  uint32_t number = 0;
+  for (const char* app : {"low", "high"}) {
+    readers->brumePtrIs(++number, manager.mountStatus(
+                                      Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), app),
+                                      Brume::BrumeType::reader,
+                                      Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name)));
+  }
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return readers->brumeKey(k) == 2 && readers->brumeKey(other) == 2; }));
+
+  // The slot of high's route for k claims another bucket's hash (rhash is
+  // the bit-reversed hash).
+  const auto* stored = high->route().front()->writer()->lookup(k);
+  ASSERT_NE(stored, nullptr);
+  auto* slot = reinterpret_cast<Brume::Slot*>(
+      const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(stored)) - sizeof(Brume::Slot));
+  slot->rhash ^= 0x80000000u;
+
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
+  EXPECT_EQ(readers->brumeKey(k), 1u);
+  EXPECT_EQ(readers->route(k), route(k, 1));
+  EXPECT_EQ(readers->nextBestBrume(1, k), nullptr);
+  const std::vector<std::string> texts = sink.texts("Mroute::Brume");
+  ASSERT_EQ(texts.size(), 2u);
+  EXPECT_NE(texts[0].find("BrumeReader::doLookup() corrupt key detected"), std::string::npos) << texts[0];
+  EXPECT_NE(texts[1].find("detaching from corrupt files"), std::string::npos) << texts[1];
+  // Detached, high has no routes at all until it attaches again.
+  EXPECT_EQ(readers->brumeKey(other), 0u);
+  EXPECT_EQ(readers->routes(), 1u);
 }
 
 }  // namespace

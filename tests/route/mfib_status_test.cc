@@ -182,6 +182,42 @@ TEST(MfibStatusPathTest, PathsByFamilyVrfAndApplication) {
                    "false && \"Unsupported address family\"");
 }
 
+// The bidirectional table set: both tables, keyed by group prefix and by
+// interface, delete, commit and count each on their own.
+TEST(BidirStatusTest, EachTableDeletesCommitsAndCountsOnItsOwn) {
+  struct BidirLog : BidirStatus::NotifieeConst {
+    void onBidirGroup(const Orvet::IpGenPrefix& k) override { log.push_back("group " + k.text()); }
+    void onDfProfile(const Orvet::IntfId& k) override { log.push_back("df " + k.name()); }
+    Log log;
+  };
+  Testing::ShmRootScope root{"bidirstatus"};
+  Mroute::Loop::EventLoop loop;
+  Kiv::Ptr<BidirStatus> bidir = Brume::Multicast::Fib::BidirStatusIs("pim");
+  bidir->mountTables(loop, "routing/multicast/bidirstatus/red/pim", Brume::BrumeType::writer);
+  BidirLog rec;
+  rec.notifierIs(bidir);
+  const Orvet::IpGenPrefix group = Orvet::IpGenPrefix::fromText("239.0.0.0/8");
+  const Orvet::IntfId intf("Ethernet4");
+
+  EXPECT_EQ(bidir->bidirGroupDel(group).key(), Orvet::IpGenPrefix());
+  EXPECT_EQ(bidir->dfProfileDel(intf).key(), Orvet::IntfId());
+  EXPECT_TRUE(rec.log.empty());
+  const Brume::Multicast::Fib::BidirGroup g(group, Brume::Multicast::Fib::RpaIndex(3));
+  bidir->bidirGroupIs(g);
+  Brume::Multicast::Fib::DfProfile* df = bidir->dfProfileDirectIs(intf);
+  *df = Brume::Multicast::Fib::DfProfile(intf, 0x5);
+  bidir->dfProfileCommit(df);
+  EXPECT_EQ(bidir->dfProfile(intf).dfBitmap(), 0x5u);
+  EXPECT_EQ(bidir->bidirGroupDel(group), g);
+  EXPECT_EQ(rec.log, (Log{"group 239.0.0.0/8", "df Ethernet4", "group 239.0.0.0/8"}));
+  EXPECT_EQ(bidir->bidirGroupDelCount(), 2u);
+  EXPECT_EQ(bidir->dfProfileDelCount(), 1u);
+  EXPECT_EQ(bidir->bidirGroupCommitCount(), 0u);
+  EXPECT_EQ(bidir->dfProfileCommitCount(), 1u);
+  EXPECT_ASSERTION(bidir->bidirGroupCommit(&g), "BrumeMap::directCommit() in no man's land");
+  bidir->unmountTables();
+}
+
 TEST(VrfStatusTest, StatusByVrfHoldsReferencesAndRefusesLongNames) {
   Kiv::Ptr<VrfStatus> vrfs = Brume::Multicast::Fib::VrfStatusIs("pim");
   Kiv::Ptr<Status> red = Brume::Multicast::Fib::StatusIs("red");
@@ -190,8 +226,18 @@ TEST(VrfStatusTest, StatusByVrfHoldsReferencesAndRefusesLongNames) {
   EXPECT_EQ(vrfs->status(L3::VrfName("blue")), nullptr);
   EXPECT_THROW_TEXT(vrfs->statusIs(L3::VrfName(std::string(101, 'v')), red), Kiv::RangeException,
                     "VrfName::bytes > 100 not allowed");
+  vrfs->statusIs(L3::VrfName("blue"), Brume::Multicast::Fib::StatusIs("blue"));
+  struct VrfLog : VrfStatus::NotifieeConst {
+    void onStatus(const L3::VrfName& vrf) override { log.push_back(vrf.str()); }
+    Log log;
+  } rec;
+  rec.notifierIs(vrfs);
+  vrfs->statusDel(L3::VrfName("green"));  // missing: nobody is told
   vrfs->statusDel(L3::VrfName("red"));
   EXPECT_EQ(red->references(), 1u);
+  vrfs->statusDelAll();
+  EXPECT_EQ(rec.log, (Log{"red", "blue"}));
+  EXPECT_TRUE(vrfs->isDefault());
 }
 
 }  // namespace

@@ -39,13 +39,17 @@ Outcome mroutectl(const std::string& args) {
 
 class MroutectlRoutesTest : public testing::Test {
  protected:
-  Kiv::Ptr<Status> publish(const char* vrf, const char* app, uint8_t priority, std::initializer_list<int> groups) {
+  Kiv::Ptr<Status> publish(const char* vrf, const char* app, uint8_t priority, std::initializer_list<int> groups,
+                           int af = 4) {
     Kiv::Ptr<Status> s = Brume::Multicast::Fib::StatusIs(app);
-    s->mountTables(loop, Status::mountPath(Orvet::AddressFamily(1), L3::VrfName(vrf), app), Brume::BrumeType::writer);
+    s->mountTables(loop, Status::mountPath(Orvet::AddressFamily(af == 4 ? 1 : 2), L3::VrfName(vrf), app),
+                   Brume::BrumeType::writer);
     s->oifIndexIntfIs(OifIndexIntf(OifIndex(3), Orvet::IntfId("Ethernet" + std::to_string(priority + 1)), 1));
     for (int g : groups) {
-      Route r(Routing::Multicast::Fib::IpGenRouteKey(Orvet::IpGenPrefix::fromText("10.0.0.1/32"),
-                                                     Orvet::IpGenPrefix::fromText("239.1.1." + std::to_string(g) + "/32")));
+      const std::string source = af == 4 ? "10.0.0.1/32" : "2001:db8::1/128";
+      const std::string group = (af == 4 ? "239.1.1." : "ff3e::") + std::to_string(g) + (af == 4 ? "/32" : "/128");
+      Route r(Routing::Multicast::Fib::IpGenRouteKey(Orvet::IpGenPrefix::fromText(source),
+                                                     Orvet::IpGenPrefix::fromText(group)));
       r.routePriorityIs(Brume::Multicast::Fib::RoutePriority(priority));
       r.iifIs(Orvet::IntfId("Vlan" + std::to_string(100 + priority)));
       r.routeFlagsIs(Route::RouteFlags(1));
@@ -95,12 +99,21 @@ TEST_F(MroutectlRoutesTest, AllShowsEveryCandidateAndJsonCarriesTheSame) {
             "[\"valid\"], \"winner\": true}]}]}]\n");
 }
 
-TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndAnEmptyFamilyShowsNothing) {
+TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndEachFamilyShowsItsOwn) {
   EXPECT_EQ(mroutectl("routes --af 5").code, 2);
   EXPECT_EQ(mroutectl("routes --vrf").code, 2);
-  const Outcome r = mroutectl("routes --af 6");
+  Outcome r = mroutectl("routes --af 6");
   EXPECT_EQ(r.code, 0);
   EXPECT_EQ(r.out, "");
+  Kiv::Ptr<Status> pim6 = publish("red", "pim", 2, {1}, 6);
+  Kiv::Ptr<Status> igmp6 = publish("red", "igmp", 1, {1, 2}, 6);
+  r = mroutectl("routes --af 6");
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(r.out,
+            "VRF red (IPv6): 2 application(s)\n"
+            "  (2001:db8::1,ff3e::1)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"
+            "  (2001:db8::1,ff3e::2)  app igmp  prio 1  iif Vlan101  oifs Ethernet2  flags valid\n");
+  EXPECT_EQ(mroutectl("routes --vrf red").out.find("ff3e"), std::string::npos) << "IPv4 shows no IPv6 route";
 }
 
 }  // namespace

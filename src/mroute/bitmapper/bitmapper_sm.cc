@@ -46,8 +46,11 @@ void BitMapperSm::handleInitialized() {
 }
 
 BitIndex BitMapperSm::doAllocBitIndex(const BitMapperKey& bitMapperKey) {
+  return allocIndex(bitMapperKey, status_->bitIndex(bitMapperKey), nullptr);
+}
+
+BitIndex BitMapperSm::allocIndex(const BitMapperKey& bitMapperKey, BitIndex cur, const WaitlistMap* waiting) {
   MROUTE_ASSERT(bitMapperKey != BitMapperKey());
-  const BitIndex cur = status_->bitIndex(bitMapperKey);
   if (cur < BitIndex(maxBitIndex())) {
     // Another reference of the key's index, counted whether or not
     // deallocations count them.
@@ -59,18 +62,26 @@ BitIndex BitMapperSm::doAllocBitIndex(const BitMapperKey& bitMapperKey) {
     brumeStatus_->bitIndexMapIs(bitIndexMap);
     return cur;
   }
+  // From here on cur is null or invalid, so each write to Status below is a
+  // change: newBitIndex() spares bitIndexIs()'s look for an equal value.
   if (bitIndexFreePool_.empty()) {
-    status_->bitIndexIs(bitMapperKey, BitIndex::invalid());
+    if (cur != BitIndex::invalid()) status_->newBitIndex(bitMapperKey, BitIndex::invalid());
     return BitIndex::invalid();
   }
   const BitIndex bitIndex = bitIndexFreePoolDeq();
   BitIndexMap bitIndexMap(bitIndex, bitMapperKey, 0, cur != BitIndex::invalid());
   // The waiting requests become the index's references; the request in hand
-  // counts only when nothing waited.
-  const std::optional<WaitlistMap> wm = brumeStatus_->waitlistMap().find(bitMapperKey);
+  // counts only when nothing waited. A key may have a row without being
+  // marked in Status: rows survive a restart, marks do not.
+  std::optional<WaitlistMap> wm;
+  if (waiting != nullptr) {
+    wm = *waiting;
+  } else if (!brumeStatus_->waitlistMap().empty()) {
+    wm = brumeStatus_->waitlistMap().find(bitMapperKey);
+  }
   bitIndexMap.refCountIs(bitIndexMap.refCount() + (wm ? wm->refCount() : 1));
   brumeStatus_->bitIndexMapIs(bitIndexMap);
-  status_->bitIndexIs(bitMapperKey, bitIndex);
+  status_->newBitIndex(bitMapperKey, bitIndex);
   return bitIndex;
 }
 
@@ -86,7 +97,9 @@ void BitMapperSm::handleAllocRequestCount() {
 void BitMapperSm::handleDeallocRequestCount() {
   const BitMapperKey key = config()->deallocRequestKey();
   MROUTE_ASSERT(key != BitMapperKey());
-  const BitIndex bitIndex = status_->bitIndex(key);
+  // One look-up serves the check and the removal.
+  const auto found = status_->bitIndex().find(key);
+  const BitIndex bitIndex = found != status_->bitIndex().end() ? found->second : BitIndex::null();
   MROUTE_ASSERT(bitIndex != BitIndex::null());
   if (bitIndex == BitIndex::invalid()) {
     // One waiting request fewer; the pool is not touched.
@@ -97,7 +110,7 @@ void BitMapperSm::handleDeallocRequestCount() {
     if (count != 1) {
       brumeStatus_->waitlistMapIs(wm);
     } else {
-      status_->bitIndexDel(key);
+      status_->bitIndexDel(found);
       brumeStatus_->waitlistMapDel(key);
     }
     return;
@@ -109,7 +122,7 @@ void BitMapperSm::handleDeallocRequestCount() {
     brumeStatus_->bitIndexMapIs(bitIndexMap);
     return;
   }
-  status_->bitIndexDel(key);
+  status_->bitIndexDel(found);
   brumeStatus_->bitIndexMapDel(bitIndex);
   bitIndexFreePoolEnq(bitIndex);
   reviewKeyWaitlist();
@@ -124,7 +137,14 @@ bool BitMapperSm::reviewKeyWaitlist() {
     const BitMapperKey key = row->key();
     const BitIndex bitIndex = status_->bitIndex(key);
     MROUTE_ASSERT(bitIndex >= BitIndex( maxBitIndex() ));
-    if (doAllocBitIndex(key) == BitIndex::invalid()) return false;
+    // The row in hand is the key's wait-list row: no need to find it again.
+    if (allocIndex(key, bitIndex, &*row) == BitIndex::invalid()) return false;
+    if (bitIndexFreePool_.empty()) {
+      // Every further row would get the invalid index it holds already, a
+      // change of nothing: the walk ends here (usually one index was freed).
+      brumeStatus_->waitlistMapDel(key);
+      return waitlist.empty();
+    }
     // The next row is taken while the key is still there to find it by.
     row = internal::rowAfter(waitlist, key);
     brumeStatus_->waitlistMapDel(key);

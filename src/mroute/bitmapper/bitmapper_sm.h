@@ -95,7 +95,9 @@ class BitMapperSm : public Kiv::PtrInterface, public Config::NotifieeConst {
   void onBitMapMinIndex() override { handleBitMapMinIndex(); }
 
  private:
-  void freePoolFill();
+  // doAllocBitIndex() for a key whose Status entry (cur) is known, and, when
+  // waiting is not null, its wait-list row too.
+  BitIndex allocIndex(const BitMapperKey& bitMapperKey, BitIndex cur, const WaitlistMap* waiting);
   void freePoolMetadataUpdate();
 
   Kiv::Ptr<Status> status_;

@@ -10,13 +10,17 @@
 // Kiv::RangeException "linkqueue index space full" and the queue is left as
 // it was. The queue also counts its removals.
 //
-// An empty queue's head position is its next position.
+// An empty queue's head position is its next position. Elements that leave
+// the queue unshared are kept (a few) for the next appends: an allocator
+// that frees and gives out an index per request should not pay an
+// allocation for each.
 //
 // Thread-safety: a plain container; one thread at a time.
 #pragma once
 
 #include <cstdint>
 #include <utility>
+#include <vector>
 
 #include "mroute/entity/kiv/ptr.h"
 #include "mroute/runtime/error.h"
@@ -82,7 +86,15 @@ class LinkQueue {
     }
     const uint32_t next = position + 1;
     if (!empty() && next == head) throw Kiv::RangeException("linkqueue index space full");
-    Kiv::Ptr<Element> e = new Element(position, v);
+    Kiv::Ptr<Element> e;
+    if (spare_.empty()) {
+      e = new Element(position, v);
+    } else {
+      e = std::move(spare_.back());
+      spare_.pop_back();
+      e->position_ = position;
+      e->value_ = v;
+    }
     if (tail_ == nullptr) {
       head_ = e;
     } else {
@@ -101,7 +113,9 @@ class LinkQueue {
     if (!head_) tail_ = nullptr;
     --size_;
     ++removals_;
-    return e->value_;
+    T v = std::move(e->value_);
+    if (e->references() == 1 && spare_.size() < kSpares) spare_.push_back(std::move(e));
+    return v;
   }
 
   // The next append goes at `position` or later. REQUIRES: `position` does
@@ -121,11 +135,14 @@ class LinkQueue {
   }
 
  private:
+  static constexpr size_t kSpares = 16;
+
   Kiv::Ptr<Element> head_;
   Element* tail_ = nullptr;  // the last element of head_'s chain
   uint32_t nextIndex_;
   uint32_t size_ = 0;
   uint64_t removals_ = 0;
+  std::vector<Kiv::Ptr<Element>> spare_;  // unshared, unlinked
 };
 
 }  // namespace BitMapper

@@ -1,6 +1,7 @@
 #include "mroute/mfibdir/merged_route_iterator.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "mroute/runtime/error.h"
 
@@ -33,6 +34,22 @@ void copyRoutes(const Status& status, std::vector<Route>& out) {
   }
 }
 
+// Sorts (hash << 32 | index) words by their hash: a radix sort, four stable
+// passes of 8 bits, costs a few operations per entry where a comparison sort
+// pays a log factor of indirect compares.
+void sortByHash(std::vector<uint64_t>& words) {
+  std::vector<uint64_t> tmp(words.size());
+  uint32_t count[256];
+  for (int shift = 32; shift < 64; shift += 8) {
+    std::fill(std::begin(count), std::end(count), 0);
+    for (uint64_t w : words) ++count[(w >> shift) & 0xff];
+    uint32_t sum = 0;
+    for (uint32_t& c : count) sum += std::exchange(c, sum);
+    for (uint64_t w : words) tmp[count[(w >> shift) & 0xff]++] = w;
+    words.swap(tmp);
+  }
+}
+
 }  // namespace
 
 MfibBrumeCollRouteIteratorConst::MfibBrumeCollRouteIteratorConst(const MfibBrumeColl& coll) {
@@ -43,20 +60,22 @@ MfibBrumeCollRouteIteratorConst::MfibBrumeCollRouteIteratorConst(const MfibBrume
     c.brumeKey = number;
     c.status = status;
     copyRoutes(*status, c.routes);
-    // Ordered by (hash, key): an integer compare almost always decides, and
-    // equal keys of different tables still meet (same hash). Sorting indexes
-    // moves 4 bytes where a record would move 168.
-    c.hashes.resize(c.routes.size());
-    for (size_t i = 0; i < c.routes.size(); ++i) c.hashes[i] = c.routes[i].key().hash();
     c.order.resize(c.routes.size());
-    for (uint32_t i = 0; i < c.order.size(); ++i) c.order[i] = i;
-    std::sort(c.order.begin(), c.order.end(), [&](uint32_t a, uint32_t b) {
-      if (c.hashes[a] != c.hashes[b]) return c.hashes[a] < c.hashes[b];
-      return c.routes[a].key() < c.routes[b].key();
-    });
-    // A key the writer moved between two slots during the scan shows twice.
+    for (uint32_t i = 0; i < c.routes.size(); ++i) c.order[i] = uint64_t(c.routes[i].key().hash()) << 32 | i;
+    sortByHash(c.order);
+    // Keys of equal hash (rare apart from copies of one key) in key order,
+    // and a key the writer moved between two slots during the scan once.
+    const auto keyOf = [&](uint64_t w) -> const Routing::Multicast::Fib::IpGenRouteKey& {
+      return c.routes[uint32_t(w)].key();
+    };
+    for (auto run = c.order.begin(); run != c.order.end();) {
+      auto end = run + 1;
+      while (end != c.order.end() && (*end >> 32) == (*run >> 32)) ++end;
+      if (end - run > 1) std::sort(run, end, [&](uint64_t a, uint64_t b) { return keyOf(a) < keyOf(b); });
+      run = end;
+    }
     c.order.erase(std::unique(c.order.begin(), c.order.end(),
-                              [&](uint32_t a, uint32_t b) { return c.routes[a].key() == c.routes[b].key(); }),
+                              [&](uint64_t a, uint64_t b) { return (a >> 32) == (b >> 32) && keyOf(a) == keyOf(b); }),
                   c.order.end());
   }
   updateToBestRouteIterators();
@@ -72,19 +91,21 @@ void MfibBrumeCollRouteIteratorConst::updateToBestRouteIterators() {
       if (!c.done() && (least == nullptr || c.before(*least))) least = &c;
     }
     if (least == nullptr) return;
-    const Routing::Multicast::Fib::IpGenRouteKey key = least->current().key();
+    const Route& leastRoute = least->current();
+    const uint32_t hash = least->currentHash();
     candidates_.clear();
     uint8_t bestPriority = 0;
     // The same rule as selectBest: strictly greater, in the collection's order.
+    // (leastRoute stays valid: cursors only move their positions.)
     for (Cursor& c : cursors_) {
-      if (c.done() || !(c.current().key() == key)) continue;
+      if (&c != least && (c.done() || c.currentHash() != hash || !(c.current().key() == leastRoute.key()))) continue;
       const Route& r = c.current();
       candidates_.push_back({c.brumeKey, &c.status, &r});
       if (r.routePriority().value() > bestPriority) {
         bestPriority = r.routePriority().value();
         best_ = &r;
         bestKey_ = c.brumeKey;
-        bestStatus_ = c.status;
+        bestStatus_ = &c.status;
       }
       ++c.pos;
     }

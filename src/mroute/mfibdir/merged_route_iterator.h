@@ -31,7 +31,7 @@ class MfibBrumeCollRouteIteratorConst {
   // REQUIRES: !atEnd()
   const Route& route() const { return *best_; }
   uint32_t brumeKey() const { return bestKey_; }
-  const Kiv::Ptr<Status>& status() const { return bestStatus_; }
+  const Kiv::Ptr<Status>& status() const { return bestStatus_ != nullptr ? *bestStatus_ : kNoStatus; }
   // The candidates for the current key: every table set's route for it, in
   // the collection's order (the winner among them).
   struct Candidate {
@@ -49,12 +49,13 @@ class MfibBrumeCollRouteIteratorConst {
     uint32_t brumeKey;
     Kiv::Ptr<Status> status;
     std::vector<Route> routes;
-    std::vector<uint32_t> hashes;  // of each route's key
-    std::vector<uint32_t> order;   // indexes into routes, by (hash, key)
+    // (hash of the key << 32 | index into routes), ascending; keys of equal
+    // hash in key order.
+    std::vector<uint64_t> order;
     size_t pos = 0;
     bool done() const { return pos >= order.size(); }
-    const Route& current() const { return routes[order[pos]]; }
-    uint32_t currentHash() const { return hashes[order[pos]]; }
+    const Route& current() const { return routes[uint32_t(order[pos])]; }
+    uint32_t currentHash() const { return uint32_t(order[pos] >> 32); }
     // REQUIRES: neither is done().
     bool before(const Cursor& o) const {
       if (currentHash() != o.currentHash()) return currentHash() < o.currentHash();
@@ -67,7 +68,8 @@ class MfibBrumeCollRouteIteratorConst {
   std::vector<Candidate> candidates_;
   const Route* best_ = nullptr;
   uint32_t bestKey_ = 0;
-  Kiv::Ptr<Status> bestStatus_;
+  const Kiv::Ptr<Status>* bestStatus_ = nullptr;
+  static inline const Kiv::Ptr<Status> kNoStatus;
 };
 
 }  // namespace Brume::Multicast::Fib

@@ -34,7 +34,16 @@ class MfibDirWriter {
   MfibDirWriter(const MfibDirWriter&) = delete;
   MfibDirWriter& operator=(const MfibDirWriter&) = delete;
 
-  // The path of a VRF's bit-mapper shared status of an application.
+  // The path of a VRF's bit-mapper shared status of an application:
+  // "routing/multicast/bitmapperstatus/<vrf>/<application>", and
+  // "routing6/..." for IPv6, beside the route table sets' "routestatus". It
+  // is announced as the VRF's bitMapperBrumeUrl (one per VRF: a second
+  // application's add replaces it) and withdrawn by the delete of the
+  // application that set it. It is not a table set: it takes no number and
+  // stays out of MfibBrumeDir and selection. MfibDirSm does not mount it; an
+  // agent that turns oif indexes back into keys reads the path from the
+  // VRF's MfibDirColl and mounts it read-only with
+  // MfibEntityManager::mountBitMapperStatus().
   static std::string bitMapperMountPath(Orvet::AddressFamily family, const L3::VrfName& vrf,
                                         const std::string& application);
 
