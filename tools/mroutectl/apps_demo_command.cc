@@ -92,7 +92,7 @@ void appsDemoRun(Context& ctx) {
       apps.push_back(Json{{"app", app.name}, {"priority", int(app.priority)}, {"routes", app.groups.size()},
                           {"vrfs", {"default", "red"}}});
     }
-    ctx.out << Json{{"applications", apps}, {"failed", failed}}.dump() << "\n";
+    ctx.out << jsonText(Json{{"applications", apps}, {"failed", failed}}) << "\n";
   }
   for (const DemoApp& app : demoApps()) {
     if (ctx.json) break;

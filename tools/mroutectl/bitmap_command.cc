@@ -75,7 +75,7 @@ void runBitmap(const BitmapOptions& o, Context& ctx) {
     }
     j["indexes"] = u;
     j["waiting"] = w;
-    ctx.out << j.dump() << "\n";
+    ctx.out << jsonText(j) << "\n";
     return;
   }
   std::ostream& out = ctx.out;

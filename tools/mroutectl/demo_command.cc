@@ -205,8 +205,8 @@ void runDemo(double seconds, Context& ctx) {
   ::waitpid(reader, &rstatus, 0);
   auto ok = [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; };
   if (ctx.json) {
-    ctx.out << Json{{"table", std::string(kDemoMount) + "/" + kDemoName}, {"dir", dir}, {"seconds", seconds},
-                    {"writerOk", ok(wstatus)}, {"readerOk", ok(rstatus)}}.dump()
+    ctx.out << jsonText(Json{{"table", std::string(kDemoMount) + "/" + kDemoName}, {"dir", dir}, {"seconds", seconds},
+                    {"writerOk", ok(wstatus)}, {"readerOk", ok(rstatus)}})
             << "\n";
   } else {
     ctx.out << "demo: " << (ok(wstatus) && ok(rstatus) ? "done" : "FAILED") << "; the table stays in " << dir

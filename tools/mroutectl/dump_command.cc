@@ -107,8 +107,8 @@ void runDump(const DumpOptions& o, Context& ctx) {
   if (ctx.json) {
     Json items = Json::array();
     for (const StoredEntry& e : entries) items.push_back(entryJson(t.codec, e));
-    ctx.out << Json{{"table", o.table}, {"valueType", t.stat.valueType}, {"matching", total},
-                    {"entries", items}}.dump()
+    ctx.out << jsonText(Json{{"table", o.table}, {"valueType", t.stat.valueType}, {"matching", total},
+                    {"entries", items}})
             << "\n";
     return;
   }
@@ -144,7 +144,7 @@ void runLookup(const DumpOptions& o, Context& ctx) {
   if (ctx.json) {
     Json j = entryJson(t.codec, e);
     j.erase("slot");
-    ctx.out << j.dump() << "\n";
+    ctx.out << jsonText(j) << "\n";
   } else if (t.routes && !o.text) {
     ctx.out << routeLine(routeOf(e)) << "\n";
   } else {

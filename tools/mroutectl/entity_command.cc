@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "command.h"
+#include "table_json.h"
 #include "mroute/entities/fib/vrf_config.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "mroute/runtime/loop/event_loop.h"
@@ -38,18 +39,7 @@ const Root kRoots[] = {
      &Routing::Multicast::Fib::VrfConfig::KivNboAttrLogSa::logType},
 };
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
-    if (static_cast<unsigned char>(c) < 0x20) {
-      out += ' ';
-      continue;
-    }
-    out += c;
-  }
-  return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
 void printText(std::ostream& out, const Kiv::Entity& e, const AttrLogType& type, const std::string& indent) {
   out << indent << e.name() << " (" << type.name << ")\n";

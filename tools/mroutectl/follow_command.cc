@@ -60,7 +60,7 @@ class Output {
       j["time"] = now();
       j["event"] = name;
       for (auto& [k, v] : fields.items()) j[k] = v;
-      ctx_.out << j.dump() << std::endl;
+      ctx_.out << jsonText(j) << std::endl;
     } else {
       ctx_.out << now() << " " << text << std::endl;
     }

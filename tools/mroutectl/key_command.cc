@@ -4,7 +4,6 @@
 // (kind, display) before anything is printed, so a report is either whole or
 // replaced by a one-line error.
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <cctype>
 #include <charconv>
@@ -23,6 +22,7 @@
 #include "mroute/route/route_key.h"
 #include "mroute/runtime/assert.h"
 #include "stored_types.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
@@ -277,7 +277,7 @@ void runKey(const KeyOptions& o, Context& ctx) {
     const IpGenRouteKey key = keyOf(args);
     const Report r = checked("key", key.s().text() + " " + key.g().text(), [&key] { return report(key); });
     if (ctx.json) {
-      nlohmann::ordered_json j;
+      Json j;
       for (const auto& [field, value] : r) {
         std::string name = field;
         for (size_t at = name.find(' '); at != std::string::npos; at = name.find(' ')) {
@@ -287,7 +287,7 @@ void runKey(const KeyOptions& o, Context& ctx) {
         j[name] = value;
       }
       j["hash"] = key.hash();
-      ctx.out << j.dump() << "\n";
+      ctx.out << jsonText(j) << "\n";
     } else {
       for (const auto& [field, value] : r) {
         ctx.out << field << ":" << std::string(15 - field.size(), ' ') << value << "\n";

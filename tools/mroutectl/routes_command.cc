@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "command.h"
+#include "table_json.h"
 #include "mroute/mfibdir/merged_route_iterator.h"
 #include "mroute/mfibdir/mfib_entity_manager.h"
 #include "mroute/route/route_intf_iterator.h"
@@ -40,14 +41,7 @@ struct Options {
   bool json = false;
 };
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
 template <typename Flags>
 std::vector<std::string> flagNames(Flags flags) {

@@ -3,12 +3,21 @@
 
 #include <nlohmann/json.hpp>
 
+#include <string>
+
 #include "mroute/table/inspect/table_inspect.h"
 #include "mroute/table/inspect/value_codec.h"
 
 namespace Mroutectl {
 
 using Json = nlohmann::ordered_json;
+
+// One line of JSON. Text read from a table or an entity may hold bytes that
+// are not UTF-8 (a damaged file, a peer's bytes): they print as U+FFFD
+// instead of failing the whole report.
+inline std::string jsonText(const Json& j) {
+  return j.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 // A table's summary and health.
 Json statJson(const Brume::Inspect::TableStat& s);

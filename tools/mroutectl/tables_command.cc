@@ -125,7 +125,7 @@ void runTables(bool verbose, Context& ctx) {
   if (ctx.json) {
     Json list = Json::array();
     for (const std::string& t : tables) list.push_back(statJson(Brume::Inspect::statTable(t)));
-    ctx.out << Json{{"root", root}, {"tables", list}}.dump() << "\n";
+    ctx.out << jsonText(Json{{"root", root}, {"tables", list}}) << "\n";
     return;
   }
   if (tables.empty()) {
@@ -147,15 +147,15 @@ void runStat(const std::string& table, Context& ctx) {
   }
   const TableStat s = Brume::Inspect::statTable(table);
   if (ctx.json) {
-    ctx.out << statJson(s).dump() << "\n";
+    ctx.out << jsonText(statJson(s)) << "\n";
     return;
   }
   const Json j = statJson(s);
   for (const auto& [field, value] : j.items()) {
     if (field == "queue") {
-      for (const auto& [qf, qv] : value.items()) ctx.out << "queue." << qf << ": " << qv.dump() << "\n";
+      for (const auto& [qf, qv] : value.items()) ctx.out << "queue." << qf << ": " << jsonText(qv) << "\n";
     } else {
-      ctx.out << field << ": " << (value.is_string() ? value.get<std::string>() : value.dump()) << "\n";
+      ctx.out << field << ": " << (value.is_string() ? value.get<std::string>() : jsonText(value)) << "\n";
     }
   }
   if (s.writerPid == 0) ctx.out << "(no writer runs: readers and queue figures are those it left behind)\n";

@@ -62,13 +62,13 @@ void runTypes(const std::string& name, Context& ctx) {
     for (const Kiv::TypeRecord* t : Kiv::registeredTypes()) {
       list.push_back(Json{{"name", t->name}, {"kind", Kiv::typeKindName(t->kind)}});
     }
-    ctx.out << list.dump() << "\n";
+    ctx.out << jsonText(list) << "\n";
     return;
   }
   const Kiv::TypeRecord* t = Kiv::findType(name);
   if (t == nullptr) throw CommandError(kExitNotFound, "no type '" + name + "' is registered (mroutectl types lists them)");
   if (ctx.json) {
-    ctx.out << typeJson(*t).dump() << "\n";
+    ctx.out << jsonText(typeJson(*t)) << "\n";
   } else {
     showType(*t, ctx.out);
   }

@@ -47,7 +47,7 @@ void runValidate(std::vector<std::string> tables, Context& ctx) {
             << "\n";
     for (const std::string& f : findings) ctx.out << "  " << f << "\n";
   }
-  if (ctx.json) ctx.out << Json{{"tables", list}}.dump() << "\n";
+  if (ctx.json) ctx.out << jsonText(Json{{"tables", list}}) << "\n";
   if (!ctx.json && tables.empty()) ctx.out << "no tables under " << Brume::shmRootDirectory() << "\n";
   if (bad != 0) {
     throw CommandError(kExitDamaged, std::to_string(bad) + (bad == 1 ? " table has" : " tables have") +

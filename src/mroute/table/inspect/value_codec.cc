@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "mroute/table/engine/internal/link.h"
 #include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/inspect/table_inspect.h"
 #include "mroute/table/shm/shm_file.h"
@@ -68,21 +69,26 @@ bool readEntries(const Mem::RootPath& root, std::vector<StoredEntry>* entries, s
   for (uint32_t i = 0; i < n; ++i) {
     const Slot* s = SlotTable::slotAt(f.base(), h->slotSize, i);
     StoredEntry e{i, ValueBytes(valueSize)};
-    bool whole = false;
     // A consistent copy: the status word is the same before and after, and
     // while LOOKASIDE is set the writer rewrites the slot, so the lookaside
-    // copy serves.
-    for (int attempt = 0; attempt < kSlotReadAttempts && !whole; ++attempt) {
-      const uint32_t before = __atomic_load_n(&s->status, __ATOMIC_ACQUIRE);
-      if ((before & kOccupied) == 0) break;
+    // copy serves. The same protocol as the table's reader (its rule R1: the
+    // copy's loads stay before the re-check).
+    bool settled = false;  // copied whole, or found free
+    for (int attempt = 0; attempt < kSlotReadAttempts && !settled; ++attempt) {
+      const uint32_t before = loadAcquire(s->status);
+      if ((before & kOccupied) == 0) {
+        settled = true;
+        break;
+      }
       const Slot* from = (before & kLookaside) ? lookaside : s;
-      std::memcpy(e.bytes.data(), from->value(), valueSize);
-      __atomic_thread_fence(__ATOMIC_ACQUIRE);
-      whole = __atomic_load_n(&s->status, __ATOMIC_RELAXED) == before;
-      if (!whole) continue;
-      entries->push_back(std::move(e));
+      copyFromShared(e.bytes.data(), from->value(), valueSize);
+      Mem::acquireFence();
+      if (loadRelaxed(s->status) == before) {
+        entries->push_back(std::move(e));
+        settled = true;
+      }
     }
-    if (!whole && (__atomic_load_n(&s->status, __ATOMIC_ACQUIRE) & kOccupied) != 0) {
+    if (!settled) {
       *error = "slots: slot " + std::to_string(i) + " changed on every one of " +
                std::to_string(kSlotReadAttempts) + " reads";
       return false;
