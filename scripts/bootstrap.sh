@@ -15,6 +15,9 @@ if [ "${1:-}" = bench ]; then
   [ -f /usr/include/boost/interprocess/managed_shared_memory.hpp ] || need+=(libboost-dev)
   [ -f /usr/include/lmdb.h ] || need+=(liblmdb-dev)
 fi
+# mroutectl's argument parsing and JSON (header-only; the library uses neither).
+[ -f /usr/include/CLI/CLI.hpp ] || need+=(libcli11-dev)
+[ -f /usr/include/nlohmann/json.hpp ] || need+=(nlohmann-json3-dev)
 if [ ${#need[@]} -gt 0 ]; then
   echo "bootstrap: installing ${need[*]}"
   sudo_cmd=""

@@ -1,7 +1,7 @@
 #!/bin/sh
 # mroutectl types: every registered type with its kind, one type's attributes
 # with ids, kinds, types, defaults and table capacities, an enumeration's
-# literals, and a one-line error with exit code 2 for an unknown name.
+# literals, --json, and a one-line error with exit code 3 for an unknown name.
 set -u
 mroutectl="$1"
 fail() { echo "FAIL: $*"; exit 1; }
@@ -25,6 +25,11 @@ out=$("$mroutectl" types Orvet::MrtMessageType) || fail "types MrtMessageType ex
 echo "$out" | grep -q '^     2  wholePktAlert$' || fail "literal row: $out"
 
 out=$("$mroutectl" types No::Such 2>&1)
-[ $? -eq 2 ] || fail "unknown type: exit code"
-[ "$out" = "mroutectl types: no type 'No::Such' (see mroutectl types)" ] || fail "unknown type: $out"
+[ $? -eq 3 ] || fail "unknown type: exit code"
+[ "$out" = "mroutectl types: no type 'No::Such' is registered (mroutectl types lists them)" ] || fail "unknown type: $out"
+
+# --json: the same registry, read by a JSON parser.
+out=$("$mroutectl" types BitMapper::BrumeStatus --json | python3 -c \
+  'import json, sys; j = json.load(sys.stdin); print(j["kind"], [a["capacity"] for a in j["attributes"] if a["name"] == "bitIndexMap"])')
+[ "$out" = "entity [65536]" ] || fail "types --json: $out"
 echo ok

@@ -3,6 +3,7 @@
 // through the MFIB directory writer, then exit; their table sets stay for
 // 'mroutectl routes' to merge. pim publishes at priority 2, igmp at 1 and
 // static at 0 (which never wins).
+#include <CLI/CLI.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "command.h"
+#include "table_json.h"
 #include "mroute/mfibdir/mfib_dir_writer.h"
 
 namespace Mroutectl {
@@ -37,12 +39,6 @@ const std::vector<DemoApp>& demoApps() {
   return apps;
 }
 
-void appsDemoUsage(std::ostream& os) {
-  os << "usage: mroutectl apps-demo\n"
-        "  Runs three application processes (pim priority 2, igmp 1, static 0) that publish\n"
-        "  routes for overlapping groups in VRFs default and red and exit. Their tables stay\n"
-        "  under $MROUTE_SHM_ROOT: see them merged with 'mroutectl routes --all'.\n";
-}
 
 void publish(const DemoApp& app) {
   Mroute::Loop::EventLoop loop;
@@ -68,11 +64,7 @@ void publish(const DemoApp& app) {
   }
 }
 
-int appsDemoRun(const Args& args, std::ostream& out, std::ostream& err) {
-  if (!args.empty()) {
-    appsDemoUsage(err);
-    return kExitUsage;
-  }
+void appsDemoRun(Context& ctx) {
   std::vector<pid_t> pids;
   for (const DemoApp& app : demoApps()) {
     const pid_t pid = ::fork();
@@ -94,16 +86,31 @@ int appsDemoRun(const Args& args, std::ostream& out, std::ostream& err) {
     ::waitpid(pid, &status, 0);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
   }
+  if (ctx.json) {
+    Json apps = Json::array();
+    for (const DemoApp& app : demoApps()) {
+      apps.push_back(Json{{"app", app.name}, {"priority", int(app.priority)}, {"routes", app.groups.size()},
+                          {"vrfs", {"default", "red"}}});
+    }
+    ctx.out << jsonText(Json{{"applications", apps}, {"failed", failed}}) << "\n";
+  }
   for (const DemoApp& app : demoApps()) {
-    out << "apps-demo: " << app.name << " (priority " << int(app.priority) << ") published " << app.groups.size()
+    if (ctx.json) break;
+    ctx.out << "apps-demo: " << app.name << " (priority " << int(app.priority) << ") published " << app.groups.size()
         << " routes in default and red\n";
   }
-  return failed == 0 ? kExitOk : kExitUsage;
+  if (failed != 0) {
+    throw CommandError(kExitInternal, std::to_string(failed) + " application process(es) failed (errors above)");
+  }
 }
 
 }  // namespace
 
-const Subcommand appsDemoCommand{"apps-demo", "applications publishing for the same keys", appsDemoUsage,
-                                 appsDemoRun};
+void addAppsDemoCommand(CLI::App& app, Context& ctx) {
+  CLI::App* sub = app.add_subcommand("apps-demo", "applications publishing for the same keys");
+  sub->footer("Runs three application processes (pim priority 2, igmp 1, static 0) that publish\nroutes for overlapping groups in VRFs default and red and exit. Their tables stay\nunder $MROUTE_SHM_ROOT: see them merged with 'mroutectl routes --all'.");
+  addJsonFlag(*sub, ctx);
+  sub->callback([&ctx] { appsDemoRun(ctx); });
+}
 
 }  // namespace Mroutectl

@@ -3,7 +3,10 @@
 // and reference counts), the free ones and the waiting keys with their counts.
 // The tables do not carry the pool's range; --min and --size give it, and
 // without --size the free count is not claimed.
+#include <CLI/CLI.hpp>
+
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -11,85 +14,77 @@
 
 #include "bitmap_rows.h"
 #include "command.h"
-#include "table_access.h"
+#include "mroute/table/inspect/table_inspect.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
 
-void bitmapUsage(std::ostream& os) {
-  os << "usage: mroutectl bitmap <mount path> [--min N] [--size N]\n"
-        "  Summarises the bit-index pool whose tables bitIndexMap and waitlistMap lie under the mount\n"
-        "  path: its range [N, N + size) when given, the indexes used with their keys and reference\n"
-        "  counts, the free count, and the waiting keys with their counts.\n"
-        "  Exit code 1 when a table is damaged, 2 on bad usage or no such tables.\n";
-}
-
-bool parseIndex(std::string_view text, uint32_t limit, uint32_t* v) {
-  const std::string s(text);
-  char* end = nullptr;
-  const unsigned long n = std::strtoul(s.c_str(), &end, 0);
-  if (s.empty() || s[0] == '-' || end != s.c_str() + s.size() || n > limit) return false;
-  *v = static_cast<uint32_t>(n);
-  return true;
-}
-
-int bitmapRun(const Args& args, std::ostream& out, std::ostream& err) {
-  std::vector<std::string> paths;
+struct BitmapOptions {
+  std::string path;
   uint32_t min = 0;
   std::optional<uint32_t> size;
-  for (size_t i = 0; i < args.size(); ++i) {
-    if ((args[i] == "--min" || args[i] == "--size") && i + 1 < args.size()) {
-      uint32_t v = 0;
-      // Like the allocator's Config: the pool stays below 65534.
-      if (!parseIndex(args[i + 1], 65534, &v)) {
-        err << "mroutectl bitmap: " << args[i] << " needs a number from 0 to 65534\n";
-        return kExitUsage;
-      }
-      if (args[i] == "--min") {
-        min = v;
-      } else {
-        size = v;
-      }
-      ++i;
-    } else {
-      paths.emplace_back(args[i]);
-    }
-  }
-  if (paths.size() != 1) {
-    bitmapUsage(err);
-    return kExitUsage;
-  }
+};
+
+Mem::RootPath locate(const std::string& table) {
+  Brume::Inspect::Problem problem{};
+  std::string error;
+  std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(table, &problem, &error);
+  if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+  return *root;
+}
+
+void runBitmap(const BitmapOptions& o, Context& ctx) {
+  const uint32_t min = o.min;
+  const std::optional<uint32_t>& size = o.size;
   if (size && min + *size > 65534) {
-    err << "mroutectl bitmap: the range " << min << " + " << *size << " reaches the reserved indexes 65534/65535\n";
-    return kExitUsage;
+    throw CommandError(kExitUsage, "the range " + std::to_string(min) + " + " + std::to_string(*size) +
+                                       " reaches the reserved indexes 65534/65535");
   }
   std::string error;
-  const std::optional<Mem::RootPath> indexRoot = locateTable(paths[0] + "/" + kBitIndexMapName, &error);
-  if (!indexRoot) {
-    err << "mroutectl bitmap: " << error << "\n";
-    return kExitUsage;
-  }
+  const Mem::RootPath indexRoot = locate(o.path + "/" + kBitIndexMapName);
   std::vector<BitMapper::BitIndexMap> used;
   std::vector<BitMapper::WaitlistMap> waiting;
-  if (!readRows(*indexRoot, &used, &error)) {
-    err << "mroutectl bitmap: " << error << "\n";
-    return 1;
-  }
+  if (!readRows(indexRoot, &used, &error)) throw CommandError(kExitDamaged, error);
   // An allocator that never had to make a key wait may have no wait list yet.
-  if (const std::optional<Mem::RootPath> waitRoot = locateTable(paths[0] + "/" + kWaitlistMapName, &error)) {
-    if (!readRows(*waitRoot, &waiting, &error)) {
-      err << "mroutectl bitmap: " << error << "\n";
-      return 1;
-    }
+  Brume::Inspect::Problem problem{};
+  if (const auto waitRoot = Brume::Inspect::locateTable(o.path + "/" + kWaitlistMapName, &problem, &error)) {
+    if (!readRows(*waitRoot, &waiting, &error)) throw CommandError(kExitDamaged, error);
   }
-  out << paths[0] << ": ";
+  uint32_t inRange = 0;
+  if (size) {
+    for (const auto& r : used) inRange += r.key().value() >= min && r.key().value() < min + *size;
+  }
+  if (ctx.json) {
+    Json j{{"path", o.path}};
+    if (size) j["range"] = Json{{"min", min}, {"size", *size}};
+    j["used"] = used.size();
+    if (size) j["free"] = *size - inRange;
+    Json u = Json::array(), w = Json::array();
+    for (const auto& r : used) {
+      u.push_back(Json{{"index", r.key().value()},
+                       {"intf", r.bitMapperKey().intfId().name()},
+                       {"address", r.bitMapperKey().ipGenAddr().text()},
+                       {"refCount", r.refCount()},
+                       {"newMapping", r.isNewMapping()}});
+    }
+    for (const auto& x : waiting) {
+      w.push_back(Json{{"intf", x.key().intfId().name()},
+                       {"address", x.key().ipGenAddr().text()},
+                       {"refCount", x.refCount()}});
+    }
+    j["indexes"] = u;
+    j["waiting"] = w;
+    ctx.out << jsonText(j) << "\n";
+    return;
+  }
+  std::ostream& out = ctx.out;
+  out << o.path << ": ";
   if (size) {
     out << "range " << min << ".." << (*size == 0 ? min : min + *size - 1) << " (" << *size << " indexes), ";
   }
   out << "used " << used.size();
   if (size) {
-    uint32_t inRange = 0;
-    for (const auto& r : used) inRange += r.key().value() >= min && r.key().value() < min + *size;
     out << ", free " << *size - inRange;
     if (inRange != used.size()) out << ", " << used.size() - inRange << " used outside the range";
   }
@@ -101,11 +96,23 @@ int bitmapRun(const Args& args, std::ostream& out, std::ostream& err) {
   for (const auto& w : waiting) {
     out << "  waiting  " << w.key().intfId() << " " << w.key().ipGenAddr() << "  refCount " << w.refCount() << "\n";
   }
-  return kExitOk;
 }
 
 }  // namespace
 
-const Subcommand bitmapCommand{"bitmap", "summarise a bit-index pool", bitmapUsage, bitmapRun};
+void addBitmapCommand(CLI::App& app, Context& ctx) {
+  auto o = std::make_shared<BitmapOptions>();
+  CLI::App* sub = app.add_subcommand("bitmap", "summarise a bit-index pool");
+  sub->footer(
+      "Summarises the bit-index pool whose tables bitIndexMap and waitlistMap lie under the mount\n"
+      "path: its range [min, min + size) when given, the indexes used with their keys and reference\n"
+      "counts, the free count, and the waiting keys with their counts.");
+  sub->add_option("path", o->path, "the allocator's mount path")->required();
+  // Like the allocator's Config: the pool stays below 65534.
+  sub->add_option("--min", o->min, "the pool's first index")->check(CLI::Range(0, 65534))->option_text("N");
+  sub->add_option("--size", o->size, "the pool's number of indexes")->check(CLI::Range(0, 65534))->option_text("N");
+  addJsonFlag(*sub, ctx);
+  sub->callback([o, &ctx] { runBitmap(*o, ctx); });
+}
 
 }  // namespace Mroutectl

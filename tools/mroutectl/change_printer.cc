@@ -13,21 +13,26 @@ std::string ChangePrinter::show(const Brume::Multicast::Fib::Route& route) const
   return os.str();
 }
 
-std::string ChangePrinter::change(const Routing::Multicast::Fib::IpGenRouteKey& key,
-                                  const std::optional<Brume::Multicast::Fib::Route>& now) {
+ChangePrinter::Change ChangePrinter::classify(const Routing::Multicast::Fib::IpGenRouteKey& key,
+                                             const std::optional<Brume::Multicast::Fib::Route>& now) {
   const auto it = known_.find(key);
   if (!now) {
-    if (it == known_.end()) return "- " + keyText(key) + " (not seen before)";
+    if (it == known_.end()) return Change{'-', std::nullopt, "", true};
     known_.erase(it);
-    return "- " + keyText(key);
+    return Change{'-', std::nullopt, ""};
   }
   if (it == known_.end()) {
     known_.emplace(key, *now);
-    return "+ " + show(*now);
+    return Change{'+', now, ""};
   }
-  const std::string diff = routeDiff(it->second, *now);
+  Change c{'~', now, routeDiff(it->second, *now)};
   it->second = *now;
-  return "~ " + show(*now) + (diff.empty() ? "" : "   [" + diff + "]");
+  return c;
+}
+
+std::string ChangePrinter::line(const Routing::Multicast::Fib::IpGenRouteKey& key, const Change& c) const {
+  if (!c.route) return "- " + keyText(key) + (c.unseen ? " (not seen before)" : "");
+  return std::string(1, c.mark) + " " + show(*c.route) + (c.diff.empty() ? "" : "   [" + c.diff + "]");
 }
 
 }  // namespace Mroutectl

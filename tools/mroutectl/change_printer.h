@@ -27,10 +27,22 @@ class ChangePrinter {
 
   // A route already present when following starts: remembered, not printed.
   void seed(const Brume::Multicast::Fib::Route& route) { known_[route.key()] = route; }
-  // The line for a change of `key`; `now` is the key's route after the
-  // change, or nothing when it was removed.
+  // What a change callback for `key` meant; `now` is the key's route after
+  // the change, or nothing when it was removed.
+  struct Change {
+    char mark;                                         // '+', '~' or '-'
+    std::optional<Brume::Multicast::Fib::Route> route;  // after the change
+    std::string diff;                                  // '~': what changed
+    bool unseen = false;                               // '-': a key never seen
+  };
+  Change classify(const Routing::Multicast::Fib::IpGenRouteKey& key,
+                  const std::optional<Brume::Multicast::Fib::Route>& now);
+  // The line for a change (classify() and then its line).
+  std::string line(const Routing::Multicast::Fib::IpGenRouteKey& key, const Change& c) const;
   std::string change(const Routing::Multicast::Fib::IpGenRouteKey& key,
-                     const std::optional<Brume::Multicast::Fib::Route>& now);
+                     const std::optional<Brume::Multicast::Fib::Route>& now) {
+    return line(key, classify(key, now));
+  }
   size_t routes() const { return known_.size(); }
 
  private:

@@ -1,49 +1,63 @@
-// The subcommands of mroutectl. Each lives in its own file and registers
-// itself in main.cc's table; a subcommand prints its report to `out`, its
-// one-line errors to `err`, and returns the process exit code.
+// The subcommands of mroutectl. Each lives in its own file and adds itself
+// to the command line in main.cc: its options, its help, and a callback that
+// writes its report to ctx.out. A subcommand reports a failure by throwing
+// CommandError with the exit code that classifies it; main.cc prints the one
+// error line and returns the code.
+//
+// Exit codes (documented in the README; scripts rely on them):
+//   0 ok; 1 the table's files are damaged (or validate has findings);
+//   2 bad usage; 3 not found (no root, table, key, type or writer);
+//   4 internal error (a fault of the tool or the library, not of the input).
 #pragma once
 
 #include <iosfwd>
-#include <string_view>
-#include <vector>
+#include <stdexcept>
+#include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace Mroutectl {
 
-using Args = std::vector<std::string_view>;
-
 constexpr int kExitOk = 0;
-constexpr int kExitUsage = 2;  // bad arguments or bad input
+constexpr int kExitDamaged = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitNotFound = 3;
+constexpr int kExitInternal = 4;
 
-// Reads "--seconds N": a non-negative number of seconds, at most a day.
-// False when `text` is not one.
-bool parseSeconds(std::string_view text, double* seconds);
+// A failure to report in one line; what() is the line without the command.
+class CommandError : public std::runtime_error {
+ public:
+  CommandError(int code, const std::string& what) : std::runtime_error(what), code_(code) {}
+  int code() const { return code_; }
 
-struct Subcommand {
-  std::string_view name;
-  std::string_view summary;
-  void (*usage)(std::ostream& os);
-  int (*run)(const Args& args, std::ostream& out, std::ostream& err);
+ private:
+  int code_;
 };
 
-// key_command.cc: print, parse and convert route keys.
-extern const Subcommand keyCommand;
-// tables_command.cc: list the tables under the shared-memory root.
-extern const Subcommand tablesCommand;
-extern const Subcommand listCommand;
-// dump_command.cc, validate_command.cc, follow_command.cc, demo_command.cc.
-extern const Subcommand dumpCommand;
-extern const Subcommand validateCommand;
-extern const Subcommand followCommand;
-extern const Subcommand demoCommand;
-// types_command.cc: the registered entity, value and enumeration types.
-extern const Subcommand typesCommand;
-// bitmap_command.cc: summarise a bit-index allocator's pool.
-extern const Subcommand bitmapCommand;
-// routes_command.cc: the merged view of the applications' table sets.
-extern const Subcommand routesCommand;
-// apps_demo_command.cc: several applications publishing for the same keys.
-extern const Subcommand appsDemoCommand;
-// entity_command.cc: an agent's entity tree, mounted read-only.
-extern const Subcommand entityCommand;
+struct Context {
+  std::ostream& out;
+  std::ostream& err;
+  bool json = false;  // --json: one JSON document (follow: one object a line)
+};
+
+// Adds "--json" to a subcommand, bound to ctx.json.
+void addJsonFlag(CLI::App& sub, Context& ctx);
+// Adds "--seconds N" (a non-negative number of seconds, at most a day).
+void addSecondsOption(CLI::App& sub, double* seconds, const std::string& what);
+
+// One function per subcommand file.
+void addKeyCommand(CLI::App& app, Context& ctx);       // key_command.cc
+void addTablesCommand(CLI::App& app, Context& ctx);    // tables_command.cc: tables, stat
+void addDumpCommand(CLI::App& app, Context& ctx);      // dump_command.cc: dump, lookup
+void addValidateCommand(CLI::App& app, Context& ctx);  // validate_command.cc
+void addFollowCommand(CLI::App& app, Context& ctx);    // follow_command.cc
+void addDemoCommand(CLI::App& app, Context& ctx);      // demo_command.cc
+void addTypesCommand(CLI::App& app, Context& ctx);     // types_command.cc
+void addBitmapCommand(CLI::App& app, Context& ctx);    // bitmap_command.cc
+void addRoutesCommand(CLI::App& app, Context& ctx);    // routes_command.cc
+void addAppsDemoCommand(CLI::App& app, Context& ctx);  // apps_demo_command.cc
+void addEntityCommand(CLI::App& app, Context& ctx);    // entity_command.cc
 
 }  // namespace Mroutectl

@@ -2,10 +2,13 @@
 // follows them; what the reader sees is printed, one line per change
 // (change_printer.h). The tables stay for the
 // other subcommands to look at.
+#include <CLI/CLI.hpp>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <iostream>
 #include <optional>
 #include <ostream>
@@ -17,27 +20,14 @@
 #include "command.h"
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/table/shm_root.h"
-#include "table_access.h"
+#include "route_table.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Routing::Multicast::Fib::IpGenRouteKey;
-
-void demoUsage(std::ostream& os) {
-  os << "usage: mroutectl demo [--seconds N]\n"
-        "  Starts a writer process that publishes (*,G) and (S,G) routes into\n"
-        "  <root>/"
-     << kDemoMount << "/" << kDemoName
-     << " and keeps changing them (oifs join and leave, routes\n"
-        "  go and come back), and a reader process that follows them and prints what it sees, for N\n"
-        "  seconds (default 3). The table is left in place: try 'mroutectl tables' and\n"
-        "  'mroutectl dump "
-     << kDemoMount << "/" << kDemoName
-     << "' afterwards. The root is $MROUTE_SHM_ROOT\n"
-        "  (default /dev/shm/mroute).\n";
-}
 
 // The demo's routes: (*,G) and (S,G) entries of a small PIM router, each
 // with an incoming interface, a few oif indexes and the flags a programmed
@@ -144,9 +134,20 @@ int runWriter(double seconds) {
   return 0;
 }
 
+// A reader retries attaching every remountPeriod when no event of the
+// table's directory makes it attach. The demo's reader starts before its
+// writer, and when a table is left from an earlier run the writer takes it
+// over under its attach lock: a reader woken while that lock is held defers
+// to the next event or retry. A demo of seconds must not wait a minute.
+Brume::BrumeMapOptions shortRemount() {
+  Brume::BrumeMapOptions options;
+  options.remountPeriod = std::chrono::milliseconds(200);
+  return options;
+}
+
 int runReader(double seconds) {
   Mroute::Loop::EventLoop loop;
-  RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::shadow);
+  RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::shadow, shortRemount());
   ChangePrinter printer(false);
   // The writer may have been first: what is there already shows as added.
   if (routes.ready()) std::cout << "reader: attached, " << routes.members() << " routes" << std::endl;
@@ -169,10 +170,15 @@ int runReader(double seconds) {
   return 0;
 }
 
-pid_t start(int (*body)(double), double seconds) {
+// Runs `body` in a child process; `quiet` sends its report lines nowhere.
+pid_t start(int (*body)(double), double seconds, bool quiet) {
   std::cout.flush();
   const pid_t pid = ::fork();
   if (pid == 0) {
+    if (quiet) {
+      const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+      if (null >= 0) ::dup2(null, STDOUT_FILENO);
+    }
     int code = 1;
     try {
       code = body(seconds);
@@ -185,36 +191,47 @@ pid_t start(int (*body)(double), double seconds) {
   return pid;
 }
 
-int demoRun(const Args& args, std::ostream& out, std::ostream& err) {
-  double seconds = 3;
-  if (args.size() == 2 && args[0] == "--seconds") {
-    if (!parseSeconds(args[1], &seconds)) {
-      err << "mroutectl demo: --seconds needs a number of seconds\n";
-      return kExitUsage;
-    }
-  } else if (!args.empty()) {
-    demoUsage(err);
-    return kExitUsage;
-  }
+void runDemo(double seconds, Context& ctx) {
   const std::string dir = Brume::tableRoot(kDemoMount, kDemoName).dir();
-  out << "demo: writer publishes routes into " << dir << " for " << seconds
-      << " s; a reader process follows\n"
-      << std::flush;
-  const pid_t reader = start(&runReader, seconds);
-  const pid_t writer = start(&runWriter, seconds);
+  if (!ctx.json) {
+    ctx.out << "demo: writer publishes routes into " << dir << " for " << seconds
+            << " s; a reader process follows\n"
+            << std::flush;
+  }
+  const pid_t reader = start(&runReader, seconds, ctx.json);
+  const pid_t writer = start(&runWriter, seconds, ctx.json);
   int wstatus = 0, rstatus = 0;
   ::waitpid(writer, &wstatus, 0);
   ::waitpid(reader, &rstatus, 0);
-  const bool ok =
-      WIFEXITED(wstatus) && WEXITSTATUS(wstatus) == 0 && WIFEXITED(rstatus) && WEXITSTATUS(rstatus) == 0;
-  out << "demo: " << (ok ? "done" : "FAILED") << "; the table stays in " << dir << "\n"
-      << "      look at it with: mroutectl tables; mroutectl dump " << kDemoMount << "/" << kDemoName
-      << "; mroutectl validate\n";
-  return ok ? kExitOk : 1;
+  auto ok = [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; };
+  if (ctx.json) {
+    ctx.out << jsonText(Json{{"table", std::string(kDemoMount) + "/" + kDemoName}, {"dir", dir}, {"seconds", seconds},
+                    {"writerOk", ok(wstatus)}, {"readerOk", ok(rstatus)}})
+            << "\n";
+  } else {
+    ctx.out << "demo: " << (ok(wstatus) && ok(rstatus) ? "done" : "FAILED") << "; the table stays in " << dir
+            << "\n"
+            << "      look at it with: mroutectl tables; mroutectl dump " << kDemoMount << "/" << kDemoName
+            << "; mroutectl validate\n";
+  }
+  if (!ok(wstatus) || !ok(rstatus)) {
+    throw CommandError(kExitInternal, std::string("the demo's ") + (ok(wstatus) ? "reader" : "writer") +
+                                          " process failed (its error is above)");
+  }
 }
 
 }  // namespace
 
-const Subcommand demoCommand{"demo", "a writer and a reader process exchanging routes", demoUsage, demoRun};
+void addDemoCommand(CLI::App& app, Context& ctx) {
+  auto seconds = std::make_shared<double>(3);
+  CLI::App* sub = app.add_subcommand("demo", "a writer and a reader process exchanging routes");
+  sub->footer(std::string("Starts a writer process that publishes (*,G) and (S,G) routes into <root>/") + kDemoMount +
+              "/" + kDemoName +
+              "\nand keeps changing them (oifs join and leave, routes go and come back), and a reader process\n"
+              "that follows them and prints what it sees. The table is left in place for the other commands.");
+  addSecondsOption(*sub, seconds.get(), "how long the writer runs (default 3)");
+  addJsonFlag(*sub, ctx);
+  sub->callback([seconds, &ctx] { runDemo(*seconds, ctx); });
+}
 
 }  // namespace Mroutectl

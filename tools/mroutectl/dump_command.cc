@@ -1,129 +1,180 @@
-// mroutectl dump <table>: a table's entries, routes one readable line each
-// (route_text.h) in key order, or in their text forms with --text.
+// mroutectl dump <table>: a table's entries shown by the value type its files
+// record; routes one readable line each (route_text.h) by group, or in their
+// text forms with --text; --limit and a group/source filter for big tables.
+// mroutectl lookup <table> <key>: one entry, found as a reader finds it.
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <iomanip>
+#include <cstring>
+#include <memory>
 #include <ostream>
 #include <tuple>
 #include <vector>
 
-#include "bitmap_rows.h"
 #include "command.h"
-#include "mroute/runtime/error.h"
-#include "mroute/table/engine/brume_reader.h"
-#include "mroute/table/shm/shm_file.h"
-#include "mroute/table/engine/internal/slot_file.h"
-#include "mroute/table/shm_root.h"
+#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/inspect/value_codec.h"
+#include "route_filter.h"
+#include "route_table.h"
 #include "route_text.h"
-#include "table_check.h"
-#include "table_access.h"
+#include "table_json.h"
 
 namespace Mroutectl {
+
+using Brume::Inspect::StoredEntry;
+using Brume::Inspect::ValueCodec;
+
+Json entryJson(const ValueCodec* codec, const StoredEntry& e) {
+  Json j;
+  j["slot"] = e.slot;
+  if (codec == nullptr) {
+    j["bytes"] = Brume::Inspect::hexText(e.bytes.data(), e.bytes.size());
+    return j;
+  }
+  j["key"] = codec->keyText(e.bytes.data());
+  j["text"] = codec->text(e.bytes.data());
+  return j;
+}
+
 namespace {
 
-void dumpUsage(std::ostream& os) {
-  os << "usage: mroutectl dump <mount path>/<name> [--text]\n"
-        "  Prints every entry: routes one per line, sorted by group and source (--text: in their\n"
-        "  Value(...) text form); entries of other value types as bytes in hex.\n"
-        "  Exit code 1 when the table's files are damaged, 2 on bad usage or no such table.\n";
-}
-
-// Entries of a type this tool does not know: the bytes of each occupied slot.
-int dumpRaw(const std::string& dir, std::ostream& out, std::ostream& err) {
-  Mem::ShmFile f;
-  if (!f.open(dir + "/" + Brume::kSlotFileName, Mem::ShmAccess::readOnly) || f.fileSize() <= 0 ||
-      !f.map(static_cast<size_t>(f.fileSize()))) {
-    err << "mroutectl dump: " << f.error() << "\n";
-    return 1;
-  }
-  const auto* h = reinterpret_cast<const Brume::SlotTable::Header*>(f.base());
-  const uint32_t n = h->numSlots.load().ref;
-  if (f.mappedSize() < sizeof(Brume::SlotTable::Header) || h->valueSize + sizeof(Brume::Slot) != h->slotSize ||
-      Brume::SlotTable::fileSize(h->slotSize, n) > f.mappedSize()) {
-    err << "mroutectl dump: slot file shorter than its header says\n";
-    return 1;
-  }
-  for (uint32_t i = 0; i < n; ++i) {
-    const Brume::Slot* s = Brume::SlotTable::slotAt(f.base(), h->slotSize, i);
-    if ((__atomic_load_n(&s->status, __ATOMIC_ACQUIRE) & 1u) == 0) continue;
-    out << "slot " << i << ":";
-    const auto* bytes = reinterpret_cast<const unsigned char*>(s) + sizeof(Brume::Slot);
-    for (uint32_t b = 0; b < h->valueSize; ++b) {
-      out << (b % 32 == 0 ? "\n    " : " ") << std::hex << std::setw(2) << std::setfill('0')
-          << static_cast<unsigned>(bytes[b]) << std::dec;
-    }
-    out << "\n";
-  }
-  return kExitOk;
-}
-
-int dumpRun(const Args& args, std::ostream& out, std::ostream& err) {
+struct DumpOptions {
+  std::string table;
+  std::string key;
   bool text = false;
-  std::vector<std::string> tables;
-  for (std::string_view a : args) {
-    if (a == "--text") {
-      text = true;
-    } else {
-      tables.emplace_back(a);
-    }
-  }
-  if (tables.size() != 1) {
-    dumpUsage(err);
-    return kExitUsage;
-  }
-  const std::string& table = tables[0];
-  std::string error;
-  const std::optional<Mem::RootPath> root = locateTable(table, &error);
-  if (!root) {
-    err << "mroutectl dump: " << error << "\n";
-    return kExitUsage;
-  }
-  const std::string& dir = root->dir();
-  // Nothing of a header is used before every field of it was checked.
-  const std::string damage = headerFinding(*root);
-  if (!damage.empty()) {
-    err << "mroutectl dump: " << table << " is damaged: " << damage << " (see mroutectl validate)\n";
-    return 1;
-  }
-  const TableSummary s = summarize(table);
-  if (!s.readable) {
-    err << "mroutectl dump: cannot read the slot file of " << dir << " (see mroutectl validate)\n";
-    return 1;
-  }
-  if (isBitMapperRowType(s.valueType)) return dumpBitMapperRows(*root, s.valueType, table, out, err);
-  if (s.valueType != Brume::Multicast::Fib::Route::kTypeName) {
-    out << table << ": " << s.members << " entries of " << s.valueType << "\n";
-    return dumpRaw(dir, out, err);
-  }
-  Brume::BrumeReader<RouteOps> reader(*root);
-  if (!reader.initialize()) {
-    err << "mroutectl dump: cannot read " << dir << " (see mroutectl validate)\n";
-    return 1;
-  }
-  std::vector<Route> routes;
+  size_t limit = 0;  // 0: all
+  std::string group;
+  std::string source;
+};
+
+Route routeOf(const StoredEntry& e) {
   RouteValue v;
-  try {
-    for (bool more = reader.first(v); more; more = reader.next(v.key(), v)) routes.push_back(v.value);
-  } catch (const Pavo::CorruptionDetectedException& e) {
-    err << "mroutectl dump: " << table << " is damaged: " << e.what() << " (see mroutectl validate)\n";
-    return 1;
+  std::memcpy(static_cast<void*>(&v), e.bytes.data(), sizeof v);
+  return v.value;
+}
+
+// The table's directory, its summary and its codec, or the error that says
+// why there are none.
+struct Opened {
+  Mem::RootPath root;
+  Brume::Inspect::TableStat stat;
+  const ValueCodec* codec;
+  bool routes;
+};
+
+Opened open(const std::string& table) {
+  Brume::Inspect::Problem problem{};
+  std::string error;
+  std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(table, &problem, &error);
+  if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+  if (std::string damage = Brume::Inspect::headerFinding(*root); !damage.empty()) {
+    throw CommandError(kExitDamaged, table + " is damaged: " + damage + " (mroutectl validate says more)");
   }
-  // By group, (*,G) before the group's (S,G) routes.
-  auto order = [](const Route& r) { return std::tuple(r.key().g(), r.key().s().length() != 0, r.key().s()); };
-  std::sort(routes.begin(), routes.end(),
-            [&](const Route& a, const Route& b) { return order(a) < order(b); });
-  out << table << ": " << routes.size() << (routes.size() == 1 ? " route" : " routes") << "\n";
-  for (const auto& r : routes) {
-    if (text) {
-      out << r << "\n";
+  Brume::Inspect::TableStat stat = Brume::Inspect::statTable(table);
+  const ValueCodec* codec = Brume::Inspect::findValueCodec(stat.valueType, stat.valueSize);
+  const bool routes = codec != nullptr && stat.valueType == Route::kTypeName;
+  return Opened{*root, std::move(stat), codec, routes};
+}
+
+void runDump(const DumpOptions& o, Context& ctx) {
+  const Opened t = open(o.table);
+  const RouteFilter filter = RouteFilter::fromText(o.group, o.source);
+  if (filter.active() && !t.routes) {
+    throw CommandError(kExitUsage, o.table + " holds " + t.stat.valueType +
+                                       ", not routes: --group and --source apply to route tables");
+  }
+  std::vector<StoredEntry> entries;
+  std::string error;
+  if (!Brume::Inspect::readEntries(t.root, &entries, &error)) {
+    throw CommandError(kExitDamaged, o.table + " is damaged: " + error + " (mroutectl validate says more)");
+  }
+  if (t.routes) {
+    std::erase_if(entries, [&](const StoredEntry& e) { return !filter.matches(routeOf(e).key()); });
+    // By group, (*,G) before the group's (S,G) routes.
+    auto order = [](const StoredEntry& e) {
+      const auto k = routeOf(e).key();
+      return std::tuple(k.g(), k.s().length() != 0, k.s());
+    };
+    std::sort(entries.begin(), entries.end(),
+              [&](const StoredEntry& a, const StoredEntry& b) { return order(a) < order(b); });
+  } else if (t.codec != nullptr) {
+    std::sort(entries.begin(), entries.end(), [&](const StoredEntry& a, const StoredEntry& b) {
+      return t.codec->keyLess(a.bytes.data(), b.bytes.data());
+    });
+  }
+  const size_t total = entries.size();
+  if (o.limit != 0 && entries.size() > o.limit) entries.resize(o.limit);
+  if (ctx.json) {
+    Json items = Json::array();
+    for (const StoredEntry& e : entries) items.push_back(entryJson(t.codec, e));
+    ctx.out << jsonText(Json{{"table", o.table}, {"valueType", t.stat.valueType}, {"matching", total},
+                    {"entries", items}})
+            << "\n";
+    return;
+  }
+  for (const StoredEntry& e : entries) {
+    if (t.routes && !o.text) {
+      ctx.out << routeLine(routeOf(e)) << "\n";
+    } else if (t.codec != nullptr) {
+      ctx.out << t.codec->text(e.bytes.data()) << "\n";
     } else {
-      out << "  " << routeLine(r) << "\n";
+      ctx.out << "slot " << e.slot << ":\n" << Brume::Inspect::hexText(e.bytes.data(), e.bytes.size()) << "\n";
     }
   }
-  return kExitOk;
+  if (entries.size() < total) {
+    ctx.err << "mroutectl dump: " << entries.size() << " of " << total << " entries shown (--limit)\n";
+  }
+}
+
+void runLookup(const DumpOptions& o, Context& ctx) {
+  const Opened t = open(o.table);
+  if (t.codec == nullptr || !t.codec->lookup) {
+    throw CommandError(kExitUsage, o.table + " holds " + t.stat.valueType +
+                                       ", whose keys this tool cannot read from text (mroutectl dump shows it)");
+  }
+  std::optional<Brume::Inspect::ValueBytes> bytes;
+  try {
+    bytes = t.codec->lookup(t.root, o.key);
+  } catch (const std::runtime_error& e) {
+    if (dynamic_cast<const CommandError*>(&e)) throw;
+    throw CommandError(kExitDamaged, o.table + " cannot be read: " + e.what() + " (mroutectl validate says more)");
+  }
+  if (!bytes) throw CommandError(kExitNotFound, "no entry for " + o.key + " in " + o.table);
+  const StoredEntry e{0, *bytes};
+  if (ctx.json) {
+    Json j = entryJson(t.codec, e);
+    j.erase("slot");
+    ctx.out << jsonText(j) << "\n";
+  } else if (t.routes && !o.text) {
+    ctx.out << routeLine(routeOf(e)) << "\n";
+  } else {
+    ctx.out << t.codec->text(e.bytes.data()) << "\n";
+  }
 }
 
 }  // namespace
 
-const Subcommand dumpCommand{"dump", "print a table's entries", dumpUsage, dumpRun};
+void addDumpCommand(CLI::App& app, Context& ctx) {
+  auto o = std::make_shared<DumpOptions>();
+  CLI::App* dump = app.add_subcommand("dump", "print a table's entries");
+  dump->footer(
+      "Routes print one per line, sorted by group and source; entries of other registered types in\n"
+      "their Value(...) text form, of unknown types as bytes in hex. Read-only.");
+  dump->add_option("table", o->table, "<mount path>/<name>")->required();
+  dump->add_flag("--text", o->text, "routes in their Value(...) text form");
+  dump->add_option("--limit", o->limit, "print at most N entries (the count goes to stderr)")->option_text("N");
+  dump->add_option("--group", o->group, "only routes whose group lies in this prefix")->option_text("PREFIX");
+  dump->add_option("--source", o->source, "only routes whose source lies in this prefix")->option_text("PREFIX");
+  addJsonFlag(*dump, ctx);
+  dump->callback([o, &ctx] { runDump(*o, ctx); });
+
+  CLI::App* lookup = app.add_subcommand("lookup", "print one entry of a table by its key");
+  lookup->footer("Routes are named as displayed, e.g. '(*,239.1.1.1)', or by a text form. Exit 3: no entry.");
+  lookup->add_option("table", o->table, "<mount path>/<name>")->required();
+  lookup->add_option("key", o->key, "the key")->required();
+  lookup->add_flag("--text", o->text, "the route in its Value(...) text form");
+  addJsonFlag(*lookup, ctx);
+  lookup->callback([o, &ctx] { runLookup(*o, ctx); });
+}
 
 }  // namespace Mroutectl

@@ -1,12 +1,16 @@
 // mroutectl entity <mount path> [--follow] [--json]: mounts an agent's entity
 // tree read-only and prints it, attribute by attribute, as text forms; with
 // --follow it then prints every change as it arrives.
+#include <CLI/CLI.hpp>
+
 #include <csignal>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "table_json.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "mroute/entity/replication/mount_types.h"
 #include "mroute/kivbrume/attach_on_parent.h"
@@ -21,26 +25,7 @@ using Kiv::AttrLogType;
 
 volatile std::sig_atomic_t gStop = 0;
 
-void entityUsage(std::ostream& os) {
-  os << "usage: mroutectl entity <mount path> [--follow] [--json] [--seconds N]\n"
-        "  Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config,\n"
-        "  routing/hardware/multicast/status, routing/multicast/fib/<application>)\n"
-        "  read-only and prints it; --follow then prints each change: '<entity path> <attribute>[<key>]: <value>'\n"
-        "  ('-' for a removed member). Waits up to N seconds (default 5) for the writer.\n";
-}
-
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
-    if (static_cast<unsigned char>(c) < 0x20) {
-      out += ' ';
-      continue;
-    }
-    out += c;
-  }
-  return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
 void printText(std::ostream& out, const Kiv::Entity& e, const AttrLogType& type, const std::string& indent) {
   out << indent << e.name() << " (" << type.name << ")\n";
@@ -88,29 +73,21 @@ void printJson(std::ostream& out, const Kiv::Entity& e, const AttrLogType& type)
   out << "}";
 }
 
-int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
+struct EntityOptions {
   std::string path;
   bool follow = false;
-  bool json = false;
   double seconds = 5;
-  for (size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--follow") {
-      follow = true;
-    } else if (args[i] == "--json") {
-      json = true;
-    } else if (args[i] == "--seconds" && i + 1 < args.size() && parseSeconds(args[i + 1], &seconds)) {
-      ++i;
-    } else if (path.empty() && !args[i].starts_with("-")) {
-      path = args[i];
-    } else {
-      entityUsage(err);
-      return kExitUsage;
-    }
-  }
+};
+
+void entityRun(const EntityOptions& o, Context& ctx) {
+  std::ostream& out = ctx.out;
+  const std::string& path = o.path;
+  const bool follow = o.follow;
+  const bool json = ctx.json;
+  const double seconds = o.seconds;
   const Kiv::NboAttrLog::MountType* root = Kiv::NboAttrLog::mountType(path);
   if (root == nullptr || root->make == nullptr) {
-    err << "mroutectl entity: no entity tree is known at '" << path << "'\n";
-    return kExitUsage;
+    throw CommandError(kExitNotFound, "no entity tree is known at '" + path + "'");
   }
   Mroute::Loop::EventLoop loop;
   KivBrume::attachContextIs(&loop, Brume::BrumeType::reader);  // the tree's shared tables, read-only
@@ -121,8 +98,7 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (!mount.synced() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(20));
   if (!mount.synced()) {
-    err << "mroutectl entity: no writer serves " << mount.path() << "\n";
-    return kExitUsage;
+    throw CommandError(kExitNotFound, "no writer serves " + mount.path() + ": its agent is not running");
   }
   if (json) {
     printJson(out, *entity, type);
@@ -130,7 +106,7 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
   } else {
     printText(out, *entity, type, "");
   }
-  if (!follow) return kExitOk;
+  if (!follow) return;
   out.flush();
   mount.replica().applied = [&](const Kiv::Entity& e, const AttrLogAttr& a, const std::string* key) {
     out << Kiv::entityPath(e) << " " << a.name;
@@ -150,11 +126,19 @@ int entityRun(const Args& args, std::ostream& out, std::ostream& err) {
   std::signal(SIGINT, [](int) { gStop = 1; });
   std::signal(SIGTERM, [](int) { gStop = 1; });
   while (!gStop) loop.runOnce(std::chrono::milliseconds(100));
-  return kExitOk;
 }
 
 }  // namespace
 
-const Subcommand entityCommand = {"entity", "print an agent's entity tree (and follow it)", entityUsage, entityRun};
+void addEntityCommand(CLI::App& app, Context& ctx) {
+  auto o = std::make_shared<EntityOptions>();
+  CLI::App* sub = app.add_subcommand("entity", "print an agent's entity tree (and follow it)");
+  sub->footer("Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config,\nrouting/hardware/multicast/status, routing/multicast/fib/<application>) read-only and prints it; --follow then prints each change: '<entity path> <attribute>[<key>]: <value>'\n('-' for a removed member). Waits up to N seconds (default 5) for the writer.");
+  sub->add_option("path", o->path, "the tree's mount path")->required();
+  sub->add_flag("--follow", o->follow, "then print each change");
+  addSecondsOption(*sub, &o->seconds, "how long to wait for the writer (default 5)");
+  addJsonFlag(*sub, ctx);
+  sub->callback([o, &ctx] { entityRun(*o, ctx); });
+}
 
 }  // namespace Mroutectl

@@ -3,18 +3,26 @@
 // Every way of naming a key ends in one IpGenRouteKey, which is checked
 // (kind, display) before anything is printed, so a report is either whole or
 // replaced by a one-line error.
+#include <CLI/CLI.hpp>
+
+#include <cctype>
 #include <charconv>
+#include <memory>
 #include <cstdio>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "command.h"
 #include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route_key.h"
 #include "mroute/runtime/assert.h"
+#include "stored_types.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
@@ -31,21 +39,18 @@ class InputError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-void keyUsage(std::ostream& os) {
-  os << "usage: mroutectl key '(S,G)' | '(*,G)'              a route as displayed, IPv4 or IPv6,\n"
-        "                                                    e.g. '(*,239.1.1.1)', "
-        "'(10.0.0.0/24,232.1.1.1)'\n"
-        "       mroutectl key vlan-floodset <vlan>\n"
-        "       mroutectl key multicast-floodset <vlan>\n"
-        "       mroutectl key vxlan-floodset <vlan>\n"
-        "       mroutectl key eth-group <vlan> <ethernet address>\n"
-        "       mroutectl key mcast-group <group kind> <group index>\n"
-        "       mroutectl key --parse '<text form>'          either the (s, g) or the by-kind text form\n"
-        "       mroutectl key --raw <s-prefix> <g-prefix>    decode a raw pair, e.g. 0.0.0.0/0 16.10.0.0/32\n"
-        "\n"
-        "Prints the key's display, kind, hash, both text forms, its raw (s, g) pair and, for\n"
-        "the reserved kinds, what it encodes. Bad input prints one error line and exits 2.\n";
-}
+constexpr const char* kKeyForms =
+    "  mroutectl key '(S,G)' | '(*,G)'              a route as displayed, IPv4 or IPv6,\n"
+    "                                               e.g. '(*,239.1.1.1)', '(10.0.0.0/24,232.1.1.1)'\n"
+    "  mroutectl key vlan-floodset <vlan>\n"
+    "  mroutectl key multicast-floodset <vlan>\n"
+    "  mroutectl key vxlan-floodset <vlan>\n"
+    "  mroutectl key eth-group <vlan> <ethernet address>\n"
+    "  mroutectl key mcast-group <group kind> <group index>\n"
+    "  mroutectl key --parse '<text form>'          either the (s, g) or the by-kind text form\n"
+    "  mroutectl key --raw <s-prefix> <g-prefix>    decode a raw pair, e.g. 0.0.0.0/0 16.10.0.0/32\n"
+    "Prints the key's display, kind, hash, both text forms, its raw (s, g) pair and, for\n"
+    "the reserved kinds, what it encodes.";
 
 // Runs a library call on operator input, turning its range errors and
 // assertions into an InputError that names the input.
@@ -156,10 +161,12 @@ std::string encodes(const IpGenRouteKey& key) {
   return "nothing: an unset or unknown key";
 }
 
-// Writes the whole report into a string first, so that a failure half-way
-// prints nothing but the error.
-std::string report(const IpGenRouteKey& key) {
-  std::ostringstream os;
+// The report as (field, value) pairs, all computed before anything is
+// printed, so that a failure half-way prints nothing but the error.
+using Report = std::vector<std::pair<std::string, std::string>>;
+
+Report report(const IpGenRouteKey& key) {
+  Report r;
   if (key.g().af().isIpv6() && !key.g().isMulticast()) {
     throw InputError("bad key: g " + key.g().text() +
                      " is IPv6 but not multicast; only IPv4 groups carry other kinds");
@@ -169,8 +176,8 @@ std::string report(const IpGenRouteKey& key) {
     throw InputError("bad key: g " + key.g().text() + " carries kind tag " + std::to_string(kind) +
                      ", which names no kind of key");
   }
-  auto line = [&os](std::string_view label, const std::string& value) {
-    os << label << std::string(16 - label.size(), ' ') << value << "\n";
+  auto line = [&r](std::string_view label, const std::string& value) {
+    r.emplace_back(std::string(label.substr(0, label.size() - 1)), value);
   };
   line("display:", key.pretty());
   line("kind:", std::string(Fib::stringValue(kind)));
@@ -199,8 +206,10 @@ std::string report(const IpGenRouteKey& key) {
     default:
       break;
   }
-  return os.str();
+  return r;
 }
+
+using Args = std::vector<std::string_view>;
 
 IpGenRouteKey keyOf(const Args& args) {
   auto want = [&args](size_t n) {
@@ -249,23 +258,66 @@ IpGenRouteKey keyOf(const Args& args) {
   return parseDisplay(what);
 }
 
-int runKey(const Args& args, std::ostream& out, std::ostream& err) {
-  if (args.empty()) {
-    keyUsage(err);
-    return kExitUsage;
+struct KeyOptions {
+  std::vector<std::string> words;
+  std::string parse;
+  std::vector<std::string> raw;
+};
+
+void runKey(const KeyOptions& o, Context& ctx) {
+  Args args;
+  if (!o.parse.empty()) args = {"--parse", o.parse};
+  if (!o.raw.empty()) args = {"--raw", o.raw[0], o.raw[1]};
+  if (!args.empty() && !o.words.empty()) {
+    throw CommandError(kExitUsage, "give a key, or --parse, or --raw, not several (see mroutectl key --help)");
   }
+  args.insert(args.end(), o.words.begin(), o.words.end());
+  if (args.empty()) throw CommandError(kExitUsage, "no key given (see mroutectl key --help)");
   try {
-    IpGenRouteKey key = keyOf(args);
-    out << checked("key", key.s().text() + " " + key.g().text(), [&key] { return report(key); });
-    return kExitOk;
+    const IpGenRouteKey key = keyOf(args);
+    const Report r = checked("key", key.s().text() + " " + key.g().text(), [&key] { return report(key); });
+    if (ctx.json) {
+      Json j;
+      for (const auto& [field, value] : r) {
+        std::string name = field;
+        for (size_t at = name.find(' '); at != std::string::npos; at = name.find(' ')) {
+          name.erase(at, 1);
+          name[at] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[at])));
+        }
+        j[name] = value;
+      }
+      j["hash"] = key.hash();
+      ctx.out << jsonText(j) << "\n";
+    } else {
+      for (const auto& [field, value] : r) {
+        ctx.out << field << ":" << std::string(15 - field.size(), ' ') << value << "\n";
+      }
+    }
   } catch (const InputError& e) {
-    err << "mroutectl key: " << e.what() << "\n";
-    return kExitUsage;
+    throw CommandError(kExitUsage, e.what());
   }
 }
 
 }  // namespace
 
-const Subcommand keyCommand = {"key", "print, parse and convert route keys", &keyUsage, &runKey};
+IpGenRouteKey routeKeyFromText(std::string_view text) {
+  try {
+    if (text.find("Value(") != std::string_view::npos) return parseTextForm(text);
+    return parseDisplay(text);
+  } catch (const InputError& e) {
+    throw CommandError(kExitUsage, e.what());
+  }
+}
+
+void addKeyCommand(CLI::App& app, Context& ctx) {
+  auto o = std::make_shared<KeyOptions>();
+  CLI::App* sub = app.add_subcommand("key", "print, parse and convert route keys");
+  sub->footer(kKeyForms);
+  sub->add_option("key", o->words, "a route as displayed, or a key command and its arguments");
+  sub->add_option("--parse", o->parse, "read a text form back")->option_text("TEXT");
+  sub->add_option("--raw", o->raw, "say what a raw (s, g) pair encodes")->expected(2)->option_text("S G");
+  addJsonFlag(*sub, ctx);
+  sub->callback([o, &ctx] { runKey(*o, ctx); });
+}
 
 }  // namespace Mroutectl

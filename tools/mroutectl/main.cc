@@ -1,70 +1,90 @@
 // mroutectl: the operator's tool for the multicast routing library.
 //
 //   mroutectl <command> [arguments]    run a command
-//   mroutectl --help                   list the commands
+//   mroutectl --help | --version       list the commands | the library version
 //   mroutectl <command> --help         a command's usage
 //
-// Library assertions are turned into exceptions for the whole run, so bad
-// input always ends in a one-line error and exit code 2, never an abort.
+// Every failure ends in one line "mroutectl <command>: <what>" and an exit
+// code that says what kind of failure it was (command.h). Library assertions
+// are turned into exceptions for the whole run, so bad input never aborts.
+#include <CLI/CLI.hpp>
+
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
-#include <string_view>
 
 #include "command.h"
 #include "mroute/runtime/assert.h"
+#include "mroute/runtime/error.h"
+#include "stored_types.h"
+
+#ifndef MROUTECTL_VERSION
+#error "the build defines MROUTECTL_VERSION"
+#endif
 
 namespace Mroutectl {
 
-bool parseSeconds(std::string_view text, double* seconds) {
-  const std::string s(text);
-  char* end = nullptr;
-  const double v = std::strtod(s.c_str(), &end);
-  if (s.empty() || end != s.c_str() + s.size() || !(v >= 0 && v <= 86400)) return false;
-  *seconds = v;
-  return true;
+void addJsonFlag(CLI::App& sub, Context& ctx) {
+  sub.add_flag("--json", ctx.json, "machine-readable output (schema in the README)");
+}
+
+void addSecondsOption(CLI::App& sub, double* seconds, const std::string& what) {
+  sub.add_option("--seconds", *seconds, what)->check(CLI::Range(0.0, 86400.0))->option_text("N");
 }
 
 namespace {
 
-const Subcommand* const kCommands[] = {&keyCommand,      &tablesCommand, &listCommand, &dumpCommand,
-                                       &validateCommand, &followCommand, &demoCommand, &typesCommand,
-                                       &bitmapCommand,   &routesCommand, &appsDemoCommand, &entityCommand};
-
-void usage(std::ostream& os) {
-  os << "usage: mroutectl <command> [arguments]\n"
-        "       mroutectl <command> --help\n\ncommands:\n";
-  for (const Subcommand* c : kCommands) {
-    os << "  " << c->name << std::string(10 - c->name.size(), ' ') << c->summary << "\n";
-  }
+// The name of the subcommand being run, for the error line.
+std::string commandName(const CLI::App& app) {
+  for (const CLI::App* sub : app.get_subcommands()) return "mroutectl " + sub->get_name();
+  return "mroutectl";
 }
 
-// The command being run, for the error line of an exception.
-std::string gCommand = "mroutectl";
-
 int run(int argc, char** argv) {
-  if (argc < 2) {
-    usage(std::cerr);
-    return kExitUsage;
-  }
-  std::string_view name = argv[1];
-  if (name == "--help" || name == "-h" || name == "help") {
-    usage(std::cout);
+  CLI::App app("The operator's tool for the multicast routing library: shared-memory tables, route keys,\n"
+               "entity trees. Tables live under $MROUTE_SHM_ROOT (default /dev/shm/mroute).\n"
+               "Exit codes: 0 ok, 1 damaged table, 2 bad usage, 3 not found, 4 internal error.",
+               "mroutectl");
+  app.set_version_flag("--version", std::string("mroutectl ") + MROUTECTL_VERSION);
+  app.require_subcommand(1);
+  registerStoredTypes();
+  Context ctx{std::cout, std::cerr};
+  addKeyCommand(app, ctx);
+  addTablesCommand(app, ctx);
+  addDumpCommand(app, ctx);
+  addValidateCommand(app, ctx);
+  addFollowCommand(app, ctx);
+  addDemoCommand(app, ctx);
+  addTypesCommand(app, ctx);
+  addBitmapCommand(app, ctx);
+  addRoutesCommand(app, ctx);
+  addAppsDemoCommand(app, ctx);
+  addEntityCommand(app, ctx);
+  try {
+    app.parse(argc, argv);
     return kExitOk;
+  } catch (const CLI::ParseError& e) {
+    // --help and --version end parsing with exit code 0.
+    if (e.get_exit_code() == 0) return app.exit(e);
+    const std::string name = commandName(app);
+    std::cout.flush();
+    std::cerr << name << ": " << e.what() << " (see " << name << " --help)\n";
+    return kExitUsage;
+  } catch (const CommandError& e) {
+    std::cout.flush();
+    std::cerr << commandName(app) << ": " << e.what() << "\n";
+    return e.code();
+  } catch (const Pavo::CorruptionDetectedException& e) {
+    std::cout.flush();
+    std::cerr << commandName(app) << ": the table's files are damaged: " << e.what()
+              << " (mroutectl validate says more)\n";
+    return kExitDamaged;
+  } catch (const std::exception& e) {
+    std::cout.flush();
+    std::cerr << commandName(app) << ": internal error: " << e.what() << "\n";
+    return kExitInternal;
   }
-  for (const Subcommand* c : kCommands) {
-    if (c->name != name) continue;
-    gCommand = "mroutectl " + std::string(c->name);
-    Args args(argv + 2, argv + argc);
-    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-      c->usage(std::cout);
-      return kExitOk;
-    }
-    return c->run(args, std::cout, std::cerr);
-  }
-  std::cerr << "mroutectl: unknown command '" << name << "' (see mroutectl --help)\n";
-  return kExitUsage;
 }
 
 }  // namespace
@@ -72,11 +92,5 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   Mroute::ThrowingAssertHandler assertionsThrow;
-  try {
-    return Mroutectl::run(argc, argv);
-  } catch (const std::exception& e) {
-    std::cout.flush();
-    std::cerr << Mroutectl::gCommand << ": " << e.what() << "\n";
-    return Mroutectl::kExitUsage;
-  }
+  return Mroutectl::run(argc, argv);
 }

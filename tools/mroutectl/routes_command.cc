@@ -5,7 +5,10 @@
 // the incoming interface and the outgoing interfaces by name (through the
 // winner's oif-index table) and the route's flags. --all lists every
 // application's candidate and marks the winner with '*'.
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
+#include <memory>
 #include <chrono>
 #include <filesystem>
 #include <iostream>
@@ -16,6 +19,7 @@
 #include <vector>
 
 #include "command.h"
+#include "table_json.h"
 #include "mroute/mfibdir/merged_route_iterator.h"
 #include "mroute/mfibdir/mfib_entity_manager.h"
 #include "mroute/route/route_intf_iterator.h"
@@ -29,15 +33,6 @@ using Brume::Multicast::Fib::MfibBrumeColl;
 using Brume::Multicast::Fib::Route;
 using Brume::Multicast::Fib::Status;
 
-void routesUsage(std::ostream& os) {
-  os << "usage: mroutectl routes [--vrf V] [--af 4|6] [--all] [--json]\n"
-        "  The route each key would be programmed with: per key the winning application\n"
-        "  (strictly highest priority; ties to the first in the collection's order;\n"
-        "  priority 0 never wins), its incoming and outgoing interfaces by name and its flags, read\n"
-        "  from every application's table set under $MROUTE_SHM_ROOT. --vrf limits the\n"
-        "  output to one VRF, --af picks the family (default 4), --all shows every\n"
-        "  application's candidate with '*' on the winner, --json prints one JSON object.\n";
-}
 
 struct Options {
   std::string vrf;
@@ -46,14 +41,7 @@ struct Options {
   bool json = false;
 };
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
-}
+std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
 
 template <typename Flags>
 std::vector<std::string> flagNames(Flags flags) {
@@ -119,23 +107,10 @@ std::vector<std::string> subdirs(const std::filesystem::path& dir) {
   return out;
 }
 
-int routesRun(const Args& args, std::ostream& out, std::ostream& err) {
-  Options o;
-  for (size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--all") {
-      o.all = true;
-    } else if (args[i] == "--json") {
-      o.json = true;
-    } else if (args[i] == "--vrf" && i + 1 < args.size()) {
-      o.vrf = std::string(args[++i]);
-      L3::VrfName check(o.vrf);  // refuses names over 100 bytes
-    } else if (args[i] == "--af" && i + 1 < args.size() && (args[i + 1] == "4" || args[i + 1] == "6")) {
-      o.af = args[++i] == "4" ? 4 : 6;
-    } else {
-      err << "mroutectl routes: bad argument '" << args[i] << "' (see mroutectl routes --help)\n";
-      return kExitUsage;
-    }
-  }
+void routesRun(Options o, Context& ctx) {
+  std::ostream& out = ctx.out;
+  o.json = ctx.json;
+  if (!o.vrf.empty()) L3::VrfName check(o.vrf);  // refuses names over 100 bytes
   const Orvet::AddressFamily family(o.af == 4 ? 1 : 2);
   const std::filesystem::path base =
       std::filesystem::path(Brume::shmRootDirectory()) / (o.af == 4 ? "routing" : "routing6") / "multicast" / "routestatus";
@@ -201,11 +176,19 @@ int routesRun(const Args& args, std::ostream& out, std::ostream& err) {
     }
   }
   if (o.json) out << "[" << join(jsonVrfs, ", ") << "]\n";
-  return kExitOk;
 }
 
 }  // namespace
 
-const Subcommand routesCommand{"routes", "the winning route per key across applications", routesUsage, routesRun};
+void addRoutesCommand(CLI::App& app, Context& ctx) {
+  auto o = std::make_shared<Options>();
+  CLI::App* sub = app.add_subcommand("routes", "the winning route per key across applications");
+  sub->footer("The route each key would be programmed with: per key the winning application\n(strictly highest priority; ties to the first in the collection's order;\npriority 0 never wins), its incoming and outgoing interfaces by name and its flags, read\nfrom every application's table set under $MROUTE_SHM_ROOT. --vrf limits the\noutput to one VRF, --af picks the family (default 4), --all shows every\napplication's candidate with '*' on the winner, --json prints one JSON object.");
+  sub->add_option("--vrf", o->vrf, "only this VRF")->option_text("V");
+  sub->add_option("--af", o->af, "the address family, 4 (default) or 6")->check(CLI::IsMember({4, 6}));
+  sub->add_flag("--all", o->all, "every application's candidate, '*' on the winner");
+  addJsonFlag(*sub, ctx);
+  sub->callback([o, &ctx] { routesRun(*o, ctx); });
+}
 
 }  // namespace Mroutectl

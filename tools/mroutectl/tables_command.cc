@@ -1,24 +1,63 @@
 // mroutectl tables (alias: list): the tables under the shared-memory root,
-// one aligned row each.
+// one aligned row each; --verbose adds the health of each table's queue.
+// mroutectl stat <table>: one table's summary and health.
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <iomanip>
+#include <memory>
 #include <ostream>
 #include <sstream>
 
 #include "command.h"
+#include "mroute/entity/kiv/type_registry.h"
 #include "mroute/table/shm_root.h"
-#include "table_access.h"
+#include "table_json.h"
 
 namespace Mroutectl {
+
+using Brume::Inspect::TableStat;
+
 namespace {
 
-void tablesUsage(std::ostream& os) {
-  os << "usage: mroutectl tables\n"
-        "  Lists every table under the shared-memory root ($MROUTE_SHM_ROOT, default /dev/shm/mroute):\n"
-        "  value type, entries and capacity, ember id, the writer process and its connected readers.\n";
+// Sequences the slowest connected reader has yet to acknowledge.
+uint64_t lag(const TableStat& s) { return s.newestSequence > s.oldestNeeded ? s.newestSequence - s.oldestNeeded : 0; }
+
+}  // namespace
+
+Json statJson(const TableStat& s) {
+  Json j;
+  j["table"] = s.table;
+  j["dir"] = s.dir;
+  j["readable"] = s.readable;
+  if (s.readable) {
+    j["valueType"] = s.valueType;
+    j["registered"] = Kiv::findType(s.valueType) != nullptr;
+    j["valueSize"] = s.valueSize;
+    j["entries"] = s.entries;
+    j["capacity"] = s.capacity;
+    j["maxSlots"] = s.maxSlots;
+    j["fixedCapacity"] = s.fixedCapacity;
+    j["incarnation"] = s.fileEmber;
+    j["incarnationMatches"] = s.ember == s.fileEmber;
+  }
+  j["writerPid"] = s.writerPid > 0 ? Json(s.writerPid) : Json(nullptr);
+  j["writerRunning"] = s.writerPid != 0;
+  j["readers"] = s.writerPid != 0 ? Json(s.readers) : Json(nullptr);
+  Json q;
+  q["file"] = s.queueFile;
+  q["entries"] = s.queueEntries;
+  q["capacity"] = s.queueCapacity;
+  q["newestSequence"] = s.newestSequence;
+  q["oldestNeeded"] = s.oldestNeeded;
+  q["slowestReaderLag"] = s.writerPid != 0 && s.readers != 0 ? Json(lag(s)) : Json(nullptr);
+  q["shrinking"] = s.shrinking;
+  j["queue"] = q;
+  j["corruptionReported"] = s.corruptionReported;
+  return j;
 }
+
+namespace {
 
 std::string hex(uint32_t v) {
   std::ostringstream os;
@@ -26,46 +65,39 @@ std::string hex(uint32_t v) {
   return os.str();
 }
 
-std::vector<std::string> row(const TableSummary& s) {
-  if (!s.readable) return {s.table, "?", "?", "?", "?", "?", "?", "slot file unreadable"};
-  std::string notes;
-  if (s.ember != s.fileEmber) notes += "ember file " + hex(s.ember) + " differs; ";
-  if (s.corruptionReported) notes += "CORRUPTION REPORTED; ";
-  if (!notes.empty()) notes.resize(notes.size() - 2);
-  const bool running = s.writerPid != 0;
-  return {s.table,
-          s.valueType,
-          std::to_string(s.members),
-          std::to_string(s.capacity),
-          hex(s.fileEmber),
-          running ? (s.writerPid > 0 ? "pid " + std::to_string(s.writerPid) : "running") : "none",
-          running ? std::to_string(s.readers) : "-",
-          notes};
+std::string notes(const TableStat& s) {
+  std::string n;
+  if (s.ember != s.fileEmber) n += "incarnation file says " + hex(s.ember) + "; ";
+  if (s.corruptionReported) n += "CORRUPTION REPORTED by a reader; ";
+  if (!n.empty()) n.resize(n.size() - 2);
+  return n;
 }
 
-int tablesRun(const Args& args, std::ostream& out, std::ostream& err) {
-  if (!args.empty()) {
-    err << "mroutectl tables: no arguments expected\n";
-    return kExitUsage;
+
+std::vector<std::string> row(const TableStat& s, bool verbose) {
+  const bool running = s.writerPid != 0;
+  std::vector<std::string> r;
+  if (!s.readable) {
+    r = {s.table, "?", "?", "?", running ? "running" : "none", "-", "slot file unreadable"};
+  } else {
+    r = {s.table,
+         s.valueType,
+         std::to_string(s.entries),
+         std::to_string(s.capacity),
+         running ? (s.writerPid > 0 ? "pid " + std::to_string(s.writerPid) : "running") : "none",
+         running ? std::to_string(s.readers) : "-",
+         notes(s)};
   }
-  const std::string root = Brume::shmRootDirectory();
-  std::error_code ec;
-  if (!std::filesystem::is_directory(root, ec)) {
-    err << "mroutectl tables: no shared-memory root directory " << root
-        << (std::getenv(Brume::kShmRootVariable) ? " (from MROUTE_SHM_ROOT)" : "") << "\n";
-    return kExitUsage;
+  if (verbose) {
+    const bool readers = running && s.readers != 0;
+    r.insert(r.end() - 1, {s.queueFile.empty() ? "-" : s.queueFile, std::to_string(s.newestSequence),
+                           readers ? std::to_string(lag(s)) : "-",
+                           hex(s.fileEmber)});
   }
-  const auto tables = findTables(root);
-  out << "root " << root << ": " << tables.size() << (tables.size() == 1 ? " table" : " tables") << "\n";
-  if (tables.empty()) return kExitOk;
-  std::vector<std::vector<std::string>> rows = {
-      {"TABLE", "VALUE TYPE", "ENTRIES", "CAPACITY", "EMBER", "WRITER", "READERS", ""}};
-  bool stale = false;
-  for (const std::string& t : tables) {
-    const TableSummary s = summarize(t);
-    stale = stale || (s.readable && s.writerPid == 0);
-    rows.push_back(row(s));
-  }
+  return r;
+}
+
+void printRows(std::vector<std::vector<std::string>> rows, std::ostream& out) {
   std::vector<size_t> width(rows[0].size(), 0);
   for (const auto& r : rows) {
     for (size_t c = 0; c < r.size(); ++c) width[c] = std::max(width[c], r[c].size());
@@ -73,21 +105,81 @@ int tablesRun(const Args& args, std::ostream& out, std::ostream& err) {
   for (const auto& r : rows) {
     std::string line;
     for (size_t c = 0; c < r.size(); ++c) {
-      // Text columns left-aligned, counts right-aligned.
-      const bool number = c >= 2 && c <= 3;
       const std::string pad(width[c] - r[c].size(), ' ');
-      line += (c == 0 ? "" : "  ") + (number ? pad + r[c] : r[c] + (c + 1 < r.size() ? pad : ""));
+      const bool number = !r[c].empty() && std::all_of(r[c].begin(), r[c].end(), ::isdigit);
+      line += (c == 0 ? "" : "  ") + (number ? pad + r[c] : r[c] + pad);
     }
     while (!line.empty() && line.back() == ' ') line.pop_back();
     out << line << "\n";
   }
-  if (stale) out << "(READERS '-': no writer runs, so no reader can be connected.)\n";
-  return kExitOk;
+}
+
+void requireRoot() {
+  if (const std::string why = Brume::Inspect::rootProblem(); !why.empty()) throw CommandError(kExitNotFound, why);
+}
+
+void runTables(bool verbose, Context& ctx) {
+  requireRoot();
+  const std::string root = Brume::shmRootDirectory();
+  const auto tables = Brume::Inspect::listTables(root);
+  if (ctx.json) {
+    Json list = Json::array();
+    for (const std::string& t : tables) list.push_back(statJson(Brume::Inspect::statTable(t)));
+    ctx.out << jsonText(Json{{"root", root}, {"tables", list}}) << "\n";
+    return;
+  }
+  if (tables.empty()) {
+    ctx.out << "no tables under " << root << "\n";
+    return;
+  }
+  std::vector<std::vector<std::string>> rows = {
+      {"TABLE", "VALUE TYPE", "ENTRIES", "CAPACITY", "WRITER", "READERS", "NOTES"}};
+  if (verbose) rows[0].insert(rows[0].end() - 1, {"QUEUE", "NEWEST SEQ", "LAG", "INCARNATION"});
+  for (const std::string& t : tables) rows.push_back(row(Brume::Inspect::statTable(t), verbose));
+  printRows(std::move(rows), ctx.out);
+}
+
+void runStat(const std::string& table, Context& ctx) {
+  Brume::Inspect::Problem problem{};
+  std::string error;
+  if (!Brume::Inspect::locateTable(table, &problem, &error)) {
+    throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+  }
+  const TableStat s = Brume::Inspect::statTable(table);
+  if (ctx.json) {
+    ctx.out << jsonText(statJson(s)) << "\n";
+    return;
+  }
+  const Json j = statJson(s);
+  for (const auto& [field, value] : j.items()) {
+    if (field == "queue") {
+      for (const auto& [qf, qv] : value.items()) ctx.out << "queue." << qf << ": " << jsonText(qv) << "\n";
+    } else {
+      ctx.out << field << ": " << (value.is_string() ? value.get<std::string>() : jsonText(value)) << "\n";
+    }
+  }
+  if (s.writerPid == 0) ctx.out << "(no writer runs: readers and queue figures are those it left behind)\n";
 }
 
 }  // namespace
 
-const Subcommand tablesCommand{"tables", "list the shared-memory tables", tablesUsage, tablesRun};
-const Subcommand listCommand{"list", "same as tables", tablesUsage, tablesRun};
+void addTablesCommand(CLI::App& app, Context& ctx) {
+  auto verbose = std::make_shared<bool>(false);
+  CLI::App* tables = app.add_subcommand("tables", "list the shared-memory tables and their health");
+  tables->alias("list");
+  tables->footer(
+      "Columns: value type, entries, capacity, the writer process and the readers connected to it.\n"
+      "--verbose adds the notification queue: its current file, the newest sequence, the lag of the\n"
+      "slowest reader in sequences, and the writer's incarnation id.");
+  tables->add_flag("--verbose,-v", *verbose, "add the queue's health");
+  addJsonFlag(*tables, ctx);
+  tables->callback([verbose, &ctx] { runTables(*verbose, ctx); });
+
+  auto table = std::make_shared<std::string>();
+  CLI::App* stat = app.add_subcommand("stat", "one table's summary and health");
+  stat->add_option("table", *table, "<mount path>/<name>")->required();
+  addJsonFlag(*stat, ctx);
+  stat->callback([table, &ctx] { runStat(*table, ctx); });
+}
 
 }  // namespace Mroutectl

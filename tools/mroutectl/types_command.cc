@@ -1,20 +1,19 @@
 // mroutectl types [NAME]: the entity, value and enumeration types registered
 // in the library, or one type's attributes with their ids, kinds and
 // defaults (an enumeration's literals with their values).
+#include <CLI/CLI.hpp>
+
 #include <iomanip>
+#include <memory>
 #include <ostream>
 #include <string>
 
 #include "command.h"
 #include "mroute/entity/kiv/type_registry.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
-
-void typesUsage(std::ostream& os) {
-  os << "usage: mroutectl types           every registered type: kind and qualified name\n"
-        "       mroutectl types <name>    one type's attributes: id, name, kind, type, default\n";
-}
 
 void listTypes(std::ostream& out) {
   for (const Kiv::TypeRecord* t : Kiv::registeredTypes()) {
@@ -34,27 +33,55 @@ void showType(const Kiv::TypeRecord& t, std::ostream& out) {
   }
 }
 
-int runTypes(const Args& args, std::ostream& out, std::ostream& err) {
-  if (args.empty()) {
-    listTypes(out);
-    return kExitOk;
+Json typeJson(const Kiv::TypeRecord& t) {
+  Json j{{"name", t.name}, {"kind", Kiv::typeKindName(t.kind)}};
+  if (t.kind == Kiv::TypeKind::enumeration) {
+    Json literals = Json::array();
+    for (const Kiv::EnumLiteral& l : t.literals) literals.push_back(Json{{"name", l.name}, {"value", l.value}});
+    j["literals"] = literals;
+    return j;
   }
-  if (args.size() != 1) {
-    typesUsage(err);
-    return kExitUsage;
+  Json attrs = Json::array();
+  for (const Kiv::AttrRecord& a : t.attributes) {
+    Json x{{"id", a.id}, {"name", a.name}, {"kind", a.kind}, {"type", a.type}};
+    if (!a.defaultText.empty()) x["default"] = a.defaultText;
+    if (a.capacity != 0) x["capacity"] = a.capacity;
+    attrs.push_back(x);
   }
-  const Kiv::TypeRecord* t = Kiv::findType(args[0]);
-  if (t == nullptr) {
-    err << "mroutectl types: no type '" << args[0] << "' (see mroutectl types)\n";
-    return kExitUsage;
+  j["attributes"] = attrs;
+  return j;
+}
+
+void runTypes(const std::string& name, Context& ctx) {
+  if (name.empty()) {
+    if (!ctx.json) {
+      listTypes(ctx.out);
+      return;
+    }
+    Json list = Json::array();
+    for (const Kiv::TypeRecord* t : Kiv::registeredTypes()) {
+      list.push_back(Json{{"name", t->name}, {"kind", Kiv::typeKindName(t->kind)}});
+    }
+    ctx.out << jsonText(list) << "\n";
+    return;
   }
-  showType(*t, out);
-  return kExitOk;
+  const Kiv::TypeRecord* t = Kiv::findType(name);
+  if (t == nullptr) throw CommandError(kExitNotFound, "no type '" + name + "' is registered (mroutectl types lists them)");
+  if (ctx.json) {
+    ctx.out << jsonText(typeJson(*t)) << "\n";
+  } else {
+    showType(*t, ctx.out);
+  }
 }
 
 }  // namespace
 
-const Subcommand typesCommand{"types", "list the registered types, or one type's attributes", typesUsage,
-                              runTypes};
+void addTypesCommand(CLI::App& app, Context& ctx) {
+  auto name = std::make_shared<std::string>();
+  CLI::App* sub = app.add_subcommand("types", "list the registered types, or one type's attributes");
+  sub->add_option("name", *name, "a qualified type name: its attribute ids, names, kinds, types, defaults");
+  addJsonFlag(*sub, ctx);
+  sub->callback([name, &ctx] { runTypes(*name, ctx); });
+}
 
 }  // namespace Mroutectl

@@ -1,74 +1,73 @@
-// mroutectl validate [<table> ...]: runs the header and deep checks of
-// table_check.h on a private copy of each table's files and prints each
-// finding as one line. Nothing is written to the tables.
-#include <cstdlib>
-#include <filesystem>
+// mroutectl validate [<table> ...]: the deep check of each table's files
+// (mroute/table/inspect/table_inspect.h), each finding one line. Nothing is
+// written to the tables.
+#include <CLI/CLI.hpp>
+
+#include <memory>
 #include <optional>
 #include <ostream>
 
 #include "command.h"
+#include "mroute/table/inspect/table_inspect.h"
 #include "mroute/table/shm_root.h"
-#include "table_access.h"
-#include "table_check.h"
+#include "table_json.h"
 
 namespace Mroutectl {
 namespace {
 
-void validateUsage(std::ostream& os) {
-  os << "usage: mroutectl validate [<mount path>/<name> ...]\n"
-        "  Checks the files of the given tables (all tables under the root when none is given): the\n"
-        "  header of every file, then the free list, every hash chain and the notification queue, as\n"
-        "  the writer does when it attaches. Read-only. Prints each finding on its own line.\n"
-        "  Exit code 0: every table sound; 1: a table has findings; 2: bad usage or no such table.\n";
-}
-
-int validateRun(const Args& args, std::ostream& out, std::ostream& err) {
-  std::vector<std::string> tables;
-  for (std::string_view a : args) {
-    if (a.starts_with("-")) {
-      err << "mroutectl validate: unknown option '" << a << "'\n";
-      return kExitUsage;
-    }
-    tables.emplace_back(a);
-  }
+void runValidate(std::vector<std::string> tables, Context& ctx) {
   if (tables.empty()) {
-    const std::string root = Brume::shmRootDirectory();
-    std::error_code ec;
-    if (!std::filesystem::is_directory(root, ec)) {
-      err << "mroutectl validate: no shared-memory root directory " << root
-          << (std::getenv(Brume::kShmRootVariable) ? " (from MROUTE_SHM_ROOT)" : "") << "\n";
-      return kExitUsage;
+    if (const std::string why = Brume::Inspect::rootProblem(); !why.empty()) {
+      throw CommandError(kExitNotFound, why);
     }
-    tables = findTables(root);
-    if (tables.empty()) out << "no tables under " << root << "\n";
+    tables = Brume::Inspect::listTables(Brume::shmRootDirectory());
   }
+  // Every name is checked before any table is: a typo is not half a report.
   std::vector<Mem::RootPath> roots;
   for (const std::string& t : tables) {
+    Brume::Inspect::Problem problem{};
     std::string error;
-    std::optional<Mem::RootPath> root = locateTable(t, &error);
-    if (!root) {
-      err << "mroutectl validate: " << error << "\n";
-      return kExitUsage;
-    }
+    std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(t, &problem, &error);
+    if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
     roots.push_back(*root);
   }
   int bad = 0;
+  Json list = Json::array();
   for (size_t i = 0; i < tables.size(); ++i) {
-    const auto findings = checkTable(roots[i]);
-    out << tables[i] << ": "
-        << (findings.empty()
-                ? "ok"
-                : std::to_string(findings.size()) + (findings.size() == 1 ? " finding" : " findings"))
-        << "\n";
-    for (const std::string& f : findings) out << "  " << f << "\n";
+    const auto findings = Brume::Inspect::validateTable(roots[i]);
     bad += !findings.empty();
+    if (ctx.json) {
+      list.push_back(Json{{"table", tables[i]}, {"ok", findings.empty()}, {"findings", findings}});
+      continue;
+    }
+    ctx.out << tables[i] << ": "
+            << (findings.empty()
+                    ? "ok"
+                    : std::to_string(findings.size()) + (findings.size() == 1 ? " finding" : " findings"))
+            << "\n";
+    for (const std::string& f : findings) ctx.out << "  " << f << "\n";
   }
-  return bad == 0 ? kExitOk : 1;
+  if (ctx.json) ctx.out << jsonText(Json{{"tables", list}}) << "\n";
+  if (!ctx.json && tables.empty()) ctx.out << "no tables under " << Brume::shmRootDirectory() << "\n";
+  if (bad != 0) {
+    throw CommandError(kExitDamaged, std::to_string(bad) + (bad == 1 ? " table has" : " tables have") +
+                                         " findings (a writer re-formats such a table, losing its entries, when "
+                                         "it next attaches)");
+  }
 }
 
 }  // namespace
 
-const Subcommand validateCommand{"validate", "check a table's files deeply and print what is wrong",
-                                 validateUsage, validateRun};
+void addValidateCommand(CLI::App& app, Context& ctx) {
+  auto tables = std::make_shared<std::vector<std::string>>();
+  CLI::App* sub = app.add_subcommand("validate", "check tables' files deeply and print what is wrong");
+  sub->footer(
+      "Checks the given tables (every table under the root when none is given): the header of every\n"
+      "file, then the free list, every hash chain and the notification queue, as the writer does when\n"
+      "it attaches. Read-only. Exit 1 when a table has findings.");
+  sub->add_option("tables", *tables, "<mount path>/<name> ...");
+  addJsonFlag(*sub, ctx);
+  sub->callback([tables, &ctx] { runValidate(*tables, ctx); });
+}
 
 }  // namespace Mroutectl

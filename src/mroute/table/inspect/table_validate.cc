@@ -1,22 +1,20 @@
-#include "table_check.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cstring>
 #include <vector>
 
-#include "mroute/table/shm/brume_hash.h"
 #include "mroute/table/engine/internal/bucket_file.h"
-#include "mroute/table/queue/internal/conquer_file.h"
-#include "mroute/table/shm/ember_file.h"
-#include "mroute/table/engine/internal/link.h"
 #include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/engine/internal/validator.h"
-#include "table_access.h"
+#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/ember_file.h"
 
-namespace Mroutectl {
+namespace Brume::Inspect {
 namespace {
 
 // A private copy of one file, 8-byte aligned like its mapping would be.
@@ -58,45 +56,39 @@ struct Snapshot {
   }
 };
 
-uint32_t routeRhash(const unsigned char* value) {
-  RouteValue copy;
-  std::memcpy(&copy, value, sizeof copy);
-  return Brume::bitReverse(RouteOps::hash(RouteOps::keyOf(copy)));
-}
-
 // Notification queue entries of the current file, read-only: the writer's
 // own entry check less the positions only it remembers. Fills positions
 // (slot -> position of its live entry).
 void checkQueue(const Snapshot (&q)[2], uint32_t numSlots, std::vector<uint32_t>* positions, uint32_t* size,
                 std::vector<std::string>* findings) {
-  const uint32_t cur = Brume::conquer::loadCurrentTable(*Brume::ConquerTable::header(q[0].base()));
-  const uint32_t other = Brume::conquer::loadCurrentTable(*Brume::ConquerTable::header(q[1].base()));
+  const uint32_t cur = conquer::loadCurrentTable(*ConquerTable::header(q[0].base()));
+  const uint32_t other = conquer::loadCurrentTable(*ConquerTable::header(q[1].base()));
   if (cur != other) {
     findings->push_back("conquer: the two files disagree on the current one (" + std::to_string(cur) +
                         " and " + std::to_string(other) + ")");
     return;
   }
   const Snapshot& f = q[cur];
-  const auto* h = Brume::ConquerTable::header(f.base());
-  const uint32_t pos = Brume::conquer::loadCurrentPos(*h);
+  const auto* h = ConquerTable::header(f.base());
+  const uint32_t pos = conquer::loadCurrentPos(*h);
   const uint64_t cap = h->notifications.loadRelaxed().ref;
-  const std::string name = Brume::ConquerTable::kFileNames[cur];
-  if (pos > cap || pos > Brume::ConquerTable::entriesIn(f.size)) {
+  const std::string name = ConquerTable::kFileNames[cur];
+  if (pos > cap || pos > ConquerTable::entriesIn(f.size)) {
     findings->push_back(name + ": currentPos " + std::to_string(pos) + " beyond its " + std::to_string(cap) +
                         " entries");
     return;
   }
-  positions->assign(numSlots, Brume::kNoRef);
+  positions->assign(numSlots, kNoRef);
   *size = pos;
   uint64_t prev = 0;
   for (uint32_t p = 0; p < pos; ++p) {
-    const Brume::ConquerTable::Entry& e = *Brume::ConquerTable::entry(f.base(), p);
-    const uint64_t seq = Brume::conquer::loadSequence(e);
-    const uint32_t slot = Brume::conquer::loadSlot(e);
+    const ConquerTable::Entry& e = *ConquerTable::entry(f.base(), p);
+    const uint64_t seq = conquer::loadSequence(e);
+    const uint32_t slot = conquer::loadSlot(e);
     std::string what;
     if (seq <= prev) {
       what = "sequence " + std::to_string(seq) + " not above " + std::to_string(prev);
-    } else if (slot != Brume::ConquerTable::kTombstone && slot < numSlots && (*positions)[slot] != Brume::kNoRef) {
+    } else if (slot != ConquerTable::kTombstone && slot < numSlots && (*positions)[slot] != kNoRef) {
       what = "slot " + std::to_string(slot) + " also live at position " + std::to_string((*positions)[slot]);
     }
     if (!what.empty()) {
@@ -105,7 +97,7 @@ void checkQueue(const Snapshot (&q)[2], uint32_t numSlots, std::vector<uint32_t>
     }
     // An entry of a slot that a shrink removed stays until it is pruned, as
     // the writer allows; it names no live slot.
-    if (slot != Brume::ConquerTable::kTombstone && slot < numSlots) (*positions)[slot] = p;
+    if (slot != ConquerTable::kTombstone && slot < numSlots) (*positions)[slot] = p;
     prev = seq;
   }
 }
@@ -113,29 +105,29 @@ void checkQueue(const Snapshot (&q)[2], uint32_t numSlots, std::vector<uint32_t>
 std::vector<std::string> checkOnce(const Mem::RootPath& root) {
   std::vector<std::string> findings;
   uint32_t ember = 0;
-  if (!Brume::readEmber(Mem::systemShmFs(), root, &ember)) findings.push_back("ember: missing or empty");
+  if (!readEmber(Mem::systemShmFs(), root, &ember)) findings.push_back("ember: missing or empty");
   std::string why;
 
   Snapshot slots;
   bool slotsOk = false;
-  const Brume::SlotTable::Header* sh = nullptr;
-  if (!slots.read(root.file(Brume::kSlotFileName))) {
+  const SlotTable::Header* sh = nullptr;
+  if (!slots.read(root.file(kSlotFileName))) {
     findings.push_back("slots: " + slots.error);
-  } else if (slots.size < sizeof(Brume::SlotTable::Header)) {
+  } else if (slots.size < sizeof(SlotTable::Header)) {
     findings.push_back("slots: shorter than its header");
   } else {
-    sh = static_cast<const Brume::SlotTable::Header*>(slots.base());
+    sh = static_cast<const SlotTable::Header*>(slots.base());
     slotsOk = sh->validate(slots.size, sh->slotSize, ember, &why);
     if (!slotsOk) findings.push_back("slots: " + why);
   }
 
   Snapshot buckets;
   bool bucketsOk = false;
-  const Brume::BucketTable::Header* bh = nullptr;
-  if (!buckets.read(root.file(Brume::kBucketFileName))) {
+  const BucketTable::Header* bh = nullptr;
+  if (!buckets.read(root.file(kBucketFileName))) {
     findings.push_back("buckets: " + buckets.error);
   } else {
-    bh = static_cast<const Brume::BucketTable::Header*>(buckets.base());
+    bh = static_cast<const BucketTable::Header*>(buckets.base());
     bucketsOk = bh->validate(buckets.size, ember, &why);
     if (!bucketsOk) {
       findings.push_back("buckets: " + why);
@@ -149,11 +141,11 @@ std::vector<std::string> checkOnce(const Mem::RootPath& root) {
   Snapshot queue[2];
   bool queueOk = true;
   for (int i = 0; i < 2; ++i) {
-    const std::string name = Brume::ConquerTable::kFileNames[i];
+    const std::string name = ConquerTable::kFileNames[i];
     if (!queue[i].read(root.file(name))) {
       findings.push_back(name + ": " + queue[i].error);
       queueOk = false;
-    } else if (!Brume::ConquerTable::validate(queue[i].base(), queue[i].size, ember, &why)) {
+    } else if (!ConquerTable::validate(queue[i].base(), queue[i].size, ember, &why)) {
       findings.push_back(name + ": " + why);
       queueOk = false;
     }
@@ -161,20 +153,19 @@ std::vector<std::string> checkOnce(const Mem::RootPath& root) {
 
   if (slotsOk && bucketsOk) {
     const uint32_t numSlots = sh->numSlots.loadRelaxed().ref;
-    Brume::NotificationView view;
+    NotificationView view;
     std::vector<uint32_t> positions;
     const size_t before = findings.size();
     if (queueOk) checkQueue(queue, numSlots, &positions, &view.size, &findings);
     const bool withQueue = queueOk && findings.size() == before;
     if (withQueue) view.positionOf = [&positions](uint32_t slot) { return positions[slot]; };
     const std::string_view type(sh->valueType, strnlen(sh->valueType, sizeof sh->valueType));
-    const bool routes =
-        type == Brume::Multicast::Fib::Route::kTypeName && sh->valueSize == sizeof(RouteValue);
-    Brume::Validator validator(sh, sh->slotSize, bh, withQueue ? &view : nullptr,
-                               routes ? &routeRhash : nullptr);
+    const ValueCodec* codec = findValueCodec(type, sh->valueSize);
+    Validator validator(sh, sh->slotSize, bh, withQueue ? &view : nullptr,
+                        codec ? codec->rhash : nullptr);
     if (!validator.validate(&why)) findings.push_back("chains: " + why);
   }
-  if (Brume::corruptionMarkerPresent(Mem::systemShmFs(), root)) {
+  if (corruptionMarkerPresent(Mem::systemShmFs(), root)) {
     findings.push_back("marker: a reader reported corruption (corruption-detected is present)");
   }
   return findings;
@@ -183,16 +174,16 @@ std::vector<std::string> checkOnce(const Mem::RootPath& root) {
 // The header checks of the slot and bucket files alone.
 std::string headerFindingOnce(const Mem::RootPath& root) {
   uint32_t ember = 0;
-  Brume::readEmber(Mem::systemShmFs(), root, &ember);
+  readEmber(Mem::systemShmFs(), root, &ember);
   std::string why;
   Snapshot slots;
-  if (!slots.read(root.file(Brume::kSlotFileName))) return "slots: " + slots.error;
-  if (slots.size < sizeof(Brume::SlotTable::Header)) return "slots: shorter than its header";
-  const auto* sh = static_cast<const Brume::SlotTable::Header*>(slots.base());
+  if (!slots.read(root.file(kSlotFileName))) return "slots: " + slots.error;
+  if (slots.size < sizeof(SlotTable::Header)) return "slots: shorter than its header";
+  const auto* sh = static_cast<const SlotTable::Header*>(slots.base());
   if (!sh->validate(slots.size, sh->slotSize, ember, &why)) return "slots: " + why;
   Snapshot buckets;
-  if (!buckets.read(root.file(Brume::kBucketFileName))) return "buckets: " + buckets.error;
-  const auto* bh = static_cast<const Brume::BucketTable::Header*>(buckets.base());
+  if (!buckets.read(root.file(kBucketFileName))) return "buckets: " + buckets.error;
+  const auto* bh = static_cast<const BucketTable::Header*>(buckets.base());
   if (!bh->validate(buckets.size, ember, &why)) return "buckets: " + why;
   return "";
 }
@@ -208,7 +199,7 @@ std::string headerFinding(const Mem::RootPath& root) {
   return finding;
 }
 
-std::vector<std::string> checkTable(const Mem::RootPath& root) {
+std::vector<std::string> validateTable(const Mem::RootPath& root) {
   std::vector<std::string> findings = checkOnce(root);
   if (findings.empty() || writerPid(root.dir()) == 0) return findings;
   // A running writer may have changed the files while they were copied.
@@ -219,4 +210,4 @@ std::vector<std::string> checkTable(const Mem::RootPath& root) {
   return findings;
 }
 
-}  // namespace Mroutectl
+}  // namespace Brume::Inspect
