@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "brume_map_test_util.h"
+#include "table/brume_map_test_util.h"
 #include "testing/expect_assert.h"
 #include "mroute/table/shm_root.h"
 
