@@ -14,10 +14,18 @@ out=$("$mroutectl" key --raw 0.0.0.0/0 16.10.0.0/32) || fail "raw pair exited $?
 echo "$out" | grep -qx 'vlan:           10' || fail "raw vlan: $out"
 echo "$out" | grep -qx 'g:              16.10.0.0/32 (0x100a0000)' || fail "raw g: $out"
 
-err=$("$mroutectl" key vlan-floodset 4095 2>&1 >/dev/null)
-rc=$?
-[ "$rc" = 2 ] || fail "bad VLAN exited $rc"
-[ "$err" = "mroutectl key: bad VLAN id '4095': VlanId::value < 1 or > 4094 not allowed" ] || fail "bad VLAN: $err"
+# A (*,G) group prefix keeps its length; blanks are ignored wherever they stand.
+for key in '(*,239.1.1.1/24)' ' (*, 239.1.1.0/24)' '( * ,239.1.1.0/24 ) '; do
+  out=$("$mroutectl" key "$key") || fail "'$key' exited $?"
+  echo "$out" | grep -qx 'display:        (\*,239.1.1.0/24)' || fail "display of '$key': $out"
+done
+
+for vlan in 4095 0 abc; do
+  err=$("$mroutectl" key vlan-floodset $vlan 2>&1 >/dev/null)
+  rc=$?
+  [ "$rc" = 2 ] || fail "VLAN $vlan exited $rc"
+  [ "$err" = "mroutectl key: bad VLAN id '$vlan': expected a number 1..4094" ] || fail "bad VLAN: $err"
+done
 
 err=$("$mroutectl" key --parse "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {'kind': 'ethGroup', 'vlanId': 10})" 2>&1 >/dev/null)
 rc=$?

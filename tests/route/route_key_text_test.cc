@@ -5,6 +5,7 @@
 #include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route_key.h"
+#include "mroute/route/route_key_input.h"
 #include "mroute/runtime/error.h"
 #include "testing/expect_assert.h"
 
@@ -116,6 +117,49 @@ TEST(RouteKeyTextTest, CompactParserRefusesNumbersOutOfRange) {
       Kiv::RangeException, "VlanId '4294967396' not allowed");
   EXPECT_ASSERTION(RouteKey::fromText(kHead + "'kind': 'vxlanCoreSideFloodset', 'vlanId': -4294967286})"),
                    "matches == 1");
+}
+
+// What an operator types reads back to the key whose exact display it is;
+// blanks count nowhere, and every refusal names the part that is wrong.
+TEST(RouteKeyTextTest, OperatorDisplayReadsBack) {
+  struct Case {
+    const char* typed;
+    const char* exact;
+    const char* pretty;
+  } cases[] = {
+      {"(*,239.1.1.1)", "(*,239.1.1.1)", "(*,239.1.1.1)"},
+      {"(*,239.1.1.1/24)", "(*,239.1.1.0/24)", "(*,239.1.1.0)"},
+      {" ( 10.0.0.0/24 , 232.1.1.1 ) ", "(10.0.0.0/24,232.1.1.1)", "(10.0.0.0/24,232.1.1.1)"},
+      {"(*, ff3e::/16)", "(*,ff3e::/16)", "(*,ff3e::)"},
+  };
+  for (const Case& c : cases) {
+    IpGenRouteKey key = routeKeyFromDisplay(c.typed);
+    EXPECT_EQ(exactDisplay(key), c.exact) << c.typed;
+    EXPECT_EQ(key.pretty(), c.pretty) << c.typed;
+    EXPECT_EQ(routeKeyFromDisplay(exactDisplay(key)), key) << c.typed;
+  }
+  EXPECT_EQ(exactDisplay(makeRouteKeyVlanFloodset(10)), "vlan10 Floodset");
+  struct Bad {
+    const char* typed;
+    const char* error;
+  } bad[] = {
+      {"*,239.1.1.1", "bad key '*,239.1.1.1': expected (S,G) or (*,G)"},
+      {"(*,239.1.1.1,1)", "bad key '(*,239.1.1.1,1)': expected (S,G) or (*,G)"},
+      {"(*,10.0.0.1)", "bad group '10.0.0.1': not a multicast group"},
+      {"(*,239.1.1.300)", "bad group '239.1.1.300': expected an address or a prefix such as 10.0.0.0/24"},
+      {"(10.0.0.1/33,239.1.1.1)", "bad source '10.0.0.1/33': expected an address or a prefix such as 10.0.0.0/24"},
+      {"(2001:db8::1,239.1.1.1)", "bad key '(2001:db8::1,239.1.1.1)': source and group families differ"},
+  };
+  for (const Bad& b : bad) EXPECT_THROW_TEXT(routeKeyFromDisplay(b.typed), Kiv::RangeException, b.error);
+}
+
+TEST(RouteKeyTextTest, OperatorVlanIdIsOneTo4094) {
+  EXPECT_EQ(vlanIdFromText(" 1").value(), 1);
+  EXPECT_EQ(vlanIdFromText("4094 ").value(), 4094);
+  for (const char* bad : {"0", "4095", "65536", "abc", "", "-1", "10x"}) {
+    EXPECT_THROW_TEXT(vlanIdFromText(bad), Kiv::RangeException,
+                      "bad VLAN id '" + std::string(bad) + "': expected a number 1..4094");
+  }
 }
 
 }  // namespace

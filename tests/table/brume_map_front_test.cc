@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "brume_map_test_util.h"
+#include "table/brume_map_test_util.h"
 #include "testing/expect_assert.h"
 #include "mroute/table/shm_root.h"
 
@@ -22,21 +22,24 @@ using TableTest::value;
 
 TEST(ShmRootTest, RefusesPathsThatLeaveTheRoot) {
   FrontTest::ShmRootScope scope;
-  EXPECT_THROW_TEXT(Brume::tableRoot("routing/../etc", "t"), Pavo::InvalidInitializeException,
-                    "BrumeMap mount path 'routing/../etc' has a '..' component");
-  EXPECT_THROW_TEXT(Brume::tableRoot("/etc", "t"), Pavo::InvalidInitializeException,
-                    "BrumeMap mount path '/etc' is absolute; it must be relative to the shared-memory root");
-  EXPECT_THROW_TEXT(Brume::tableRoot("a//b", "t"), Pavo::InvalidInitializeException,
-                    "BrumeMap mount path 'a//b' has an empty component");
-  EXPECT_THROW_TEXT(Brume::tableRoot("a/b/", "t"), Pavo::InvalidInitializeException,
-                    "BrumeMap mount path 'a/b/' has an empty component");
-  EXPECT_THROW_TEXT(Brume::tableRoot("", "t"), Pavo::InvalidInitializeException, "BrumeMap mount path '' is empty");
-  EXPECT_THROW_TEXT(Brume::tableRoot("a", ".."), Pavo::InvalidInitializeException,
-                    "BrumeMap table name '..' has a '..' component");
-  EXPECT_THROW_TEXT(Brume::tableRoot("a", "x/y"), Pavo::InvalidInitializeException,
-                    "BrumeMap table name 'x/y' must be a single component");
-  EXPECT_THROW_TEXT(Brume::tableRoot("a/./b", "t"), Pavo::InvalidInitializeException,
-                    "BrumeMap mount path 'a/./b' has a '.' component");
+  const struct {
+    const char* mount;
+    const char* name;
+    const char* why;
+  } refused[] = {
+      {"routing/../etc", "t", "mount path 'routing/../etc' has a '..' component"},
+      {"/etc", "t", "mount path '/etc' is absolute; it must be relative to the shared-memory root"},
+      {"a//b", "t", "mount path 'a//b' has an empty component"},
+      {"a/b/", "t", "mount path 'a/b/' has an empty component"},
+      {"", "t", "mount path '' is empty"},
+      {"a", "..", "table name '..' has a '..' component"},
+      {"a", "x/y", "table name 'x/y' must be a single component"},
+      {"a/./b", "t", "mount path 'a/./b' has a '.' component"},
+  };
+  for (const auto& r : refused) {
+    EXPECT_THROW_TEXT(Brume::tableRoot(r.mount, r.name), Pavo::InvalidInitializeException,
+                      std::string("BrumeMap ") + r.why);
+  }
   Mroute::Loop::EventLoop loop;
   EXPECT_THROW(RecordMap(loop, "x/../../y", "t", BrumeType::reader, fastOptions()), Pavo::InvalidInitializeException);
 }

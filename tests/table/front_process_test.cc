@@ -14,7 +14,7 @@
 #include <random>
 #include <thread>
 
-#include "brume_map_test_util.h"
+#include "table/brume_map_test_util.h"
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 

@@ -10,7 +10,7 @@
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
 #include "mroute/table/writer_mounter.h"
-#include "table_test_util.h"
+#include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
 namespace {

@@ -9,7 +9,7 @@
 
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/table/notify_channel.h"
-#include "table_test_util.h"
+#include "table/table_test_util.h"
 
 namespace {
 

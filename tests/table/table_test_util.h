@@ -2,11 +2,7 @@
 // record that carries its key, a version and a checksum.
 #pragma once
 
-#include <unistd.h>
-
-#include <atomic>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 
 #include "mroute/table/shm/brume_hash.h"
@@ -14,30 +10,16 @@
 #include "mroute/table/shm/root_path.h"
 #include "mroute/table/engine/table_config.h"
 #include "mroute/table/engine/value_wrapper.h"
+#include "testing/shm_root_scope.h"
 
 namespace TableTest {
 
-// A fresh directory under /dev/shm, removed with everything in it at the end.
-class TempRoot {
+// A scratch table directory (see Testing::ScratchDir) as a table root.
+class TempRoot : public Testing::ScratchDir {
  public:
-  explicit TempRoot(const std::string& tag = "t") {
-    static std::atomic<int> counter{0};
-    dir_ = "/dev/shm/mroute-test-" + std::to_string(::getpid()) + "-" + tag + "-" + std::to_string(counter++);
-    std::filesystem::remove_all(dir_);
-  }
-  ~TempRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  TempRoot(const TempRoot&) = delete;
-  TempRoot& operator=(const TempRoot&) = delete;
-
-  const std::string& dir() const { return dir_; }
-  Mem::RootPath root() const { return Mem::RootPath(dir_); }
-  std::string file(const std::string& name) const { return dir_ + "/" + name; }
-
- private:
-  std::string dir_;
+  explicit TempRoot(const std::string& tag = "t") : ScratchDir(tag) {}
+  Mem::RootPath root() const { return Mem::RootPath(dir()); }
+  std::string file(const std::string& name) const { return dir() + "/" + name; }
 };
 
 // The value of the self-checking tests: every word of the payload is derived

@@ -1,6 +1,5 @@
-// Test support for entities with shared tables: a private shared-memory root
-// per scope (MROUTE_SHM_ROOT points into it while the scope lives) and
-// running an event loop until a condition holds.
+// Test support for shared tables: a private directory or shared-memory root
+// per scope, and running an event loop until a condition holds.
 #pragma once
 
 #include <stdlib.h>
@@ -16,26 +15,36 @@
 
 namespace Testing {
 
-class ShmRootScope {
+// A fresh path in the shared-memory file system, unique to this process and
+// object, removed with everything in it at the end. It is not created: the
+// code under test creates what it needs, and some tests check that it does not.
+class ScratchDir {
  public:
-  explicit ShmRootScope(const std::string& tag) {
+  explicit ScratchDir(const std::string& tag) {
     static std::atomic<int> counter{0};
-    dir_ = (std::filesystem::temp_directory_path() /
-            ("mroute-" + tag + "-" + std::to_string(::getpid()) + "-" + std::to_string(counter++)))
-               .string();
+    dir_ = "/dev/shm/mroute-test-" + std::to_string(::getpid()) + "-" + tag + "-" + std::to_string(counter++);
     std::filesystem::remove_all(dir_);
-    ::setenv("MROUTE_SHM_ROOT", dir_.c_str(), 1);
   }
-  ~ShmRootScope() {
-    ::unsetenv("MROUTE_SHM_ROOT");
+  ~ScratchDir() {
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
   }
-  ShmRootScope(const ShmRootScope&) = delete;
-  ShmRootScope& operator=(const ShmRootScope&) = delete;
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& dir() const { return dir_; }
 
  private:
   std::string dir_;
+};
+
+// A scratch directory that is the shared-memory root (MROUTE_SHM_ROOT) while
+// the scope lives.
+class ShmRootScope : public ScratchDir {
+ public:
+  explicit ShmRootScope(const std::string& tag = "root") : ScratchDir(tag) {
+    ::setenv("MROUTE_SHM_ROOT", dir().c_str(), 1);
+  }
+  ~ShmRootScope() { ::unsetenv("MROUTE_SHM_ROOT"); }
 };
 
 // Runs the loop until pred() holds or `limit` passed; returns pred().

@@ -20,6 +20,7 @@
 #include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route_key.h"
+#include "mroute/route/route_key_input.h"
 #include "mroute/runtime/assert.h"
 #include "stored_types.h"
 #include "table_json.h"
@@ -78,41 +79,21 @@ uint32_t number(const std::string& what, std::string_view text, uint32_t max) {
   return v;
 }
 
+// The library's messages name the input already.
 Bridging::VlanId vlan(std::string_view text) {
-  uint32_t v = number("VLAN id", text, 0xffff);
-  return checked("VLAN id", text, [v] { return Bridging::VlanId(v); });
+  try {
+    return Fib::vlanIdFromText(text);
+  } catch (const std::exception& e) {
+    throw InputError(e.what());
+  }
 }
 
-std::string_view trim(std::string_view s) {
-  while (!s.empty() && s.front() == ' ') s.remove_prefix(1);
-  while (!s.empty() && s.back() == ' ') s.remove_suffix(1);
-  return s;
-}
-
-// "(*,239.1.1.1)", "(10.0.0.1,232.1.1.1)", "(10.0.0.0/24,232.0.0.0/8)", "(*,ff3e::1)".
 IpGenRouteKey parseDisplay(std::string_view text) {
-  std::string_view inner = text.size() >= 2 && text.front() == '(' && text.back() == ')'
-                               ? text.substr(1, text.size() - 2)
-                               : std::string_view();
-  size_t comma = inner.find(',');
-  if (comma == std::string_view::npos || inner.find(',', comma + 1) != std::string_view::npos) {
-    throw InputError("bad key '" + std::string(text) +
-                     "': expected (S,G) or (*,G), or a key command (see --help)");
+  try {
+    return Fib::routeKeyFromDisplay(text);
+  } catch (const std::exception& e) {
+    throw InputError(std::string(e.what()) + " (see --help)");
   }
-  std::string_view sText = trim(inner.substr(0, comma));
-  std::string_view gText = trim(inner.substr(comma + 1));
-  IpGenPrefix g = checked("group", gText, [gText] { return IpGenPrefix::fromText(gText); });
-  if (!g.isMulticast()) throw InputError("bad group '" + std::string(gText) + "': not a multicast group");
-  IpGenPrefix s;
-  if (sText == "*") {
-    s = g.af() == Orvet::ipv4() ? IpGenPrefix(Orvet::Prefix())
-                                : IpGenPrefix(Orvet::IpGenAddr::fromIpv6({}), 0);
-  } else {
-    s = checked("source", sText, [sText] { return IpGenPrefix::fromText(sText); });
-  }
-  if (s.af() != g.af())
-    throw InputError("bad key '" + std::string(text) + "': source and group families differ");
-  return IpGenRouteKey(s, g);
 }
 
 IpGenRouteKey parseTextForm(std::string_view text) {
@@ -179,7 +160,7 @@ Report report(const IpGenRouteKey& key) {
   auto line = [&r](std::string_view label, const std::string& value) {
     r.emplace_back(std::string(label.substr(0, label.size() - 1)), value);
   };
-  line("display:", key.pretty());
+  line("display:", Fib::exactDisplay(key));
   line("kind:", std::string(Fib::stringValue(kind)));
   char hash[48];
   std::snprintf(hash, sizeof hash, "0x%08x (%u)", key.hash(), key.hash());

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
@@ -26,7 +29,14 @@ bool matches(const std::string& pattern, std::string_view name) {
   return pattern == name;
 }
 
-bool parseSetting(std::string_view setting, std::vector<Rule>& out) {
+// Reads a setting into rules; returns what is wrong with it, one message per
+// bad item, or "" when every item is well formed.
+std::string parseSetting(std::string_view setting, std::vector<Rule>& out) {
+  std::string errors;
+  auto bad = [&errors](std::string_view item, std::string_view why) {
+    if (!errors.empty()) errors += "; ";
+    errors += "\"" + std::string(item) + "\": " + std::string(why);
+  };
   while (!setting.empty()) {
     size_t comma = setting.find(',');
     std::string_view item = setting.substr(0, comma);
@@ -34,15 +44,26 @@ bool parseSetting(std::string_view setting, std::vector<Rule>& out) {
     if (item.empty()) continue;
     size_t slash = item.find('/');
     Rule rule{std::string(item.substr(0, slash)), 0x3ff};
+    if (rule.pattern.empty()) {
+      bad(item, "no facility name before '/'");
+      continue;
+    }
+    if (rule.pattern.find_first_of(" \t") != std::string::npos ||
+        rule.pattern.find('*') < rule.pattern.size() - 1) {
+      bad(item, "a facility name has no blanks, and '*' only at its end");
+      continue;
+    }
     if (slash != std::string_view::npos) {
       int64_t mask = parseLevels(item.substr(slash + 1));
-      if (mask < 0) return false;
+      if (mask < 0) {
+        bad(item, "levels are digits 0-9 and ascending ranges such as 0-3");
+        continue;
+      }
       rule.levels = static_cast<uint32_t>(mask);
     }
-    if (rule.pattern.empty()) return false;
     out.push_back(std::move(rule));
   }
-  return true;
+  return errors;
 }
 
 class Registry {
@@ -65,7 +86,7 @@ class Registry {
 
   bool configure(std::string_view setting) {
     std::vector<Rule> parsed;
-    if (!parseSetting(setting, parsed)) return false;
+    if (!parseSetting(setting, parsed).empty()) return false;
     std::lock_guard lock(mutex_);
     rules_.insert(rules_.end(), parsed.begin(), parsed.end());
     for (auto& [name, fac] : facilities_) applyRules(*fac);
@@ -119,6 +140,19 @@ class Registry {
     }
   }
 
+  std::vector<std::string> environmentErrors() {
+    std::lock_guard lock(mutex_);
+    return environmentErrors_;
+  }
+
+  std::vector<FacilityLevels> listFacilityLevels() {
+    for (const std::string& name : systemFacilities()) facility(name);
+    std::lock_guard lock(mutex_);
+    std::vector<FacilityLevels> out;
+    for (auto& [name, fac] : facilities_) out.push_back({name, fac->levels()});
+    return out;
+  }
+
   std::vector<Line> captured() {
     std::lock_guard lock(mutex_);
     return std::vector<Line>(captured_.begin(), captured_.end());
@@ -131,14 +165,31 @@ class Registry {
  private:
   Registry() {
     if (const char* file = std::getenv("MROUTE_TRACE_FILE"); file && *file) {
-      if (FILE* f = std::fopen(file, "a")) out_ = f;
-    }
-    if (const char* setting = std::getenv("MROUTE_TRACE"); setting && *setting) {
-      if (!parseSetting(setting, rules_)) {
-        std::fprintf(stderr, "MROUTE_TRACE ignored: cannot read \"%s\"\n", setting);
-        rules_.clear();
+      if (FILE* f = std::fopen(file, "a")) {
+        out_ = f;
+      } else {
+        report("MROUTE_TRACE_FILE \"" + std::string(file) + "\" cannot be appended to: " +
+               std::strerror(errno) + "; traces go to stderr");
       }
     }
+    if (const char* setting = std::getenv("MROUTE_TRACE"); setting && *setting) {
+      if (std::string error = parseSetting(setting, rules_); !error.empty()) {
+        report("MROUTE_TRACE ignored: " + error);
+        rules_.clear();
+      }
+      for (const Rule& rule : rules_) {
+        bool known = std::any_of(systemFacilities().begin(), systemFacilities().end(),
+                                 [&rule](const std::string& name) { return matches(rule.pattern, name); });
+        if (!known) {
+          report("MROUTE_TRACE: \"" + rule.pattern + "\" matches no trace facility of the library");
+        }
+      }
+    }
+  }
+
+  void report(std::string message) {
+    std::fprintf(stderr, "%s\n", message.c_str());
+    environmentErrors_.push_back(std::move(message));
   }
 
   // REQUIRES: mutex_ held. Later rules override earlier ones.
@@ -155,6 +206,7 @@ class Registry {
   FILE* out_ = stderr;
   bool capturing_ = false;
   std::deque<Line> captured_;
+  std::vector<std::string> environmentErrors_;  // written only while constructing
 };
 
 // Saved levels of the active capture (captures do not nest).
@@ -185,6 +237,43 @@ int64_t parseLevels(std::string_view text) {
   }
   return mask;
 }
+
+std::string levelsText(uint32_t mask) {
+  std::string out;
+  for (int level = 0; level <= 9;) {
+    if (!((mask >> level) & 1u)) {
+      ++level;
+      continue;
+    }
+    int last = level;
+    while (last < 9 && ((mask >> (last + 1)) & 1u)) ++last;
+    out += static_cast<char>('0' + level);
+    if (last > level) {
+      // Two neighbours read the same either way; a range is shorter from three.
+      out += last == level + 1 ? "" : "-";
+      out += static_cast<char>('0' + last);
+    }
+    level = last + 1;
+  }
+  return out;
+}
+
+std::string settingError(std::string_view setting) {
+  std::vector<Rule> ignored;
+  return parseSetting(setting, ignored);
+}
+
+std::vector<std::string> environmentErrors() { return Registry::instance().environmentErrors(); }
+
+const std::vector<std::string>& systemFacilities() {
+  static const std::vector<std::string> names = {
+      "Mroute::AttrLog",   "Mroute::BitMapper", "Mroute::Brume",   "Mroute::MfibBrume",
+      "Mroute::MrtNotify", "Mroute::MrtPam",    "Mroute::RouteIntfIteratorConst",
+  };
+  return names;
+}
+
+std::vector<FacilityLevels> listFacilityLevels() { return Registry::instance().listFacilityLevels(); }
 
 Facility& facility(std::string_view name) { return Registry::instance().facility(name); }
 

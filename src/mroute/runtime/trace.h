@@ -11,6 +11,12 @@
 // "0-2,5" is two items). A name without '/' enables every level. Lines go to
 // stderr, or are appended to the file named by MROUTE_TRACE_FILE.
 //
+// A malformed MROUTE_TRACE, an item that names no facility of the system and
+// a MROUTE_TRACE_FILE that cannot be appended to are reported once on stderr
+// when the variables are read, and kept in environmentErrors() for tools that
+// refuse to run on them. None of them stops the process: a malformed setting
+// switches nothing on, and traces fall back to stderr.
+//
 // By convention: 9 entry lines, 8 sizes, 3 per-pass summaries, 2 receive
 // errors, 1 missing packet, 0 always-interesting events.
 //
@@ -60,6 +66,33 @@ bool configure(std::string_view setting);
 
 // Level mask of a "0-3"/"39" level text; nullopt-like -1 when malformed.
 int64_t parseLevels(std::string_view text);
+
+// The shortest level text of a mask, as parseLevels reads it ("0-39" for
+// levels 0..3 and 9); "" for no level.
+std::string levelsText(uint32_t mask);
+
+// What is wrong with a setting in the MROUTE_TRACE syntax, one message per
+// bad item ("" when it is well formed).
+std::string settingError(std::string_view setting);
+
+// The problems found in MROUTE_TRACE and MROUTE_TRACE_FILE, one message each,
+// e.g. "MROUTE_TRACE_FILE \"/x/t\" cannot be appended to: No such file or
+// directory; traces go to stderr". Reading them the first time reads the
+// variables.
+std::vector<std::string> environmentErrors();
+
+// The facilities the library's own subsystems trace to.
+const std::vector<std::string>& systemFacilities();
+
+struct FacilityLevels {
+  std::string name;
+  uint32_t levels;  // bit n: level n enabled
+};
+
+// Every facility of the system and every other facility created so far in
+// this process, sorted by name, with the levels the current settings give it.
+// This is what an operator lists to know which names MROUTE_TRACE takes.
+std::vector<FacilityLevels> listFacilityLevels();
 
 struct Line {
   std::string facility;

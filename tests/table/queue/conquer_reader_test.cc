@@ -12,7 +12,7 @@
 #include "mroute/runtime/trace.h"
 #include "mroute/table/queue/conquer_writer.h"
 #include "mroute/table/shm/ember_file.h"
-#include "shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 #include "testing/expect_assert.h"
 
 namespace {

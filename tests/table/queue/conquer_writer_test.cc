@@ -9,7 +9,7 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
-#include "shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 #include "testing/expect_assert.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include "mroute/runtime/trace.h"
 #include "mroute/table/queue/conquer_writer.h"
-#include "shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 
 namespace {
 

@@ -35,7 +35,7 @@
 
 #include "mroute/table/queue/conquer_reader.h"
 #include "mroute/table/queue/conquer_writer.h"
-#include "shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 
 namespace {
 

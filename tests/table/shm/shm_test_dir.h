@@ -9,22 +9,17 @@
 #include <sys/mman.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 
 #include "mroute/table/queue/internal/conquer_file.h"
 #include "mroute/table/shm/shm_file.h"
+#include "testing/shm_root_scope.h"
 
 namespace table_test {
 
 class ShmDirTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = "/dev/shm/mroute-test-" + std::to_string(getpid()) + "-" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    ASSERT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir_, nullptr));
-  }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
+  void SetUp() override { ASSERT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir_, nullptr)); }
 
   struct Raw {
     Mem::ShmFile file;
@@ -37,7 +32,8 @@ class ShmDirTest : public ::testing::Test {
     ASSERT_TRUE(raw->file.map(raw->file.fileSize()));
   }
 
-  std::string dir_;
+  Testing::ScratchDir scratch_{"shm"};
+  const std::string dir_ = scratch_.dir();
 };
 
 // Fails ftruncate, mmap or mremap with ENOMEM, or reserving space with

@@ -10,7 +10,7 @@
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 #include "mroute/table/engine/internal/validator.h"
-#include "table/shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 #include "table/table_test_util.h"
 
 namespace {

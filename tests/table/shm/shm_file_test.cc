@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "shm_test_dir.h"
+#include "table/shm/shm_test_dir.h"
 #include "mroute/table/shm/writer_lock.h"
 #include "mroute/table/shm/versioned_ref.h"
 
