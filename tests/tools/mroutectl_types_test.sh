@@ -32,4 +32,13 @@ out=$("$mroutectl" types No::Such 2>&1)
 out=$("$mroutectl" types BitMapper::BrumeStatus --json | python3 -c \
   'import json, sys; j = json.load(sys.stdin); print(j["kind"], [a["capacity"] for a in j["attributes"] if a["name"] == "bitIndexMap"])')
 [ "$out" = "entity [65536]" ] || fail "types --json: $out"
+
+# trace: the library's facilities with the levels MROUTE_TRACE gives them, and
+# a setting that names no facility reported rather than ignored.
+out=$(MROUTE_TRACE='Mroute::Brume*/0-3' "$mroutectl" trace) || fail "trace exited $?"
+echo "$out" | grep -q '^Mroute::BitMapper  *-$' || fail "trace: BitMapper off: $out"
+echo "$out" | grep -Eq '^Mroute::Brume[A-Za-z]*  *0-3$' || fail "trace: Brume levels: $out"
+out=$(MROUTE_TRACE=garbage "$mroutectl" trace --json 2>/dev/null | python3 -c \
+  'import json, sys; j = json.load(sys.stdin); print(len(j["facilities"]) > 0, len(j["problems"]))')
+[ "$out" = "True 1" ] || fail "trace --json with a bad setting: $out"
 echo ok

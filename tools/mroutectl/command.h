@@ -59,5 +59,6 @@ void addBitmapCommand(CLI::App& app, Context& ctx);    // bitmap_command.cc
 void addRoutesCommand(CLI::App& app, Context& ctx);    // routes_command.cc
 void addAppsDemoCommand(CLI::App& app, Context& ctx);  // apps_demo_command.cc
 void addEntityCommand(CLI::App& app, Context& ctx);    // entity_command.cc
+void addTraceCommand(CLI::App& app, Context& ctx);     // trace_command.cc
 
 }  // namespace Mroutectl

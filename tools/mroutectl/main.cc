@@ -61,6 +61,7 @@ int run(int argc, char** argv) {
   addRoutesCommand(app, ctx);
   addAppsDemoCommand(app, ctx);
   addEntityCommand(app, ctx);
+  addTraceCommand(app, ctx);
   try {
     app.parse(argc, argv);
     return kExitOk;
