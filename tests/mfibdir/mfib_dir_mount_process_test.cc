@@ -131,6 +131,11 @@ TEST(MfibDirMountProcessTest, ForwardingFollowsAnApplicationsDirectoryInAnotherP
   ASSERT_NE(mount, nullptr);
   ASSERT_TRUE(waitFor([&] { return mount->connections() >= 2 && mount->synced() && winner() == 1; }));
   EXPECT_FALSE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory pim"));  // kept across the restart
+  {  // a watch started while the tree is there enters it at once
+    Kiv::Ptr<MfibDirDirectory> late = Brume::Multicast::Fib::MfibDirDirectoryIs("late");
+    MfibDirWatch lateWatch(loop, Orvet::AddressFamily(1), late);
+    EXPECT_NE(late->mfibDir(Kiv::Name("pim")), nullptr);
+  }
   app.send('a');
   ASSERT_TRUE(waitFor([&] { return winner() == 2; }));
   // Stopped cleanly: its tree goes, and with it its directory and table sets.
