@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "mfib_test_util.h"
@@ -20,6 +21,7 @@
 #include "mroute/mfibdir/mfib_dir_sm.h"
 #include "mroute/mfibdir/mfib_dir_watch.h"
 #include "mroute/mfibdir/mfib_dir_writer.h"
+#include "mroute/table/shm_root.h"
 
 namespace {
 
@@ -143,6 +145,13 @@ TEST(MfibDirMountProcessTest, ForwardingFollowsAnApplicationsDirectoryInAnotherP
   ASSERT_TRUE(waitFor([&] { return watch.trees() == 0 && red() == nullptr; }));
   EXPECT_EQ(sm.appDirSm(Kiv::Name("pim")), nullptr);
   EXPECT_TRUE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory pim"));
+  // The fib directory itself removed: it is made and watched again, and an
+  // application starting afterwards is found.
+  std::filesystem::remove_all(Brume::shmRootDirectory() + "/" + MfibDir::mountPath(Orvet::AddressFamily(1)));
+  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(5));
+  app.start();
+  ASSERT_TRUE(waitFor([&] { return winner() == 1; }));
+  EXPECT_EQ(app.stop(0), 0);
 }
 
 }  // namespace

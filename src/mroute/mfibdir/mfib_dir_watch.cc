@@ -51,6 +51,11 @@ MfibDirWatch::MfibDirWatch(Mroute::Loop::EventLoop& loop, Orvet::AddressFamily a
       settleFor_(settleFor),
       retry_(retry),
       settleTimer_(loop, [this] { this->settle(); }) {
+  watchFibDir();
+  settle();
+}
+
+void MfibDirWatch::watchFibDir() {
   std::string error;
   if (!Mem::makeDirectories(Mem::systemShmFs(), dir_, &error)) {
     throw Pavo::InvalidInitializeException("MfibDirWatch: " + error);
@@ -58,7 +63,6 @@ MfibDirWatch::MfibDirWatch(Mroute::Loop::EventLoop& loop, Orvet::AddressFamily a
   fibWatch_ = std::make_unique<Mroute::Loop::DirWatch>(
       loop_, dir_, [this](DirEvent event, std::string_view name) { onFibDir(event, name); });
   rescan();
-  settle();
 }
 
 MfibDirWatch::~MfibDirWatch() {
@@ -79,7 +83,8 @@ void MfibDirWatch::onFibDir(DirEvent event, std::string_view name) {
   } else if (event == DirEvent::overflow) {
     rescan();
   } else if (event == DirEvent::dirGone) {
-    // Someone removed the whole directory: every tree went with it.
+    // Someone removed the whole directory: every tree went with it. It is
+    // made and watched again when the change settles.
     MROUTE_TRACE(mfibBrumeTrace(), 1, "MfibDirWatch: " << dir_ << " went");
     fibWatch_.reset();
     appWatches_.clear();
@@ -120,6 +125,14 @@ void MfibDirWatch::rescan() {
 }
 
 void MfibDirWatch::settle() {
+  if (!fibWatch_) {
+    try {
+      watchFibDir();
+    } catch (const std::exception& e) {
+      MROUTE_TRACE(mfibBrumeTrace(), 1, "MfibDirWatch: cannot watch " << dir_ << ": " << e.what());
+      settleTimer_.startOneShot(retry_);
+    }
+  }
   const std::set<std::string> pending = std::move(pending_);
   pending_.clear();
   for (const std::string& application : pending) reconcile(application);
@@ -141,12 +154,18 @@ void MfibDirWatch::reconcile(const std::string& application) {
     trees_.erase(it);
     return;
   }
-  MROUTE_TRACE(mfibBrumeTrace(), kTraceDir, "MfibDirWatch: tree " << treePath << " found");
+  // The name comes from another process's file: a refusal is traced, never thrown.
   Tree tree;
-  tree.replica = MfibDirIs(Kiv::Name(application));
-  tree.mount = std::make_unique<Kiv::NboAttrLog::ReaderMount>(loop_, treePath, tree.replica,
-                                                              MfibDir::KivNboAttrLogSa::logType(), retry_);
-  Kiv::Ptr<MfibDir> replica = tree.replica;
+  try {
+    tree.replica = MfibDirIs(Kiv::Name(application));
+    tree.mount = std::make_unique<Kiv::NboAttrLog::ReaderMount>(loop_, treePath, tree.replica,
+                                                                MfibDir::KivNboAttrLogSa::logType(), retry_);
+  } catch (const std::exception& e) {
+    MROUTE_TRACE(mfibBrumeTrace(), 1, "MfibDirWatch: " << treePath << " not mounted: " << e.what());
+    return;
+  }
+  MROUTE_TRACE(mfibBrumeTrace(), kTraceDir, "MfibDirWatch: tree " << treePath << " found");
+  const Kiv::Ptr<MfibDir> replica = tree.replica;
   trees_.emplace(application, std::move(tree));
   directory_->mfibDirIs(Kiv::Name(application), replica);
 }

@@ -59,6 +59,7 @@ class MfibDirWatch {
     Kiv::Ptr<MfibDir> replica;
     std::unique_ptr<Kiv::NboAttrLog::ReaderMount> mount;
   };
+  void watchFibDir();
   void onFibDir(Mroute::Loop::DirEvent event, std::string_view name);
   void watchApplication(const std::string& application);
   void changed(const std::string& application);
