@@ -16,8 +16,9 @@
 // changes are acted upon only after `settleFor` without further change, so the
 // replica, and the table sets mounted from it, survive the restart.
 //
+//   MfibDirSm sm(directory, brumeDir, manager);
 //   MfibDirWatch watch(loop, Orvet::AddressFamily(1), directory);
-//   MfibDirSm sm(directory, brumeDir, manager);  // before or after
+//   // (a reactor made after the watch starts with sm.handleMfibDir())
 //
 // Thread-safety: single-threaded, on the given loop.
 #pragma once
