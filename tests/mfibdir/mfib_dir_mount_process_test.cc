@@ -105,7 +105,6 @@ TEST(MfibDirMountProcessTest, ForwardingFollowsAnApplicationsDirectoryInAnotherP
   MfibDirSm sm(directory, brumeDir, manager);
   Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
   MfibDirWatch watch(loop, Orvet::AddressFamily(1), directory, MfibDirWatch::kSettle, std::chrono::milliseconds(20));
-  EXPECT_EQ(watch.trees(), 0u);
 
   App app;
   app.start();
