@@ -1,9 +1,10 @@
 // The directory across processes: an application process publishes its
-// MfibDir as a mounted entity tree; the forwarding process (this one)
-// mounts the tree read-only, enters the replica into its directory, and
-// MfibDirSm follows it: table sets announced later are mounted, withdrawn
-// ones dropped, and after the application is killed and restarted its
-// announcements come back with the tables it kept.
+// MfibDir as a mounted entity tree; the forwarding process (this one) names
+// no application: its MfibDirWatch finds the tree when the application
+// starts, mounts it read-only and enters it into the directory, and MfibDirSm
+// follows it: table sets announced later are mounted, withdrawn ones dropped;
+// after the application is killed and restarted its announcements come back
+// with the tables it kept, and when it unmounts its tree its directory goes.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -12,12 +13,15 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "mfib_test_util.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "mroute/mfibdir/mfib_dir_sm.h"
+#include "mroute/mfibdir/mfib_dir_watch.h"
 #include "mroute/mfibdir/mfib_dir_writer.h"
+#include "mroute/table/shm_root.h"
 
 namespace {
 
@@ -26,6 +30,7 @@ using Brume::Multicast::Fib::MfibBrumeDir;
 using Brume::Multicast::Fib::MfibDir;
 using Brume::Multicast::Fib::MfibDirDirectory;
 using Brume::Multicast::Fib::MfibDirSm;
+using Brume::Multicast::Fib::MfibDirWatch;
 using Brume::Multicast::Fib::MfibDirWriter;
 using Brume::Multicast::Fib::MfibEntityManager;
 
@@ -98,20 +103,17 @@ TEST(MfibDirMountProcessTest, ForwardingFollowsAnApplicationsDirectoryInAnotherP
   Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
   Kiv::Ptr<MfibBrumeDir> brumeDir = Brume::Multicast::Fib::MfibBrumeDirIs("forwarding");
   MfibDirSm sm(directory, brumeDir, manager);
-  // The replica of pim's directory, kept up by its mount, is what the
-  // reactor follows.
-  Kiv::Ptr<MfibDir> replica = Brume::Multicast::Fib::MfibDirIs("pim");
-  Kiv::NboAttrLog::ReaderMount mount(loop, dirPath("pim"), replica, MfibDir::KivNboAttrLogSa::logType(),
-                                     std::chrono::milliseconds(20));
-  directory->mfibDirIs(Kiv::Name("pim"), replica);
+  Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
+  MfibDirWatch watch(loop, Orvet::AddressFamily(1), directory, MfibDirWatch::kSettle, std::chrono::milliseconds(20));
 
   App app;
   app.start();
   auto red = [&] { return brumeDir->brumeColl(kRed); };
   auto winner = [&] { return red() ? red()->route(kKey).routePriority().value() : -1; };
   auto waitFor = [&](auto pred) { return Testing::runUntil(loop, pred, std::chrono::milliseconds(10000)); };
-  ASSERT_TRUE(waitFor([&] { return winner() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return winner() == 1; }));  // found, though started after the watch
   EXPECT_NE(sm.appDirSm(Kiv::Name("pim"))->mfibColl(kRed), nullptr);
+  EXPECT_TRUE(sink.contains("Mroute::MfibBrume", "Created Mfib directory pim"));
 
   app.send('a');  // a table set added while the forwarding process runs
   ASSERT_TRUE(waitFor([&] { return winner() == 2; }));
@@ -123,11 +125,31 @@ TEST(MfibDirMountProcessTest, ForwardingFollowsAnApplicationsDirectoryInAnotherP
   EXPECT_EQ(WTERMSIG(app.stop(SIGKILL)), SIGKILL);
   for (int i = 0; i < 10; ++i) loop.runOnce(std::chrono::milliseconds(5));
   EXPECT_EQ(winner(), 1);
+  EXPECT_FALSE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory pim"));
   // Restarted: its directory comes back and its changes are followed again.
   app.start();
-  ASSERT_TRUE(waitFor([&] { return mount.connections() >= 2 && mount.synced() && winner() == 1; }));
+  const auto* mount = watch.mount("pim");
+  ASSERT_NE(mount, nullptr);
+  ASSERT_TRUE(waitFor([&] { return mount->connections() >= 2 && mount->synced() && winner() == 1; }));
+  EXPECT_FALSE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory pim"));  // kept across the restart
+  {  // a watch started while the tree is there enters it at once
+    Kiv::Ptr<MfibDirDirectory> late = Brume::Multicast::Fib::MfibDirDirectoryIs("late");
+    MfibDirWatch lateWatch(loop, Orvet::AddressFamily(1), late);
+    EXPECT_NE(late->mfibDir(Kiv::Name("pim")), nullptr);
+  }
   app.send('a');
   ASSERT_TRUE(waitFor([&] { return winner() == 2; }));
+  // Stopped cleanly: its tree goes, and with it its directory and table sets.
+  EXPECT_EQ(app.stop(0), 0);
+  ASSERT_TRUE(waitFor([&] { return watch.trees() == 0 && red() == nullptr; }));
+  EXPECT_EQ(sm.appDirSm(Kiv::Name("pim")), nullptr);
+  EXPECT_TRUE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory pim"));
+  // The fib directory itself removed: it is made and watched again, and an
+  // application starting afterwards is found.
+  std::filesystem::remove_all(Brume::shmRootDirectory() + "/" + MfibDir::mountPath(Orvet::AddressFamily(1)));
+  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(5));
+  app.start();
+  ASSERT_TRUE(waitFor([&] { return winner() == 1; }));
   EXPECT_EQ(app.stop(0), 0);
 }
 
