@@ -52,6 +52,7 @@ class KivBrumeMap {
   using Changed = std::function<void(const K&)>;
   using Ready = std::function<void()>;
   using Corruption = std::function<void(const std::string& what)>;
+  using MountWatch = std::function<void()>;
 
   class const_iterator {
    public:
@@ -91,7 +92,7 @@ class KivBrumeMap {
   // and its readiness to `ready`. Mounting again first unmounts.
   void mount(Mroute::Loop::EventLoop& loop, std::string_view mountPath, Brume::BrumeType type, Changed changed,
              Ready ready) {
-    unmount();
+    drop();
     Brume::BrumeMapOptions options;
     options.table.initialSize = capacity_;
     front_ = std::make_unique<Front>(loop, mountPath, name_, type, options);
@@ -103,10 +104,18 @@ class KivBrumeMap {
       // A table that is there already attaches while the front is built.
       if (front_->ready() && ready) ready();
     }
+    mountChanged();
   }
   void unmount() {
-    direct_ = false;
-    front_.reset();
+    if (!front_) return;
+    drop();
+    mountChanged();
+  }
+  // Told after every mount and unmount, one watcher a token (an adapter that
+  // replicates the mount path); a null `f` removes the token's watcher.
+  void mountWatchIs(const void* token, MountWatch f) {
+    std::erase_if(mountWatches_, [token](const auto& w) { return w.first == token; });
+    if (f) mountWatches_.emplace_back(token, std::move(f));
   }
 
   std::optional<V> find(const K& k) const {
@@ -180,7 +189,18 @@ class KivBrumeMap {
 
   std::string name_;
   uint32_t capacity_;
+  void drop() {
+    direct_ = false;
+    front_.reset();
+  }
+  void mountChanged() {
+    // A copy: a watcher may remove itself or another.
+    const auto watches = mountWatches_;
+    for (const auto& [token, f] : watches) f();
+  }
+
   std::unique_ptr<Front> front_;
+  std::vector<std::pair<const void*, MountWatch>> mountWatches_;
   bool direct_ = false;
   uint64_t delCount_ = 0;
   uint64_t commitCount_ = 0;

@@ -69,6 +69,13 @@ TEST_F(TreeReplicationTest, ReferencesConstructorAttributesAndTablesTravelAsWher
   EXPECT_TRUE(r->shade() == rHolder);
   EXPECT_EQ(r->entry(7), Entry(7, 2));
   ASSERT_TRUE(Testing::runUntil(loop, [&] { return r->entries(1) == Entry(1, 40); }));  // rows come by the table
+  // Tables unmounted and mounted elsewhere after the reader is connected follow.
+  w->unmountTables();
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return !r->entries().mounted(); }));
+  w->mountTables(loop, "sample/tree/blue/pim", Brume::BrumeType::writer);
+  w->entriesIs(Entry(2, 50));
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return r->entries(2) == Entry(2, 50); }));
+  EXPECT_EQ(r->entries().front()->mountPath(), "sample/tree/blue/pim");
   w->shadeIs(nullptr);
   ASSERT_TRUE(Testing::runUntil(loop, [&] { return !r->shade(); }));
 

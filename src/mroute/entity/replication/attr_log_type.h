@@ -56,6 +56,9 @@ struct AttrLogAttr {
   // Reads the key (into `key`), the presence byte and the value.
   Applier (*readMember)(NboAttrLog::WireReader&, std::string& key) = nullptr;
   void (*delMember)(Entity&, std::string_view key) = nullptr;
+  // Shared tables: calls `changed` after each later mount or unmount (null
+  // removes the watcher of `token`), so the new path goes out as a change.
+  void (*watchMount)(Entity&, const void* token, std::function<void()> changed) = nullptr;
   // Children: the child under a key (null when absent) and its type.
   Entity* (*child)(const Entity&, std::string_view key) = nullptr;
   const AttrLogType& (*childType)() = nullptr;
@@ -191,6 +194,9 @@ AttrLogAttr logTable(AttrId id, const char* name) {
       t.mount(*c.loop, path, Brume::BrumeType::reader, [&x](const typename Table::key_type& k) { (x.*notifyKey)(k); },
               [&x] { (x.*notifyAll)(); });
     };
+  };
+  a.watchMount = [](Entity& e, const void* token, std::function<void()> changed) {
+    ((static_cast<E&>(e)).*get)().mountWatchIs(token, std::move(changed));
   };
   a.valueText = [](const Entity& e) {
     const Table& t = (const_cast<E&>(static_cast<const E&>(e)).*get)();

@@ -80,6 +80,13 @@ void Entity::KivNboAttrLogSa::attach(uint32_t notifieeBits, uint32_t handle, con
   keyInParent_ = std::move(keyInParent);
   reactorIs(true);
   stateBits_ |= kActiveBit;
+  // A table mounted or unmounted later tells no notifiee: the adapter
+  // watches the table itself and sends the new path like any other change.
+  if (out_) {
+    for (const AttrLogAttr& a : type_.attrs) {
+      if (a.watchMount) a.watchMount(*entity_, this, [this, id = a.id] { onAttr(id); });
+    }
+  }
 }
 
 void Entity::KivNboAttrLogSa::detach() {
@@ -90,6 +97,9 @@ void Entity::KivNboAttrLogSa::detach() {
 void Entity::KivNboAttrLogSa::release() {
   stateBits_ &= ~kActiveBit;
   if (entity_->writeGuard() == this) entity_->writeGuardIs(nullptr);
+  for (const AttrLogAttr& a : type_.attrs) {
+    if (a.watchMount) a.watchMount(*entity_, this, nullptr);
+  }
   if (out_) out_->flowOutDel(this);
   flowOut_.reset();
 }
