@@ -187,8 +187,6 @@ class KivBrumeMap {
     MROUTE_TRACE(fac, 1, "KivBrumeMap " << name_ << " corruption: " << what);
   }
 
-  std::string name_;
-  uint32_t capacity_;
   void drop() {
     direct_ = false;
     front_.reset();
@@ -199,6 +197,8 @@ class KivBrumeMap {
     for (const auto& [token, f] : watches) f();
   }
 
+  std::string name_;
+  uint32_t capacity_;
   std::unique_ptr<Front> front_;
   std::vector<std::pair<const void*, MountWatch>> mountWatches_;
   bool direct_ = false;
