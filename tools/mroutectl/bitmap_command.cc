@@ -14,7 +14,7 @@
 
 #include "bitmap_rows.h"
 #include "command.h"
-#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/survey/table_survey.h"
 #include "table_json.h"
 
 namespace Mroutectl {
@@ -27,10 +27,10 @@ struct BitmapOptions {
 };
 
 Mem::RootPath locate(const std::string& table) {
-  Brume::Inspect::Problem problem{};
+  Brume::Survey::Problem problem{};
   std::string error;
-  std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(table, &problem, &error);
-  if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+  std::optional<Mem::RootPath> root = Brume::Survey::locateTable(table, &problem, &error);
+  if (!root) throw CommandError(problem == Brume::Survey::Problem::badName ? kExitUsage : kExitNotFound, error);
   return *root;
 }
 
@@ -47,8 +47,8 @@ void runBitmap(const BitmapOptions& o, Context& ctx) {
   std::vector<BitMapper::WaitlistMap> waiting;
   if (!readRows(indexRoot, &used, &error)) throw CommandError(kExitDamaged, error);
   // An allocator that never had to make a key wait may have no wait list yet.
-  Brume::Inspect::Problem problem{};
-  if (const auto waitRoot = Brume::Inspect::locateTable(o.path + "/" + kWaitlistMapName, &problem, &error)) {
+  Brume::Survey::Problem problem{};
+  if (const auto waitRoot = Brume::Survey::locateTable(o.path + "/" + kWaitlistMapName, &problem, &error)) {
     if (!readRows(*waitRoot, &waiting, &error)) throw CommandError(kExitDamaged, error);
   }
   uint32_t inRange = 0;

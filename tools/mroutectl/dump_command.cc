@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "command.h"
-#include "mroute/table/inspect/table_inspect.h"
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/table_survey.h"
+#include "mroute/table/survey/value_codec.h"
 #include "route_filter.h"
 #include "route_table.h"
 #include "route_text.h"
@@ -21,14 +21,14 @@
 
 namespace Mroutectl {
 
-using Brume::Inspect::StoredEntry;
-using Brume::Inspect::ValueCodec;
+using Brume::Survey::StoredEntry;
+using Brume::Survey::ValueCodec;
 
 Json entryJson(const ValueCodec* codec, const StoredEntry& e) {
   Json j;
   j["slot"] = e.slot;
   if (codec == nullptr) {
-    j["bytes"] = Brume::Inspect::hexText(e.bytes.data(), e.bytes.size());
+    j["bytes"] = Brume::Survey::hexText(e.bytes.data(), e.bytes.size());
     return j;
   }
   j["key"] = codec->keyText(e.bytes.data());
@@ -57,21 +57,21 @@ Route routeOf(const StoredEntry& e) {
 // why there are none.
 struct Opened {
   Mem::RootPath root;
-  Brume::Inspect::TableStat stat;
+  Brume::Survey::TableStat stat;
   const ValueCodec* codec;
   bool routes;
 };
 
 Opened open(const std::string& table) {
-  Brume::Inspect::Problem problem{};
+  Brume::Survey::Problem problem{};
   std::string error;
-  std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(table, &problem, &error);
-  if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
-  if (std::string damage = Brume::Inspect::headerFinding(*root); !damage.empty()) {
+  std::optional<Mem::RootPath> root = Brume::Survey::locateTable(table, &problem, &error);
+  if (!root) throw CommandError(problem == Brume::Survey::Problem::badName ? kExitUsage : kExitNotFound, error);
+  if (std::string damage = Brume::Survey::headerFinding(*root); !damage.empty()) {
     throw CommandError(kExitDamaged, table + " is damaged: " + damage + " (mroutectl validate says more)");
   }
-  Brume::Inspect::TableStat stat = Brume::Inspect::statTable(table);
-  const ValueCodec* codec = Brume::Inspect::findValueCodec(stat.valueType, stat.valueSize);
+  Brume::Survey::TableStat stat = Brume::Survey::statTable(table);
+  const ValueCodec* codec = Brume::Survey::findValueCodec(stat.valueType, stat.valueSize);
   const bool routes = codec != nullptr && stat.valueType == Route::kTypeName;
   return Opened{*root, std::move(stat), codec, routes};
 }
@@ -85,7 +85,7 @@ void runDump(const DumpOptions& o, Context& ctx) {
   }
   std::vector<StoredEntry> entries;
   std::string error;
-  if (!Brume::Inspect::readEntries(t.root, &entries, &error)) {
+  if (!Brume::Survey::readEntries(t.root, &entries, &error)) {
     throw CommandError(kExitDamaged, o.table + " is damaged: " + error + " (mroutectl validate says more)");
   }
   if (t.routes) {
@@ -118,7 +118,7 @@ void runDump(const DumpOptions& o, Context& ctx) {
     } else if (t.codec != nullptr) {
       ctx.out << t.codec->text(e.bytes.data()) << "\n";
     } else {
-      ctx.out << "slot " << e.slot << ":\n" << Brume::Inspect::hexText(e.bytes.data(), e.bytes.size()) << "\n";
+      ctx.out << "slot " << e.slot << ":\n" << Brume::Survey::hexText(e.bytes.data(), e.bytes.size()) << "\n";
     }
   }
   if (entries.size() < total) {
@@ -132,7 +132,7 @@ void runLookup(const DumpOptions& o, Context& ctx) {
     throw CommandError(kExitUsage, o.table + " holds " + t.stat.valueType +
                                        ", whose keys this tool cannot read from text (mroutectl dump shows it)");
   }
-  std::optional<Brume::Inspect::ValueBytes> bytes;
+  std::optional<Brume::Survey::ValueBytes> bytes;
   try {
     bytes = t.codec->lookup(t.root, o.key);
   } catch (const std::runtime_error& e) {

@@ -16,7 +16,7 @@
 #include "change_printer.h"
 #include "command.h"
 #include "mroute/runtime/loop/event_loop.h"
-#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/survey/table_survey.h"
 #include "route_filter.h"
 #include "route_table.h"
 #include "route_text.h"
@@ -72,12 +72,12 @@ class Output {
 
 void runFollow(const FollowOptions& o, Context& ctx) {
   const RouteFilter filter = RouteFilter::fromText(o.group, o.source);
-  Brume::Inspect::Problem problem{};
+  Brume::Survey::Problem problem{};
   std::string error;
-  if (!Brume::Inspect::locateTable(o.table, &problem, &error)) {
-    if (problem == Brume::Inspect::Problem::badName) throw CommandError(kExitUsage, error);
+  if (!Brume::Survey::locateTable(o.table, &problem, &error)) {
+    if (problem == Brume::Survey::Problem::badName) throw CommandError(kExitUsage, error);
     if (!o.wait) throw CommandError(kExitNotFound, error + " (--wait waits for its writer to create it)");
-  } else if (const auto s = Brume::Inspect::statTable(o.table); s.readable && s.valueType != Route::kTypeName) {
+  } else if (const auto s = Brume::Survey::statTable(o.table); s.readable && s.valueType != Route::kTypeName) {
     throw CommandError(kExitUsage, o.table + " holds " + s.valueType + ": follow shows route tables (mroutectl dump "
                                                                        "shows this one)");
   }
@@ -95,7 +95,7 @@ void runFollow(const FollowOptions& o, Context& ctx) {
   routes.forEachKey([&](const auto& k) {
     if (const auto v = routes.lookup(k)) printer.seed(v->value);
   });
-  const bool writer = Brume::Inspect::writerPid(routes.tablePath()) != 0;
+  const bool writer = Brume::Survey::writerPid(routes.tablePath()) != 0;
   output.event("following",
                "following " + o.table + ": " +
                    (routes.ready() ? "attached, " + std::to_string(printer.routes()) +
@@ -135,7 +135,7 @@ void runFollow(const FollowOptions& o, Context& ctx) {
   // Closing the table detaches it; that is not news about the writer.
   routes.onReadyIs(nullptr);
   routes.onChangeIs(nullptr);
-  const bool writerNow = Brume::Inspect::writerPid(routes.tablePath()) != 0;
+  const bool writerNow = Brume::Survey::writerPid(routes.tablePath()) != 0;
   const std::string reason = gSignal == SIGINT    ? "interrupted (SIGINT)"
                              : gSignal == SIGTERM ? "terminated (SIGTERM)"
                                                   : "--seconds passed";

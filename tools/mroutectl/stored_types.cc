@@ -4,7 +4,7 @@
 #include "mroute/route/oif_index_intf.h"
 #include "mroute/route/route.h"
 #include "mroute/table/engine/value_wrapper.h"
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/value_codec.h"
 #include "route_text.h"
 
 namespace Mroutectl {
@@ -12,17 +12,17 @@ namespace Mroutectl {
 void registerStoredTypes() {
   using Routing::Multicast::Fib::IpGenRouteKey;
   using Brume::Multicast::Fib::Route;
-  Brume::Inspect::registerStoredType<KivBrume::KivBrumeMapValueWrapper<Route, IpGenRouteKey, &Route::key>>(
+  Brume::Survey::registerStoredType<KivBrume::KivBrumeMapValueWrapper<Route, IpGenRouteKey, &Route::key>>(
       [](std::string_view text) { return routeKeyFromText(text); },
       [](const IpGenRouteKey& key) { return keyText(key); });
   using Brume::Multicast::Fib::OifIndexIntf;
-  Brume::Inspect::registerStoredType<
+  Brume::Survey::registerStoredType<
       KivBrume::KivBrumeMapValueWrapper<OifIndexIntf, Brume::Multicast::Fib::OifIndex, &OifIndexIntf::key>>();
   using BitMapper::BitIndexMap;
-  Brume::Inspect::registerStoredType<
+  Brume::Survey::registerStoredType<
       KivBrume::KivBrumeMapValueWrapper<BitIndexMap, BitMapper::BitIndex, &BitIndexMap::key>>();
   using BitMapper::WaitlistMap;
-  Brume::Inspect::registerStoredType<
+  Brume::Survey::registerStoredType<
       KivBrume::KivBrumeMapValueWrapper<WaitlistMap, BitMapper::BitMapperKey, &WaitlistMap::key>>();
 }
 

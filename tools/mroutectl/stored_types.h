@@ -1,5 +1,5 @@
 // The stored value types mroutectl shows by name: their codecs are
-// registered with the inspection API (mroute/table/inspect/value_codec.h) at
+// registered with the survey API (mroute/table/survey/value_codec.h) at
 // the start of every run, so that any table of these types is dumped, looked
 // up, followed and validated (key hashes included) by the type its files
 // record.

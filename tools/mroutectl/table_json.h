@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "mroute/table/inspect/table_inspect.h"
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/table_survey.h"
+#include "mroute/table/survey/value_codec.h"
 
 namespace Mroutectl {
 
@@ -20,10 +20,10 @@ inline std::string jsonText(const Json& j) {
 }
 
 // A table's summary and health.
-Json statJson(const Brume::Inspect::TableStat& s);
+Json statJson(const Brume::Survey::TableStat& s);
 
 // One entry: {"slot", "key", "text"} (and "bytes" in hex when its type has
 // no codec).
-Json entryJson(const Brume::Inspect::ValueCodec* codec, const Brume::Inspect::StoredEntry& e);
+Json entryJson(const Brume::Survey::ValueCodec* codec, const Brume::Survey::StoredEntry& e);
 
 }  // namespace Mroutectl

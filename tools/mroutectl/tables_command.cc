@@ -16,7 +16,7 @@
 
 namespace Mroutectl {
 
-using Brume::Inspect::TableStat;
+using Brume::Survey::TableStat;
 
 namespace {
 
@@ -115,16 +115,16 @@ void printRows(std::vector<std::vector<std::string>> rows, std::ostream& out) {
 }
 
 void requireRoot() {
-  if (const std::string why = Brume::Inspect::rootProblem(); !why.empty()) throw CommandError(kExitNotFound, why);
+  if (const std::string why = Brume::Survey::rootProblem(); !why.empty()) throw CommandError(kExitNotFound, why);
 }
 
 void runTables(bool verbose, Context& ctx) {
   requireRoot();
   const std::string root = Brume::shmRootDirectory();
-  const auto tables = Brume::Inspect::listTables(root);
+  const auto tables = Brume::Survey::listTables(root);
   if (ctx.json) {
     Json list = Json::array();
-    for (const std::string& t : tables) list.push_back(statJson(Brume::Inspect::statTable(t)));
+    for (const std::string& t : tables) list.push_back(statJson(Brume::Survey::statTable(t)));
     ctx.out << jsonText(Json{{"root", root}, {"tables", list}}) << "\n";
     return;
   }
@@ -135,17 +135,17 @@ void runTables(bool verbose, Context& ctx) {
   std::vector<std::vector<std::string>> rows = {
       {"TABLE", "VALUE TYPE", "ENTRIES", "CAPACITY", "WRITER", "READERS", "NOTES"}};
   if (verbose) rows[0].insert(rows[0].end() - 1, {"QUEUE", "NEWEST SEQ", "LAG", "INCARNATION"});
-  for (const std::string& t : tables) rows.push_back(row(Brume::Inspect::statTable(t), verbose));
+  for (const std::string& t : tables) rows.push_back(row(Brume::Survey::statTable(t), verbose));
   printRows(std::move(rows), ctx.out);
 }
 
 void runStat(const std::string& table, Context& ctx) {
-  Brume::Inspect::Problem problem{};
+  Brume::Survey::Problem problem{};
   std::string error;
-  if (!Brume::Inspect::locateTable(table, &problem, &error)) {
-    throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+  if (!Brume::Survey::locateTable(table, &problem, &error)) {
+    throw CommandError(problem == Brume::Survey::Problem::badName ? kExitUsage : kExitNotFound, error);
   }
-  const TableStat s = Brume::Inspect::statTable(table);
+  const TableStat s = Brume::Survey::statTable(table);
   if (ctx.json) {
     ctx.out << jsonText(statJson(s)) << "\n";
     return;

@@ -1,5 +1,5 @@
 // mroutectl validate [<table> ...]: the deep check of each table's files
-// (mroute/table/inspect/table_inspect.h), each finding one line. Nothing is
+// (mroute/table/survey/table_survey.h), each finding one line. Nothing is
 // written to the tables.
 #include <CLI/CLI.hpp>
 
@@ -8,7 +8,7 @@
 #include <ostream>
 
 #include "command.h"
-#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/survey/table_survey.h"
 #include "mroute/table/shm_root.h"
 #include "table_json.h"
 
@@ -17,24 +17,24 @@ namespace {
 
 void runValidate(std::vector<std::string> tables, Context& ctx) {
   if (tables.empty()) {
-    if (const std::string why = Brume::Inspect::rootProblem(); !why.empty()) {
+    if (const std::string why = Brume::Survey::rootProblem(); !why.empty()) {
       throw CommandError(kExitNotFound, why);
     }
-    tables = Brume::Inspect::listTables(Brume::shmRootDirectory());
+    tables = Brume::Survey::listTables(Brume::shmRootDirectory());
   }
   // Every name is checked before any table is: a typo is not half a report.
   std::vector<Mem::RootPath> roots;
   for (const std::string& t : tables) {
-    Brume::Inspect::Problem problem{};
+    Brume::Survey::Problem problem{};
     std::string error;
-    std::optional<Mem::RootPath> root = Brume::Inspect::locateTable(t, &problem, &error);
-    if (!root) throw CommandError(problem == Brume::Inspect::Problem::badName ? kExitUsage : kExitNotFound, error);
+    std::optional<Mem::RootPath> root = Brume::Survey::locateTable(t, &problem, &error);
+    if (!root) throw CommandError(problem == Brume::Survey::Problem::badName ? kExitUsage : kExitNotFound, error);
     roots.push_back(*root);
   }
   int bad = 0;
   Json list = Json::array();
   for (size_t i = 0; i < tables.size(); ++i) {
-    const auto findings = Brume::Inspect::validateTable(roots[i]);
+    const auto findings = Brume::Survey::validateTable(roots[i]);
     bad += !findings.empty();
     if (ctx.json) {
       list.push_back(Json{{"table", tables[i]}, {"ok", findings.empty()}, {"findings", findings}});

@@ -168,7 +168,7 @@ inline uint64_t loadMinSeq(const ConquerTable::Header& h) { return __atomic_load
 inline void storeMinSeq(ConquerTable::Header& h, uint64_t v) { __atomic_store_n(&h.minSeq, v, __ATOMIC_RELEASE); }
 
 // Relaxed: numReaders and the corral are the writer's bookkeeping, mirrored
-// in the file for a writer that re-attaches and for inspection; readers do
+// in the file for a writer that re-attaches and for the operator tool; readers do
 // not act on them.
 inline uint64_t loadRelaxed64(const uint64_t& w) { return __atomic_load_n(&w, __ATOMIC_RELAXED); }
 inline void storeRelaxed64(uint64_t& w, uint64_t v) { __atomic_store_n(&w, v, __ATOMIC_RELAXED); }

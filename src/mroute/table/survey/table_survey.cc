@@ -1,4 +1,4 @@
-#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/survey/table_survey.h"
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -21,7 +21,7 @@
 #include "mroute/table/shm/writer_lock.h"
 #include "mroute/table/shm_root.h"
 
-namespace Brume::Inspect {
+namespace Brume::Survey {
 
 namespace fs = std::filesystem;
 
@@ -201,4 +201,4 @@ TableStat statTable(const std::string& table) {
   return s;
 }
 
-}  // namespace Brume::Inspect
+}  // namespace Brume::Survey

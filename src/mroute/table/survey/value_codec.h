@@ -1,4 +1,4 @@
-// How an inspector shows the values of a table whose type it learns only
+// How a surveyor shows the values of a table whose type it learns only
 // from the table's files: a registry of stored value types by the name the
 // slot file records (valueType) and their size.
 //
@@ -28,7 +28,7 @@
 #include "mroute/table/shm/brume_hash.h"
 #include "mroute/table/shm/root_path.h"
 
-namespace Brume::Inspect {
+namespace Brume::Survey {
 
 // Bytes of one stored value (the value wrapper, as in its slot).
 using ValueBytes = std::vector<unsigned char>;
@@ -124,4 +124,4 @@ struct StoredEntry {
 // checks. Read-only.
 bool readEntries(const Mem::RootPath& root, std::vector<StoredEntry>* entries, std::string* error);
 
-}  // namespace Brume::Inspect
+}  // namespace Brume::Survey

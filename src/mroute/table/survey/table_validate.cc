@@ -9,12 +9,12 @@
 #include "mroute/table/engine/internal/bucket_file.h"
 #include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/engine/internal/validator.h"
-#include "mroute/table/inspect/table_inspect.h"
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/table_survey.h"
+#include "mroute/table/survey/value_codec.h"
 #include "mroute/table/queue/internal/conquer_file.h"
 #include "mroute/table/shm/ember_file.h"
 
-namespace Brume::Inspect {
+namespace Brume::Survey {
 namespace {
 
 // A private copy of one file, 8-byte aligned like its mapping would be.
@@ -210,4 +210,4 @@ std::vector<std::string> validateTable(const Mem::RootPath& root) {
   return findings;
 }
 
-}  // namespace Brume::Inspect
+}  // namespace Brume::Survey

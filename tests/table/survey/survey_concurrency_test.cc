@@ -1,4 +1,4 @@
-// The inspection API reading a table while its writer rewrites it: every
+// The survey API reading a table while its writer rewrites it: every
 // entry readEntries() returns is a value that was whole at one instant, and
 // the deep check of a live table finds nothing.
 #include <gtest/gtest.h>
@@ -9,15 +9,15 @@
 #include <thread>
 
 #include "../table_test_util.h"
-#include "mroute/table/inspect/table_inspect.h"
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/table_survey.h"
+#include "mroute/table/survey/value_codec.h"
 
 namespace {
 
 using namespace TableTest;
 
-TEST(InspectConcurrencyTest, EntriesReadDuringInPlaceUpdatesAreNeverTorn) {
-  TempRoot dir("inspect");
+TEST(SurveyConcurrencyTest, EntriesReadDuringInPlaceUpdatesAreNeverTorn) {
+  TempRoot dir("survey");
   Writer w(dir.root(), config(64));
   ASSERT_TRUE(w.attach());
   constexpr uint64_t kKeys = 32;
@@ -37,9 +37,9 @@ TEST(InspectConcurrencyTest, EntriesReadDuringInPlaceUpdatesAreNeverTorn) {
   // Long enough for the writer to be caught mid-copy many times.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
   while (std::chrono::steady_clock::now() < end) {
-    std::vector<Brume::Inspect::StoredEntry> entries;
+    std::vector<Brume::Survey::StoredEntry> entries;
     std::string error;
-    ASSERT_TRUE(Brume::Inspect::readEntries(dir.root(), &entries, &error)) << error;
+    ASSERT_TRUE(Brume::Survey::readEntries(dir.root(), &entries, &error)) << error;
     for (const auto& e : entries) {
       ASSERT_EQ(e.bytes.size(), sizeof(RecordValue));
       RecordValue v;
@@ -52,7 +52,7 @@ TEST(InspectConcurrencyTest, EntriesReadDuringInPlaceUpdatesAreNeverTorn) {
   stop = true;
   writer.join();
   EXPECT_GT(copies, 0u);
-  EXPECT_EQ(Brume::Inspect::validateTable(dir.root()), std::vector<std::string>{});
+  EXPECT_EQ(Brume::Survey::validateTable(dir.root()), std::vector<std::string>{});
 }
 
 }  // namespace

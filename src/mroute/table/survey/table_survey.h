@@ -1,7 +1,7 @@
 // Looking at shared-memory tables from outside: find them under a root,
 // summarise one from its file headers, check its files deeply, and read its
 // entries. Everything here is read-only: no file is written, no lock is
-// taken and the writer is never disturbed, so an operator may inspect a live
+// taken and the writer is never disturbed, so an operator may survey a live
 // table at any time.
 //
 // Tables are named "<mount path>/<name>" relative to the shared-memory root
@@ -17,7 +17,7 @@
 
 #include "mroute/table/shm/root_path.h"
 
-namespace Brume::Inspect {
+namespace Brume::Survey {
 
 // Why a table could not be looked at. Callers map these to their own
 // reports (mroutectl: exit codes).
@@ -97,4 +97,4 @@ std::vector<std::string> validateTable(const Mem::RootPath& root);
 // validateTable while a writer runs.
 std::string headerFinding(const Mem::RootPath& root);
 
-}  // namespace Brume::Inspect
+}  // namespace Brume::Survey

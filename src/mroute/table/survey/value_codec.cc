@@ -1,14 +1,14 @@
-#include "mroute/table/inspect/value_codec.h"
+#include "mroute/table/survey/value_codec.h"
 
 #include <map>
 #include <mutex>
 
 #include "mroute/table/engine/internal/link.h"
 #include "mroute/table/engine/internal/slot_file.h"
-#include "mroute/table/inspect/table_inspect.h"
+#include "mroute/table/survey/table_survey.h"
 #include "mroute/table/shm/shm_file.h"
 
-namespace Brume::Inspect {
+namespace Brume::Survey {
 namespace {
 
 std::map<std::string, ValueCodec, std::less<>>& codecs() {
@@ -97,4 +97,4 @@ bool readEntries(const Mem::RootPath& root, std::vector<StoredEntry>* entries, s
   return true;
 }
 
-}  // namespace Brume::Inspect
+}  // namespace Brume::Survey
