@@ -127,14 +127,7 @@ TEST(BoundedValues, DefaultsAndRanges) {
                     "RoutePriority::value < 0 or > 255 not allowed");
   EXPECT_THROW_TEXT(OifIndex::fromText("70000"), Kiv::RangeException, oifError);
   EXPECT_THROW(OifIndex::fromText("-1"), Kiv::RangeException);
-}
-
-TEST(BoundedValues, CompareAsUnsignedAndPrintAsNumbers) {
-  EXPECT_LT(OifIndex(2), OifIndex(300));
-  EXPECT_LT(RpaIndex(1), RpaIndex(65535));
-  EXPECT_GT(RoutePriority(200), RoutePriority(1));
-  EXPECT_EQ(text(RoutePriority(200)), "200");
-  EXPECT_EQ(RpaIndex::fromText(text(RpaIndex(40000))), RpaIndex(40000));
+  EXPECT_EQ(RpaIndex::fromText("40000"), RpaIndex(40000));
 }
 
 TEST(OifIndexIntf, StreamRoundTripAndRangeCheck) {
