@@ -232,37 +232,40 @@ AttrLogAttr collBase(AttrId id, const char* name) {
 }
 }  // namespace attr_log_internal
 
-template <class E, class Map, auto get, auto set, auto del>
-AttrLogAttr logColl(AttrId id, const char* name) {
+namespace attr_log_internal {
+// A member arrives as its key and a present flag, then the value: xIs(key,
+// value) for a plain collection, xIs(record) for records filed under their key.
+template <class E, class Map, auto get, auto set, auto del, bool wholeRecord>
+AttrLogAttr logMembers(AttrId id, const char* name) {
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
-  AttrLogAttr a = attr_log_internal::collBase<E, Map, get, del>(id, name);
+  AttrLogAttr a = collBase<E, Map, get, del>(id, name);
   a.readMember = [](NboAttrLog::WireReader& r, std::string& keyBytes) -> Applier {
     K k = NboAttrLog::Wire<K>::read(r);
     keyBytes = NboAttrLog::wireBytes(k);
     if (!NboAttrLog::Wire<bool>::read(r)) {
       return [k = std::move(k)](Entity& e) { (static_cast<E&>(e).*del)(k); };
     }
-    return [k = std::move(k), v = NboAttrLog::Wire<V>::read(r)](Entity& e) { (static_cast<E&>(e).*set)(k, v); };
+    if constexpr (wholeRecord) {
+      return [v = NboAttrLog::Wire<V>::read(r)](Entity& e) { (static_cast<E&>(e).*set)(v); };
+    } else {
+      return [k = std::move(k), v = NboAttrLog::Wire<V>::read(r)](Entity& e) {
+        (static_cast<E&>(e).*set)(k, v);
+      };
+    }
   };
   return a;
 }
+}  // namespace attr_log_internal
 
-// Whole records filed under their own key: xIs(record).
+template <class E, class Map, auto get, auto set, auto del>
+AttrLogAttr logColl(AttrId id, const char* name) {
+  return attr_log_internal::logMembers<E, Map, get, set, del, false>(id, name);
+}
+
 template <class E, class Map, auto get, auto set, auto del>
 AttrLogAttr logRecordColl(AttrId id, const char* name) {
-  using K = typename Map::key_type;
-  using V = typename Map::mapped_type;
-  AttrLogAttr a = attr_log_internal::collBase<E, Map, get, del>(id, name);
-  a.readMember = [](NboAttrLog::WireReader& r, std::string& keyBytes) -> Applier {
-    K k = NboAttrLog::Wire<K>::read(r);
-    keyBytes = NboAttrLog::wireBytes(k);
-    if (!NboAttrLog::Wire<bool>::read(r)) {
-      return [k = std::move(k)](Entity& e) { (static_cast<E&>(e).*del)(k); };
-    }
-    return [v = NboAttrLog::Wire<V>::read(r)](Entity& e) { (static_cast<E&>(e).*set)(v); };
-  };
-  return a;
+  return attr_log_internal::logMembers<E, Map, get, set, del, true>(id, name);
 }
 
 template <class E, class C, class Map, auto get, auto is, auto del>

@@ -4,18 +4,9 @@
 #include <ostream>
 
 #include "mroute/runtime/error.h"
+#include "mroute/runtime/net/internal/address_text.h"
 
 namespace Orvet {
-namespace {
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
 
 EthAddr EthAddr::fromText(std::string_view text) {
   Bytes bytes{};
@@ -27,7 +18,7 @@ EthAddr EthAddr::fromText(std::string_view text) {
     bool ok = (last == (colon == std::string_view::npos)) && !group.empty() && group.size() <= 2;
     int value = 0;
     for (char c : group) {
-      int d = hexDigit(c);
+      int d = net_internal::hexDigit(c);
       ok = ok && d >= 0;
       value = value << 4 | (d & 0xf);
     }

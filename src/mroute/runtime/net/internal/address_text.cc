@@ -5,13 +5,6 @@
 namespace Orvet::net_internal {
 namespace {
 
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 // Parses colon-separated groups of 1..4 hex digits into out[0..]. The last
 // group may be a dotted IPv4 address (two groups) when `v4Tail` is set.
 // Returns the number of groups, or -1.

@@ -21,6 +21,14 @@ std::string formatIpv4(uint32_t hostValue);
 bool parseIpv6(std::string_view text, uint8_t out[16]);
 std::string formatIpv6(const uint8_t bytes[16]);
 
+// The value of one hex digit of either case, or -1.
+constexpr int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 // Decimal number without sign or leading zeros, at most `max`.
 std::optional<uint32_t> parseDecimal(std::string_view text, uint32_t max);
 
