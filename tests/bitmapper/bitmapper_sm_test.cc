@@ -91,21 +91,6 @@ TEST_F(BitMapperSmTest, RangeInOrderThenFreedInQueueOrderThenToWaitingKeys) {
   EXPECT_EQ(row(11), BitIndexMap(BitIndex(11), key(5), 2, false));
 }
 
-TEST_F(BitMapperSmTest, OneFreedIndexServesOneWaitingKeyInTableOrder) {
-  start(2, true);
-  alloc(*config, key(0));
-  alloc(*config, key(1));
-  for (uint32_t n = 2; n < 6; ++n) alloc(*config, key(n));
-  std::vector<BitMapperKey> order;
-  for (const WaitlistMap& w : brume->waitlistMap()) order.push_back(w.key());
-  ASSERT_EQ(order.size(), 4u);
-  dealloc(*config, key(0));
-  EXPECT_EQ(status->bitIndex(order[0]), BitIndex(0));
-  EXPECT_EQ(status->bitIndex(order[1]), BitIndex::invalid());
-  EXPECT_EQ(brume->waitlistMap().size(), 3u);
-  EXPECT_FALSE(sm->reviewKeyWaitlist());  // the pool is dry again
-}
-
 TEST_F(BitMapperSmTest, ReferenceCountingDecidesWhichDeallocationFrees) {
   for (bool refCount : {false, true}) {
     SCOPED_TRACE(refCount);

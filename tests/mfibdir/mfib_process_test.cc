@@ -218,8 +218,13 @@ TEST_P(MfibProcessTest, ForwardingFollowsApplicationsInOtherProcesses) {
   EXPECT_TRUE(winnerIs(2, "high"));
   EXPECT_FALSE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory high"));
 
-  // Stopped cleanly, the applications' trees go and their table sets with them.
-  for (Child* c : {&low, &high, &zero, &late}) EXPECT_EQ(c->stop(), 0);
+  // Stopped cleanly, the applications' trees go and their table sets with
+  // them; one killed for good stays until its tree is removed.
+  for (Child* c : {&low, &zero, &late}) EXPECT_EQ(c->stop(), 0);
+  EXPECT_EQ(WTERMSIG(high.stop(SIGKILL)), SIGKILL);
+  ASSERT_TRUE(waitFor([&] { return watch.trees() == 1 && coll(kRed) && coll(kRed)->brumePtr().size() == 1; }));
+  EXPECT_TRUE(winnerIs(2, "high"));
+  std::filesystem::remove_all(Brume::shmRootDirectory() + "/" + MfibDir::mountPath(af) + "/high");
   ASSERT_TRUE(waitFor([&] { return watch.trees() == 0 && coll(kVrfs[0]) == nullptr && coll(kRed) == nullptr; }));
   EXPECT_EQ(sm.appDirSm(Kiv::Name("high")), nullptr);
   EXPECT_TRUE(sink.contains("Mroute::MfibBrume", "Deleted Mfib directory high"));
