@@ -6,22 +6,21 @@
 
 namespace Brume::Multicast::Fib {
 
-Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip) {
+Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip,
+                     Route* route) {
   Selection best;
   uint8_t bestPriority = 0;
   for (const auto& [number, status] : coll.brumePtr()) {
     if (number == skip && skip != 0) continue;
     if (!status) continue;
     // find() answers "none" after corruption: the front ran its handler.
-    std::optional<Route> r = status->route().find(key);
-    if (!r) continue;
+    const std::optional<Route> r = status->route().find(key);
     // Strictly greater: a tie keeps the first, and priority 0 never wins.
-    if (r->routePriority().value() > bestPriority) {
-      bestPriority = r->routePriority().value();
-      best.brumeKey = number;
-      best.status = &status;
-      best.route = *r;
-    }
+    if (!r || r->routePriority().value() <= bestPriority) continue;
+    bestPriority = r->routePriority().value();
+    best.brumeKey = number;
+    best.status = &status;
+    if (route != nullptr) *route = *r;
   }
   return best;
 }
@@ -36,7 +35,9 @@ Kiv::Ptr<Status> MfibBrumeColl::mfibBrume(const Routing::Multicast::Fib::IpGenRo
 }
 
 Route MfibBrumeColl::route(const Routing::Multicast::Fib::IpGenRouteKey& key) const {
-  return selectBest(*this, key).route;
+  Route r;
+  selectBest(*this, key, 0, &r);
+  return r;
 }
 
 Kiv::Ptr<Status> MfibBrumeColl::nextBestBrume(uint32_t currBrumeKey,
