@@ -13,14 +13,18 @@ Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::I
   for (const auto& [number, status] : coll.brumePtr()) {
     if (number == skip && skip != 0) continue;
     if (!status) continue;
-    // find() answers "none" after corruption: the front ran its handler.
-    const std::optional<Route> r = status->route().find(key);
+    // The front's lookup, as find() makes it but without find()'s second
+    // copy of the route: it answers "none" after corruption, when the
+    // front has run the table's handler.
+    auto* front = status->route().front();
+    if (front == nullptr) continue;
+    const auto stored = front->lookup(key);
     // Strictly greater: a tie keeps the first, and priority 0 never wins.
-    if (!r || r->routePriority().value() <= bestPriority) continue;
-    bestPriority = r->routePriority().value();
+    if (!stored || stored->value.routePriority().value() <= bestPriority) continue;
+    bestPriority = stored->value.routePriority().value();
     best.brumeKey = number;
     best.status = &status;
-    if (route != nullptr) *route = *r;
+    if (route != nullptr) *route = stored->value;
   }
   return best;
 }
