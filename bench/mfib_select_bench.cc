@@ -1,22 +1,26 @@
 // Best-route selection across a VRF's table sets, in one run:
 //   select/N     brumeKey() per key over N table sets (N = 1, 2, 4, 8), each
 //                holding a route for every key, mounted read-only as a
-//                forwarding agent mounts them
+//                forwarding agent mounts them (in the thread's CPU time)
 //   lookups/N    the floor: N plain route lookups per key on the same tables
 //   walk         the merged walk (MfibBrumeCollRouteIteratorConst) of 12,000
 //                keys over 4 table sets, per walk and per key
 //   view         a route change in a table set with OrderRouteSm watching the
 //                collection of 4, against the same change with no one watching
 // Prints ns per operation and select/lookups ratios (the goal: at most 1.2
-// for 4 table sets), and the walk in ms (the goal: under 10 ms).
+// for 4 table sets), and the walk in ms (the goal: under 10 ms), with the
+// load average before and after. --benchmark_repetitions=N runs every figure
+// N times and prints medians (ratios with their range).
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mroute/mfibdir/merged_route_iterator.h"
@@ -47,11 +51,14 @@ double cpuMs() {
   return double(ts.tv_sec) * 1e3 + double(ts.tv_nsec) / 1e6;
 }
 
-double nsPer(Clock::duration d, double ops) { return std::chrono::duration<double, std::nano>(d).count() / ops; }
-
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  int repetitions = 1;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--benchmark_repetitions=", 0) == 0) repetitions = std::max(1, std::stoi(arg.substr(arg.find('=') + 1)));
+  }
   const std::string root = std::filesystem::temp_directory_path() / ("mroute-selectbench-" + std::to_string(getpid()));
   setenv("MROUTE_SHM_ROOT", root.c_str(), 1);
   Mroute::Loop::EventLoop loop;
@@ -73,71 +80,112 @@ int main() {
   }
   for (int i = 0; i < 200; ++i) loop.runOnce(std::chrono::milliseconds(1));
 
-  std::printf("%-10s %12s %12s %8s\n", "table sets", "select ns", "lookups ns", "ratio");
+  // Every figure of one repetition; a ratio is taken within its repetition,
+  // where select and lookups ran side by side.
+  struct Figures {
+    double select[4], lookups[4], ratio[4];
+    double walkMs, walkCpuMs, copyMs, bare, viewed;
+  };
   volatile uint32_t sink = 0;
-  for (int n : {1, 2, 4, 8}) {
-    Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("default");
-    for (int s = 0; s < n; ++s) coll->brumePtrIs(s + 1, readers[s]);
-    const int rounds = 20;
-    double best[2] = {1e30, 1e30};
-    for (int trial = 0; trial < 5; ++trial) {
-      auto t0 = Clock::now();
-      for (int r = 0; r < rounds; ++r)
-        for (const IpGenRouteKey& k : keys) sink = sink + coll->brumeKey(k);
-      auto t1 = Clock::now();
-      for (int r = 0; r < rounds; ++r)
-        for (const IpGenRouteKey& k : keys)
-          for (int s = 0; s < n; ++s) sink = sink + (readers[s]->route().find(k) ? 1 : 0);
-      auto t2 = Clock::now();
-      best[0] = std::min(best[0], nsPer(t1 - t0, double(rounds) * kKeys));
-      best[1] = std::min(best[1], nsPer(t2 - t1, double(rounds) * kKeys));
-    }
-    std::printf("%-10d %12.1f %12.1f %8.2f\n", n, best[0], best[1], best[0] / best[1]);
-  }
-
+  uint32_t visited = 0;
+  size_t viewKeys = 0;
   Kiv::Ptr<MfibBrumeColl> four = Brume::Multicast::Fib::MfibBrumeCollIs("default");
   for (int s = 0; s < 4; ++s) four->brumePtrIs(s + 1, readers[s]);
-  // Best of 10, in wall-clock and in this thread's CPU time (the second is
-  // what one core spends when the machine is shared).
-  double walkMs = 1e30, copyMs = 1e30, walkCpuMs = 1e30;
-  uint32_t visited = 0;
-  for (int trial = 0; trial < 10; ++trial) {
-    const double c0 = cpuMs();
-    auto t0 = Clock::now();
-    visited = 0;
-    Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst it(*four);
-    auto t1 = Clock::now();
-    for (; !it.atEnd(); it.updateToBestRouteIterators()) ++visited;
-    walkMs = std::min(walkMs, std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
-    walkCpuMs = std::min(walkCpuMs, cpuMs() - c0);
-    copyMs = std::min(copyMs, std::chrono::duration<double, std::milli>(t1 - t0).count());
-  }
-  std::printf("walk: %u keys over 4 table sets in %.2f ms, %.2f ms CPU (%.0f ns per key; copying and sorting %.2f ms)\n",
-              visited, walkMs, walkCpuMs, walkMs * 1e6 / visited, copyMs);
-
-  // A change through a writer whose collection of 4 is watched by the view.
   Kiv::Ptr<MfibBrumeColl> watched = Brume::Multicast::Fib::MfibBrumeCollIs("default");
   for (int s = 0; s < 4; ++s) watched->brumePtrIs(s + 1, writers[s]);
-  auto change = [&](int version) {
-    auto t0 = Clock::now();
+  int version = 10;
+  // A change through a writer whose collection of 4 may be watched by the view.
+  auto change = [&] {
+    ++version;
+    const double t0 = cpuMs();
     for (const IpGenRouteKey& k : keys) {
       Route r = writers[0]->route(k);
       r.versionIs(version);
       writers[0]->routeIs(r);
     }
-    return nsPer(Clock::now() - t0, kKeys);
+    return (cpuMs() - t0) * 1e6 / kKeys;
   };
-  const double bare = std::min(change(10), change(11));
-  Kiv::Ptr<Brume::Multicast::Fib::RouteOrderedCollection> view =
-      Brume::Multicast::Fib::RouteOrderedCollectionIs("default");
-  double viewed;
-  {
+
+  auto measure = [&] {
+    Figures f{};
+    const int sets[] = {1, 2, 4, 8};
+    for (int i = 0; i < 4; ++i) {
+      const int n = sets[i];
+      Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("default");
+      for (int s = 0; s < n; ++s) coll->brumePtrIs(s + 1, readers[s]);
+      const int rounds = 10;
+      f.select[i] = f.lookups[i] = 1e30;
+      // In this thread's CPU time: on a shared machine wall-clock time
+      // counts the other processes' turns too.
+      const double ops = double(rounds) * kKeys;
+      for (int trial = 0; trial < 3; ++trial) {
+        const double t0 = cpuMs();
+        for (int r = 0; r < rounds; ++r)
+          for (const IpGenRouteKey& k : keys) sink = sink + coll->brumeKey(k);
+        const double t1 = cpuMs();
+        for (int r = 0; r < rounds; ++r)
+          for (const IpGenRouteKey& k : keys)
+            for (int s = 0; s < n; ++s) sink = sink + (readers[s]->route().find(k) ? 1 : 0);
+        const double t2 = cpuMs();
+        f.select[i] = std::min(f.select[i], (t1 - t0) * 1e6 / ops);
+        f.lookups[i] = std::min(f.lookups[i], (t2 - t1) * 1e6 / ops);
+      }
+      f.ratio[i] = f.select[i] / f.lookups[i];
+    }
+    // Best of 10, in wall-clock and in this thread's CPU time (the second is
+    // what one core spends when the machine is shared).
+    f.walkMs = f.copyMs = f.walkCpuMs = 1e30;
+    for (int trial = 0; trial < 10; ++trial) {
+      const double c0 = cpuMs();
+      auto t0 = Clock::now();
+      visited = 0;
+      Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst it(*four);
+      auto t1 = Clock::now();
+      for (; !it.atEnd(); it.updateToBestRouteIterators()) ++visited;
+      f.walkMs = std::min(f.walkMs, std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+      f.walkCpuMs = std::min(f.walkCpuMs, cpuMs() - c0);
+      f.copyMs = std::min(f.copyMs, std::chrono::duration<double, std::milli>(t1 - t0).count());
+    }
+    f.bare = std::min(change(), change());
+    Kiv::Ptr<Brume::Multicast::Fib::RouteOrderedCollection> view =
+        Brume::Multicast::Fib::RouteOrderedCollectionIs("default");
     Brume::Multicast::Fib::OrderRouteSm sm(watched, view);
     sm.handleInitialized();
-    viewed = std::min(change(12), change(13));
+    f.viewed = std::min(change(), change());
+    viewKeys = view->route().size();
+    return f;
+  };
+
+  double load[3] = {};
+  ::getloadavg(load, 3);
+  std::printf("load average at start: %.2f %.2f %.2f\n", load[0], load[1], load[2]);
+  std::vector<Figures> reps;
+  for (int rep = 0; rep < repetitions; ++rep) reps.push_back(measure());
+  auto med = [&](auto field) {
+    std::vector<double> v;
+    for (const Figures& f : reps) v.push_back(field(f));
+    std::sort(v.begin(), v.end());
+    return std::make_tuple(v[v.size() / 2], v.front(), v.back());
+  };
+  if (repetitions > 1) std::printf("medians of %d repetitions (ratio: min..max)\n", repetitions);
+  std::printf("%-10s %12s %12s %8s   (CPU time)\n", "table sets", "select ns", "lookups ns", "ratio");
+  const int sets[] = {1, 2, 4, 8};
+  for (int i = 0; i < 4; ++i) {
+    const auto [ratio, lo, hi] = med([i](const Figures& f) { return f.ratio[i]; });
+    std::printf("%-10d %12.1f %12.1f %8.2f   (%.2f..%.2f)\n", sets[i],
+                std::get<0>(med([i](const Figures& f) { return f.select[i]; })),
+                std::get<0>(med([i](const Figures& f) { return f.lookups[i]; })), ratio, lo, hi);
   }
-  std::printf("view: change %.0f ns bare, %.0f ns with the ordered view (%.0f ns for the view, %zu keys)\n", bare,
-              viewed, viewed - bare, view->route().size());
+  const double walkMs = std::get<0>(med([](const Figures& f) { return f.walkMs; }));
+  std::printf("walk: %u keys over 4 table sets in %.2f ms, %.2f ms CPU (%.0f ns per key; copying and sorting %.2f ms)\n",
+              visited, walkMs, std::get<0>(med([](const Figures& f) { return f.walkCpuMs; })), walkMs * 1e6 / visited,
+              std::get<0>(med([](const Figures& f) { return f.copyMs; })));
+  const double bare = std::get<0>(med([](const Figures& f) { return f.bare; }));
+  const double viewed = std::get<0>(med([](const Figures& f) { return f.viewed; }));
+  std::printf("view (CPU time): change %.0f ns bare, %.0f ns with the ordered view (%.0f ns for the view, %zu keys)\n", bare,
+              viewed, viewed - bare, viewKeys);
+  ::getloadavg(load, 3);
+  std::printf("load average at end: %.2f %.2f %.2f\n", load[0], load[1], load[2]);
 
   for (auto& w : writers) w->route().front()->cleanup(), w->oifIndexIntf().front()->cleanup();
   std::filesystem::remove_all(root);

@@ -2,7 +2,6 @@
 // allocator over freshly mounted tables in a private shared-memory root.
 #pragma once
 
-#include <sstream>
 #include <string>
 
 #include "mroute/bitmapper/bitmapper_sm.h"
@@ -19,17 +18,6 @@ inline BitMapper::BitMapperKey key(uint32_t n) {
   return BitMapper::BitMapperKey(
       Orvet::IntfId::fromText("Ethernet" + std::to_string(n + 1)),
       Orvet::IpGenAddr::fromText("10.0." + std::to_string(n / 256) + "." + std::to_string(n % 256)));
-}
-
-// The number of a key made by key(); -1 for any other key.
-inline int64_t keyNumber(const BitMapper::BitMapperKey& k) {
-  std::ostringstream os;
-  os << k.intfId();
-  const std::string text = os.str();
-  if (text.rfind("Ethernet", 0) != 0 || text.size() == 8 || text.size() > 13) return -1;
-  if (text.find_first_not_of("0123456789", 8) != std::string::npos) return -1;
-  const int64_t n = std::stoll(text.substr(8)) - 1;
-  return n >= 0 && key(static_cast<uint32_t>(n)) == k ? n : -1;
 }
 
 // A requester's two requests.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <unordered_set>
 
 #include "mroute/bitmapper/brume_status.h"
 #include "mroute/bitmapper/config.h"
@@ -28,8 +27,8 @@ BitMapperKey key(const char* intf, const char* addr) {
 TEST(BitIndexTest, InvalidIndexIsAnOrdinaryValueExceptForIsValid) {
   const BitIndex invalid = BitIndex::invalid();
   EXPECT_EQ(invalid.value(), 65534);
-  EXPECT_EQ(BitIndex().value(), 65535);
-  EXPECT_EQ(BitIndex(), BitIndex::null());
+  EXPECT_EQ(BitIndex().value(), BitIndex::null().value());
+  EXPECT_EQ(BitIndex::null().value(), 65535);
   EXPECT_FALSE(invalid.isValid());
   EXPECT_TRUE(BitIndex::null().isValid());
   EXPECT_TRUE(BitIndex(7).isValid());
@@ -39,7 +38,6 @@ TEST(BitIndexTest, InvalidIndexIsAnOrdinaryValueExceptForIsValid) {
   EXPECT_LT(invalid, BitIndex::null());
   EXPECT_EQ(text(invalid), "65534");
   EXPECT_EQ(BitIndex::fromText("65534"), invalid);
-  EXPECT_NE(invalid.hash(), BitIndex::null().hash());
 }
 
 TEST(RecordsTest, TextFormsRoundTrip) {
@@ -60,8 +58,6 @@ TEST(RecordsTest, TextFormsRoundTrip) {
 TEST(RecordsTest, KeysOrderByInterfaceThenAddressAndRowsDifferInIsNewMapping) {
   EXPECT_LT(key("Ethernet1", "10.0.0.9"), key("Ethernet2", "10.0.0.1"));
   EXPECT_LT(key("Ethernet1", "10.0.0.1"), key("Ethernet1", "10.0.0.2"));
-  std::unordered_set<BitMapperKey> keys{key("Ethernet1", "10.0.0.1"), key("Ethernet1", "10.0.0.1")};
-  EXPECT_EQ(keys.size(), 1u);
   const BitIndexMap row(BitIndex(3), key("Ethernet1", "10.0.0.1"), 1, true);
   BitIndexMap other = row;
   other.isNewMappingIs(false);

@@ -29,8 +29,10 @@ const std::string kPimRed = "routing/multicast/routestatus/red/pim";
 class MfibDirTest : public testing::Test {
  protected:
   void SetUp() override {
+    EXPECT_FALSE(writer.initialized());
     writer.handleInitialized();
-    sink.clear();
+    EXPECT_TRUE(writer.initialized());
+    initTraces = traces();
   }
   Texts traces() {
     Texts t = sink.texts("Mroute::MfibBrume");
@@ -44,22 +46,14 @@ class MfibDirTest : public testing::Test {
   Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
   Kiv::Ptr<MfibBrumeDir> brumeDir = Brume::Multicast::Fib::MfibBrumeDirIs("writer");
   MfibDirWriter writer{"pim", directory, brumeDir, manager};
+  Texts initTraces;
 };
 
-TEST(MfibDirWriterInitTest, InitializingPublishesTheDirectoryWithItsDefaultCollection) {
-  Testing::ShmRootScope root{"mfibdirinit"};
-  Mroute::Loop::EventLoop loop;
-  Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
-  MfibEntityManager manager{loop};
-  Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
-  MfibDirWriter writer("igmp", directory, Brume::Multicast::Fib::MfibBrumeDirIs("w"), manager);
-  EXPECT_FALSE(writer.initialized());
-  writer.handleInitialized();
-  EXPECT_TRUE(writer.initialized());
-  ASSERT_EQ(directory->mfibDir(Kiv::Name("igmp")), writer.mfibDir());
+TEST_F(MfibDirTest, InitializingPublishesTheDirectoryWithItsDefaultCollection) {
+  EXPECT_EQ(initTraces, (Texts{"MfibDirWriter::handleInitialized() for app pim",
+                               "Created directory collection for default vrf default"}));
+  EXPECT_EQ(directory->mfibDir(Kiv::Name("pim")), writer.mfibDir());
   EXPECT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
-  EXPECT_EQ(sink.texts("Mroute::MfibBrume"), (Texts{"MfibDirWriter::handleInitialized() for app igmp",
-                                                    "Created directory collection for default vrf default"}));
 }
 
 TEST_F(MfibDirTest, FirstTableSetOfAVrfCreatesBothCollectionsAndASecondNeither) {
@@ -123,83 +117,35 @@ TEST_F(MfibDirTest, BitMapperStatusIsAnnouncedBesideTheTableSets) {
 }
 
 TEST_F(MfibDirTest, ReaderMountsAnnouncedTableSetsAndDropsWithdrawnOnes) {
-  Kiv::Ptr<Status> pim = writer.doAddBrume(kRed, "pim");
   const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
-  pim->routeIs(route(k, 1));
+  writer.doAddBrume(kRed, "pim")->routeIs(route(k, 1));
   sink.clear();
-
   Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader");
   std::unique_ptr<MfibDirSm> sm = Brume::Multicast::Fib::mfibDirSmFactory(directory, readDir, manager);
   sm->handleMfibDir();
   EXPECT_EQ(traces(), (Texts{"Created Mfib directory pim", "Mounted " + kPimRed,
                              "Created Brumed directory collection for vrf red"}));
-  ASSERT_NE(readDir->brumeColl(kRed), nullptr);
-  ASSERT_TRUE(Testing::runUntil(loop, [&] { return readDir->brumeColl(kRed)->brumeKey(k) != 0; }));
-  EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 1));
-
-  // A second application's table set in red, added while the reader runs.
-  MfibDirWriter igmpWriter("igmp", directory, Brume::Multicast::Fib::MfibBrumeDirIs("igmp"), manager);
-  igmpWriter.handleInitialized();
-  igmpWriter.doAddBrume(kRed, "igmp")->routeIs(route(k, 2));
-  ASSERT_EQ(readDir->brumeColl(kRed)->brumePtr().size(), 2u);
+  ASSERT_TRUE(Testing::runUntil(loop, [&] { return readDir->brumeColl(kRed)->route(k) == route(k, 1); }));
+  // A table set announced while the reader runs, then withdrawn.
+  writer.doAddBrume(kRed, "igmp")->routeIs(route(k, 2));
   EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 2));
-
-  // Its path withdrawn: dropped; the other still answers.
-  igmpWriter.doDelBrume(kRed, "igmp");
+  writer.doDelBrume(kRed, "igmp");
   EXPECT_EQ(readDir->brumeColl(kRed)->brumePtr().size(), 1u);
   EXPECT_EQ(readDir->brumeColl(kRed)->route(k), route(k, 1));
-  sink.clear();
-  // The whole directory of pim goes: its table sets and the VRF collection go.
-  directory->mfibDirDel(Kiv::Name("pim"));
-  EXPECT_EQ(traces(), (Texts{"Deleted Mfib directory pim", "Unmounted " + kPimRed,
-                             "Deleted Brumed directory collection for vrf red"}));
+  // A VRF collection that goes takes its table sets along.
+  writer.doAddBrume(kDefault, "pim");
+  writer.mfibDir()->dirCollDel(kRed);
+  EXPECT_EQ(sm->appDirSm(Kiv::Name("pim"))->mfibColl(kRed), nullptr);
   EXPECT_EQ(readDir->brumeColl(kRed), nullptr);
+  sink.clear();
+  // So does the application's whole directory.
+  directory->mfibDirDel(Kiv::Name("pim"));
+  EXPECT_EQ(traces(), (Texts{"Deleted Mfib directory pim", "Unmounted routing/multicast/routestatus/default/pim",
+                             "Deleted Brumed directory collection for vrf default"}));
   EXPECT_EQ(sm->appDirSm(Kiv::Name("pim")), nullptr);
 }
 
-TEST_F(MfibDirTest, ReaderDropsTheTableSetsOfAVrfCollectionThatGoes) {
-  writer.doAddBrume(kRed, "pim");
-  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader");
-  MfibDirSm sm(directory, readDir, manager);
-  sm.handleMfibDir();
-  const MfibDirSm::AppDirSm* app = sm.appDirSm(Kiv::Name("pim"));
-  ASSERT_NE(app, nullptr);
-  ASSERT_NE(app->mfibColl(kRed), nullptr);
-  EXPECT_NE(app->mfibColl(kRed)->mounted(kPimRed), nullptr);
-  writer.mfibDir()->dirCollDel(kRed);
-  EXPECT_EQ(app->mfibColl(kRed), nullptr);
-  EXPECT_EQ(readDir->brumeColl(kRed), nullptr);
-}
-
-// The IPv6 family: table sets under routing6/..., IPv6 keys, and a reader
-// that follows them and selects among them like IPv4.
-TEST_F(MfibDirTest, Ipv6TableSetsAreAnnouncedFollowedAndSelected) {
-  const Orvet::AddressFamily v6(2);
-  MfibDirWriter pim6("pim6", directory, Brume::Multicast::Fib::MfibBrumeDirIs("pim6"), manager, v6);
-  MfibDirWriter igmp6("igmp6", directory, Brume::Multicast::Fib::MfibBrumeDirIs("igmp6"), manager, v6);
-  pim6.handleInitialized();
-  igmp6.handleInitialized();
-  const IpGenRouteKey k = key("2001:db8::1/128", "ff3e::8000:1/128");
-  const IpGenRouteKey onlyIgmp = key("::/0", "ff3e::8000:2/128");
-  pim6.doAddBrume(kRed, "pim6")->routeIs(route(k, 2));
-  Kiv::Ptr<Status> igmp = igmp6.doAddBrume(kRed, "igmp6");
-  igmp->routeIs(route(k, 1));
-  igmp->routeIs(route(onlyIgmp, 1));
-  EXPECT_TRUE(pim6.mfibDir()->dirColl(kRed)->brumeUrl(Kiv::String("routing6/multicast/routestatus/red/pim6")));
-
-  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader6");
-  MfibDirSm sm(directory, readDir, manager);
-  sm.handleMfibDir();
-  Kiv::Ptr<Brume::Multicast::Fib::MfibBrumeColl> red = readDir->brumeColl(kRed);
-  ASSERT_NE(red, nullptr);
-  ASSERT_TRUE(Testing::runUntil(loop, [&] { return red->routes() == 2; }));
-  EXPECT_EQ(red->route(k), route(k, 2));
-  EXPECT_EQ(red->route(onlyIgmp), route(onlyIgmp, 1));
-  pim6.doDelBrume(kRed, "pim6");
-  EXPECT_EQ(red->route(k), route(k, 1));
-}
-
-TEST(MfibDirSmArgumentTest, NullArgumentsAreRefusedWithTheirTexts) {
+TEST(MfibDirProgrammingErrorTest, NullArgumentsAndUnknownFamiliesAreRefusedWithTheirTexts) {
   Mroute::Loop::EventLoop loop;
   MfibEntityManager manager{loop};
   MfibDirSm sm(Brume::Multicast::Fib::MfibDirDirectoryIs("d"), Brume::Multicast::Fib::MfibBrumeDirIs("b"), manager);
@@ -209,6 +155,10 @@ TEST(MfibDirSmArgumentTest, NullArgumentsAreRefusedWithTheirTexts) {
                     "allowed\"");
   EXPECT_THROW_TEXT(app.appDirIs(nullptr), Kiv::RangeException,
                     "null _appDir parameter to mutator for Brume::Multicast::Fib::MfibDirSm::appDir not allowed\"");
+  using Brume::Multicast::Fib::MfibDir;
+  EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(1)), "routing/multicast/fib");
+  EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
+  EXPECT_ASSERTION(MfibDir::mountPath(Orvet::AddressFamily(7)), "false && \"Unsupported address family\"");
 }
 
 }  // namespace

@@ -36,42 +36,33 @@ class SelectionTest : public testing::Test {
   }
 };
 
-TEST_F(SelectionTest, HigherPriorityWinsAndNextBestIsTheOther) {
+TEST_F(SelectionTest, StrictlyHighestPriorityWinsTiesStayWithTheFirstAndZeroNeverWins) {
+  zero->routeIs(route(k, 0));  // alone, and still no winner
+  EXPECT_EQ(coll->brumeKey(k), 0u);
+  EXPECT_EQ(coll->mfibBrume(k), nullptr);
+  EXPECT_EQ(coll->route(k), Route());
   low->routeIs(route(k, 1));
+  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
   high->routeIs(route(k, 2, 7));
   EXPECT_EQ(coll->brumeKey(k), 2u);
   EXPECT_EQ(coll->mfibBrume(k), high);
   EXPECT_EQ(coll->route(k), route(k, 2, 7));
   EXPECT_EQ(coll->nextBestBrume(2, k), low);
   EXPECT_EQ(coll->nextBestBrume(1, k), high);
-  // The winner withdraws: the next best takes over.
-  high->routeDel(k);
-  EXPECT_EQ(coll->brumeKey(k), 1u);
-  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
-}
-
-TEST_F(SelectionTest, EqualPrioritiesGoToTheFirstInMapOrderAndStayThere) {
+  // A tie goes to the first in map order, and a change of the other at the
+  // same priority does not displace it.
   low->routeIs(route(k, 2));
-  high->routeIs(route(k, 2));
-  uint32_t first = 0;
-  for (const auto& [number, status] : coll->brumePtr()) {
-    if (first == 0 && number != 3) first = number;  // zero has no route
-  }
+  const uint32_t first = coll->brumePtr().begin()->first != 3 ? coll->brumePtr().begin()->first
+                                                               : std::next(coll->brumePtr().begin())->first;
   EXPECT_EQ(coll->brumeKey(k), first);
-  // The other one changes its route at the same priority: no displacement.
   (first == 1 ? high : low)->routeIs(route(k, 2, 5));
   EXPECT_EQ(coll->brumeKey(k), first);
-}
-
-TEST_F(SelectionTest, PriorityZeroNeverWinsEvenAlone) {
-  zero->routeIs(route(k, 0));
-  EXPECT_EQ(coll->brumeKey(k), 0u);
-  EXPECT_EQ(coll->mfibBrume(k), nullptr);
-  EXPECT_EQ(coll->route(k), Route());
-  EXPECT_EQ(coll->nextBestBrume(1, k), nullptr);
+  // The winner withdraws: the next best takes over; an unmounted table set
+  // has no routes and the others still answer.
+  (first == 1 ? low : high)->routeDel(k);
+  EXPECT_EQ(coll->brumeKey(k), 3 - first);
   low->routeIs(route(k, 1));
-  EXPECT_EQ(coll->brumeKey(k), 1u);
-  // An unmounted table set has no routes and the others still answer.
+  high->routeIs(route(k, 2));
   high->unmountTables();
   EXPECT_EQ(coll->brumeKey(k), 1u);
 }

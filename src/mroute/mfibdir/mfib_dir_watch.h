@@ -5,7 +5,10 @@
 // <fib mount path>/<application> ("routing/multicast/fib/pim"). A tree is
 // there while its writer's attribute-log socket file is: a writer that
 // unmounts removes the file, one that is killed leaves it (and its tables)
-// until it restarts and replaces it. The watch follows the fib directory and
+// until it restarts and replaces it, or until its tree's directory is
+// removed. A crash withdraws nothing: only the application's own delete
+// takes a table set out of selection, so forwarding keeps the last routes
+// of an application that died, as the table files outlive it. The watch follows the fib directory and
 // every application's directory in it with inotify; for each tree that
 // appears it mounts a replica MfibDir read-only and enters it into the
 // MfibDirDirectory under the application's name, so that MfibDirSm follows

@@ -46,17 +46,13 @@ void OrderRouteSm::mfibBrumeIs(uint32_t number, const Kiv::Ptr<const Status>& st
 void OrderRouteSm::mfibBrumeDel(uint32_t number) {
   auto it = brumes_.find(number);
   if (it == brumes_.end()) return;
-  const Kiv::Ptr<const Status> status = it->second->notifier();
   brumes_.erase(it);
-  // The keys it held may now have another winner, or none: those it still
-  // shows, and those stored under its number (its tables may be gone).
+  // Any key of the view may have had its winner there, and may now have
+  // another or none. Its tables cannot tell which keys it held: a writer
+  // that deletes its table set removes the files before it withdraws the
+  // path, so a reader may find them empty by now. Every key is selected again.
   std::vector<Routing::Multicast::Fib::IpGenRouteKey> keys;
-  if (status) {
-    for (const Route& r : status->route()) keys.push_back(r.key());
-  }
-  for (const auto& [key, stored] : ordered_->route()) {
-    if (stored == number) keys.push_back(key);
-  }
+  for (const auto& [key, stored] : ordered_->route()) keys.push_back(key);
   for (const auto& key : keys) {
     const uint32_t winner = notifier()->brumeKey(key);
     if (winner == 0) {

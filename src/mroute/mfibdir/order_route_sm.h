@@ -33,7 +33,7 @@ class OrderRouteSm : public MfibBrumeColl::NotifieeConst {
   void handleInitialized();
   // Starts (or replaces) the reactor of table set `number`.
   void mfibBrumeIs(uint32_t number, const Kiv::Ptr<const Status>& status);
-  // Stops it; the keys of the table set that leaves are selected again.
+  // Stops it; every key of the view is selected again (its tables may be gone).
   void mfibBrumeDel(uint32_t number);
   const BrumeSm* mfibBrume(uint32_t number) const;
 

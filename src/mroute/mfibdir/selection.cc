@@ -6,22 +6,25 @@
 
 namespace Brume::Multicast::Fib {
 
-Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip) {
+Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip,
+                     Route* route) {
   Selection best;
   uint8_t bestPriority = 0;
   for (const auto& [number, status] : coll.brumePtr()) {
     if (number == skip && skip != 0) continue;
     if (!status) continue;
-    // find() answers "none" after corruption: the front ran its handler.
-    std::optional<Route> r = status->route().find(key);
-    if (!r) continue;
+    // The front's lookup, as find() makes it but without find()'s second
+    // copy of the route: it answers "none" after corruption, when the
+    // front has run the table's handler.
+    auto* front = status->route().front();
+    if (front == nullptr) continue;
+    const auto stored = front->lookup(key);
     // Strictly greater: a tie keeps the first, and priority 0 never wins.
-    if (r->routePriority().value() > bestPriority) {
-      bestPriority = r->routePriority().value();
-      best.brumeKey = number;
-      best.status = &status;
-      best.route = *r;
-    }
+    if (!stored || stored->value.routePriority().value() <= bestPriority) continue;
+    bestPriority = stored->value.routePriority().value();
+    best.brumeKey = number;
+    best.status = &status;
+    if (route != nullptr) *route = stored->value;
   }
   return best;
 }
@@ -36,7 +39,9 @@ Kiv::Ptr<Status> MfibBrumeColl::mfibBrume(const Routing::Multicast::Fib::IpGenRo
 }
 
 Route MfibBrumeColl::route(const Routing::Multicast::Fib::IpGenRouteKey& key) const {
-  return selectBest(*this, key).route;
+  Route r;
+  selectBest(*this, key, 0, &r);
+  return r;
 }
 
 Kiv::Ptr<Status> MfibBrumeColl::nextBestBrume(uint32_t currBrumeKey,

@@ -18,11 +18,14 @@ namespace Brume::Multicast::Fib {
 struct Selection {
   uint32_t brumeKey = 0;  // 0: no winner
   const Kiv::Ptr<Status>* status = nullptr;
-  Route route;
 };
 
 // Visits coll's table sets in map order, skipping the one numbered `skip`
-// (0 skips none: no table set has that number).
-Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip = 0);
+// (0 skips none: no table set has that number). The winner's route is
+// copied to *route only when it is asked for: the number alone is the
+// common question, and the copy is most of what selection adds to the
+// lookups themselves.
+Selection selectBest(const MfibBrumeColl& coll, const Routing::Multicast::Fib::IpGenRouteKey& key, uint32_t skip = 0,
+                     Route* route = nullptr);
 
 }  // namespace Brume::Multicast::Fib
