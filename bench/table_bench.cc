@@ -18,203 +18,24 @@
 // --benchmark_repetitions=N runs every figure N times and prints medians.
 //
 // Boost and LMDB are optional: without them their columns read "-".
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <map>
-#include <new>
-#include <thread>
-#include <atomic>
-#include <random>
-#include <string>
+#include <tuple>
 #include <unordered_map>
-#include <vector>
 
 #include "mroute/table/engine/brume_reader.h"
 #include "mroute/table/engine/brume_writer.h"
 #include "mroute/table/engine/value_wrapper.h"
-
-#ifdef MROUTE_BENCH_HAVE_BOOST
-#include <boost/interprocess/allocators/allocator.hpp>
-#include <boost/interprocess/managed_shared_memory.hpp>
-#include <boost/interprocess/sync/interprocess_sharable_mutex.hpp>
-#include <boost/interprocess/sync/scoped_lock.hpp>
-#include <boost/interprocess/sync/sharable_lock.hpp>
-#include <boost/unordered_map.hpp>
-#endif
-#ifdef MROUTE_BENCH_HAVE_LMDB
-#include <lmdb.h>
-#endif
+#include "table_bench_shape.h"
 
 namespace {
 
-// ---- The shape -------------------------------------------------------------
-
-struct Key {
-  uint64_t w[6];
-  uint32_t hash() const {
-    uint64_t h = w[0] * 0x9E3779B97F4A7C15ull;
-    for (int i = 1; i < 6; ++i) h = (h ^ w[i]) * 0xff51afd7ed558ccdull;
-    return static_cast<uint32_t>(h ^ (h >> 29) ^ (h >> 47));
-  }
-  friend bool operator==(const Key&, const Key&) = default;
-  friend auto operator<=>(const Key&, const Key&) = default;
-};
-static_assert(sizeof(Key) == 48);
-
-struct Value {
-  Key key;
-  uint64_t payload[15];
-};
-static_assert(sizeof(Value) == 168);
-
-struct KeyHash {
-  size_t operator()(const Key& k) const { return k.hash(); }
-};
-
-// Keys are computed from their index, so that no benchmark pays a cache miss
-// to fetch the key it looks up.
-inline Key makeKey(uint64_t i) {
-  Key k;
-  uint64_t x = i * 0x9E3779B97F4A7C15ull + 0x632BE59BD9B4E019ull;
-  for (int j = 0; j < 6; ++j) {
-    x ^= x >> 31;
-    x *= 0xbf58476d1ce4e5b9ull;
-    k.w[j] = x;
-  }
-  k.w[0] = i;  // distinct keys
-  return k;
-}
-inline Value makeValue(uint64_t i, uint64_t version) {
-  Value v;
-  v.key = makeKey(i);
-  for (int j = 0; j < 15; ++j) v.payload[j] = version + j;
-  return v;
-}
+using namespace TableBench;
 
 using Stored = KivBrume::KivBrumeMapValueWrapper<Value, Key, &Value::key>;
 using Ops = Brume::DefaultOps<Key, Stored>;
 static_assert(sizeof(Stored) + 16 == 184);
-
-using Clock = std::chrono::steady_clock;
-double nsSince(Clock::time_point start, uint64_t ops) {
-  return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / static_cast<double>(ops);
-}
-
-volatile uint64_t gSink;
-
-struct Figures {
-  double lookup = -1, insert = -1, update = -1, remove = -1, iterate = -1;
-  double bytesPerEntry = -1;  // memory in use with every entry present
-  // Reader scaling: lookups/s of all readers, and the writer's updates/s.
-  double lookups1 = -1, lookups2 = -1, writes1 = -1, writes2 = -1;
-};
-
-struct Run {
-  uint32_t n;
-  uint64_t lookups;
-  uint64_t updates;
-  std::vector<uint32_t> order;   // random lookup order
-  std::vector<uint32_t> updateOrder;
-};
-
-Run makeRun(uint32_t n) {
-  Run r{n, n < 100000 ? 4000000ull : 3000000ull, std::min<uint64_t>(n, 200000), {}, {}};
-  if (const char* env = std::getenv("MROUTE_BENCH_LOOKUPS")) r.lookups = std::strtoull(env, nullptr, 10);
-  std::mt19937_64 rng(n);
-  r.order.resize(r.lookups);
-  for (auto& i : r.order) i = static_cast<uint32_t>(rng() % n);
-  r.updateOrder.resize(r.updates);
-  for (auto& i : r.updateOrder) i = static_cast<uint32_t>(rng() % n);
-  return r;
-}
-
-std::string benchDir(const std::string& tag) {
-  const std::string d = "/dev/shm/mroute-bench-" + std::to_string(::getpid()) + "-" + tag;
-  std::filesystem::remove_all(d);
-  std::filesystem::create_directories(d);
-  return d;
-}
-
-// ---- Reader scaling --------------------------------------------------------
-
-// Readers run in forked processes for a fixed time while the parent (the
-// writer) updates entries in place; counts meet in an anonymous shared page.
-constexpr auto kScalingTime = std::chrono::milliseconds(400);
-
-struct ScalingShared {
-  std::atomic<int> ready{0};
-  std::atomic<bool> go{false};
-  std::atomic<bool> stop{false};
-  std::atomic<uint64_t> lookups[2];
-};
-
-// Runs `readers` processes of readerLoop(stop flag) -> lookups made, and
-// writeOne(i) in the parent until they stop. Returns {lookups/s, writes/s}.
-template <typename ReaderLoop, typename WriteOne>
-std::pair<double, double> scaling(int readers, ReaderLoop readerLoop, WriteOne writeOne) {
-  void* mem = ::mmap(nullptr, sizeof(ScalingShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (mem == MAP_FAILED) return {-1, -1};
-  auto* sh = new (mem) ScalingShared();
-  std::vector<pid_t> pids;
-  for (int i = 0; i < readers; ++i) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      sh->lookups[i] = readerLoop(*sh);
-      ::_exit(0);
-    }
-    if (pid > 0) pids.push_back(pid);
-  }
-  while (sh->ready.load() < static_cast<int>(pids.size())) std::this_thread::yield();
-  sh->go = true;
-  const auto start = Clock::now();
-  uint64_t writes = 0;
-  while (Clock::now() - start < kScalingTime) {
-    for (int k = 0; k < 64; ++k) writeOne(writes++);
-  }
-  sh->stop = true;
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  for (pid_t pid : pids) ::waitpid(pid, nullptr, 0);
-  uint64_t total = 0;
-  for (size_t i = 0; i < pids.size(); ++i) total += sh->lookups[i];
-  ::munmap(mem, sizeof(ScalingShared));
-  if (static_cast<int>(pids.size()) != readers) return {-1, -1};
-  return {static_cast<double>(total) / seconds, static_cast<double>(writes) / seconds};
-}
-
-// Lookups in random order until the writer says stop; the count.
-template <typename LookupOne>
-uint64_t readUntilStopped(ScalingShared& sh, const Run& run, LookupOne lookupOne) {
-  ++sh.ready;
-  while (!sh.go.load()) std::this_thread::yield();
-  uint64_t n = 0;
-  for (;;) {
-    for (uint32_t i : run.order) {
-      lookupOne(i);
-      if ((++n & 255) == 0 && sh.stop.load(std::memory_order_relaxed)) return n;
-    }
-  }
-}
-
-// Bytes the files of a table directory occupy (tmpfs pages in use).
-double dirBytes(const std::string& dir) {
-  double bytes = 0;
-  for (const auto& e : std::filesystem::directory_iterator(dir)) {
-    struct stat st {};
-    if (::stat(e.path().c_str(), &st) == 0) bytes += static_cast<double>(st.st_blocks) * 512.0;
-  }
-  return bytes;
-}
 
 // ---- Ours ------------------------------------------------------------------
 
@@ -276,8 +97,10 @@ Figures benchOurs(const Run& run) {
     return n;
   };
   auto writeOne = [&](uint64_t k) { w.write(Stored(makeValue(run.updateOrder[k % run.updates], version++))); };
-  std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
-  std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
+  if (run.scaling) {
+    std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
+    std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
+  }
 
   t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) w.remove(makeKey(i));
@@ -346,203 +169,6 @@ Figures benchStd(const Run& run) {
   gSink = sum;
   return f;
 }
-
-// ---- Boost.Interprocess map under a sharable mutex ---------------------------
-
-#ifdef MROUTE_BENCH_HAVE_BOOST
-namespace bip = boost::interprocess;
-Figures benchBoost(const Run& run) {
-  Figures f;
-  using Segment = bip::managed_shared_memory;
-  using Alloc = bip::allocator<std::pair<const Key, Value>, Segment::segment_manager>;
-  using Map = boost::unordered_map<Key, Value, KeyHash, std::equal_to<Key>, Alloc>;
-  const std::string name = "mroute-bench-boost-" + std::to_string(::getpid());
-  bip::shared_memory_object::remove(name.c_str());
-  {
-    Segment seg(bip::create_only, name.c_str(), size_t{run.n} * 320 + (64u << 20));
-    auto* mutex = seg.construct<bip::interprocess_sharable_mutex>("mutex")();
-    Map* m = seg.construct<Map>("map")(run.n, KeyHash(), std::equal_to<Key>(), Alloc(seg.get_segment_manager()));
-    auto t = Clock::now();
-    for (uint32_t i = 0; i < run.n; ++i) {
-      bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      m->emplace(makeKey(i), makeValue(i, 1));
-    }
-    f.insert = nsSince(t, run.n);
-    f.bytesPerEntry = static_cast<double>(seg.get_size() - seg.get_free_memory()) / run.n;
-    Value out;
-    uint64_t sum = 0;
-    for (uint32_t i = 0; i < run.n; ++i) sum += m->count(makeKey(i));
-    t = Clock::now();
-    for (uint32_t i : run.order) {
-      bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      auto it = m->find(makeKey(i));
-      if (it != m->end()) {
-        out = it->second;
-        sum += out.payload[3];
-      }
-    }
-    f.lookup = nsSince(t, run.lookups);
-    t = Clock::now();
-    uint64_t version = 2;
-    for (uint32_t i : run.updateOrder) {
-      bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      auto it = m->find(makeKey(i));
-      if (it != m->end()) it->second = makeValue(i, version++);
-    }
-    f.update = nsSince(t, run.updates);
-    t = Clock::now();
-    {
-      bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      for (const auto& kv : *m) {
-        out = kv.second;
-        sum += out.payload[0];
-      }
-    }
-    f.iterate = nsSince(t, m->size());
-
-    auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
-      Segment rseg(bip::open_only, name.c_str());
-      auto* rmutex = rseg.find<bip::interprocess_sharable_mutex>("mutex").first;
-      Map* rm = rseg.find<Map>("map").first;
-      if (rmutex == nullptr || rm == nullptr) return 0;
-      Value o;
-      uint64_t s = 0;
-      const uint64_t n = readUntilStopped(sh, run, [&](uint32_t i) {
-        bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*rmutex);
-        auto it = rm->find(makeKey(i));
-        if (it != rm->end()) {
-          o = it->second;
-          s += o.payload[3];
-        }
-      });
-      gSink = s;
-      return n;
-    };
-    auto writeOne = [&](uint64_t k) {
-      const uint32_t i = run.updateOrder[k % run.updates];
-      bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      auto it = m->find(makeKey(i));
-      if (it != m->end()) it->second = makeValue(i, version++);
-    };
-    std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
-    std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
-
-    t = Clock::now();
-    for (uint32_t i = 0; i < run.n; ++i) {
-      bip::scoped_lock<bip::interprocess_sharable_mutex> lock(*mutex);
-      m->erase(makeKey(i));
-    }
-    f.remove = nsSince(t, run.n);
-    gSink = sum;
-  }
-  bip::shared_memory_object::remove(name.c_str());
-  return f;
-}
-#endif
-
-// ---- LMDB --------------------------------------------------------------------
-
-#ifdef MROUTE_BENCH_HAVE_LMDB
-Figures benchLmdb(const Run& run) {
-  Figures f;
-  const std::string dir = benchDir("lmdb");
-  MDB_env* env = nullptr;
-  MDB_dbi dbi;
-  if (mdb_env_create(&env) != 0 || mdb_env_set_mapsize(env, size_t{run.n} * 600 + (64u << 20)) != 0 ||
-      mdb_env_open(env, dir.c_str(), MDB_NOSYNC | MDB_NOMETASYNC | MDB_WRITEMAP, 0640) != 0) {
-    std::fprintf(stderr, "lmdb: cannot open\n");
-    return f;
-  }
-  MDB_txn* txn = nullptr;
-  mdb_txn_begin(env, nullptr, 0, &txn);
-  mdb_dbi_open(txn, nullptr, 0, &dbi);
-  mdb_txn_commit(txn);
-  auto put = [&](uint32_t i, uint64_t version) {
-    Key k = makeKey(i);
-    Value v = makeValue(i, version);
-    MDB_val mk{sizeof k, &k};
-    MDB_val mv{sizeof v, &v};
-    mdb_txn_begin(env, nullptr, 0, &txn);
-    mdb_put(txn, dbi, &mk, &mv, 0);
-    mdb_txn_commit(txn);
-  };
-  auto t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) put(i, 1);
-  f.insert = nsSince(t, run.n);
-  {
-    MDB_envinfo info;
-    MDB_stat st;
-    if (mdb_env_info(env, &info) == 0 && mdb_env_stat(env, &st) == 0) {
-      f.bytesPerEntry = static_cast<double>(info.me_last_pgno + 1) * st.ms_psize / run.n;
-    }
-  }
-
-  MDB_txn* rtxn = nullptr;
-  mdb_txn_begin(env, nullptr, MDB_RDONLY, &rtxn);
-  mdb_txn_reset(rtxn);
-  Value out;
-  uint64_t sum = 0;
-  mdb_txn_renew(rtxn);
-  for (uint32_t i = 0; i < run.n; ++i) {
-    Key k = makeKey(i);
-    MDB_val mk{sizeof k, &k};
-    MDB_val mv;
-    sum += mdb_get(rtxn, dbi, &mk, &mv) == 0;
-  }
-  mdb_txn_reset(rtxn);
-  t = Clock::now();
-  for (uint32_t i : run.order) {
-    Key k = makeKey(i);
-    MDB_val mk{sizeof k, &k};
-    MDB_val mv;
-    mdb_txn_renew(rtxn);
-    if (mdb_get(rtxn, dbi, &mk, &mv) == 0) {
-      std::memcpy(&out, mv.mv_data, sizeof out);
-      sum += out.payload[3];
-    }
-    mdb_txn_reset(rtxn);
-  }
-  f.lookup = nsSince(t, run.lookups);
-
-  t = Clock::now();
-  uint64_t version = 2;
-  for (uint32_t i : run.updateOrder) put(i, version++);
-  f.update = nsSince(t, run.updates);
-
-  t = Clock::now();
-  uint64_t count = 0;
-  {
-    mdb_txn_renew(rtxn);
-    MDB_cursor* cur = nullptr;
-    mdb_cursor_open(rtxn, dbi, &cur);
-    MDB_val mk;
-    MDB_val mv;
-    for (int rc = mdb_cursor_get(cur, &mk, &mv, MDB_FIRST); rc == 0; rc = mdb_cursor_get(cur, &mk, &mv, MDB_NEXT)) {
-      std::memcpy(&out, mv.mv_data, sizeof out);
-      sum += out.payload[0];
-      ++count;
-    }
-    mdb_cursor_close(cur);
-    mdb_txn_reset(rtxn);
-  }
-  f.iterate = nsSince(t, count);
-
-  t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) {
-    Key k = makeKey(i);
-    MDB_val mk{sizeof k, &k};
-    mdb_txn_begin(env, nullptr, 0, &txn);
-    mdb_del(txn, dbi, &mk, nullptr);
-    mdb_txn_commit(txn);
-  }
-  f.remove = nsSince(t, run.n);
-  mdb_txn_abort(rtxn);
-  mdb_env_close(env);
-  gSink = sum;
-  std::filesystem::remove_all(dir);
-  return f;
-}
-#endif
 
 // ---- The floor -----------------------------------------------------------------
 
@@ -647,12 +273,8 @@ int main(int argc, char** argv) {
     for (int rep = 0; rep < repetitions; ++rep) {
       oursReps.push_back(benchOurs(run));
       stdReps.push_back(peers.find("std") != std::string::npos ? benchStd(run) : Figures{});
-#ifdef MROUTE_BENCH_HAVE_BOOST
       boostReps.push_back(peers.find("boost") != std::string::npos ? benchBoost(run) : Figures{});
-#endif
-#ifdef MROUTE_BENCH_HAVE_LMDB
       lmdbReps.push_back(peers.find("lmdb") != std::string::npos ? benchLmdb(run) : Figures{});
-#endif
       floorReps.push_back(benchFloor(run, false));
       floorCopyReps.push_back(benchFloor(run, true));
     }

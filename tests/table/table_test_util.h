@@ -63,6 +63,10 @@ inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
 
 }  // namespace TableTest
 
+#include <gtest/gtest.h>
+
+#include <set>
+
 #include "mroute/table/engine/brume_reader.h"
 #include "mroute/table/engine/brume_writer.h"
 #include "mroute/table/shm/shm_file.h"
@@ -76,6 +80,25 @@ using Reader = Brume::BrumeReader<RecordOps>;
 // lookaside slot.
 constexpr uint32_t kSlotSize = 16 + sizeof(RecordValue);
 constexpr size_t slotOffset(uint32_t i) { return 184 + kSlotSize + size_t{i} * kSlotSize; }
+
+// A fresh reader of the table under root finds exactly the keys [from, to),
+// each at `version` and intact, and an iteration returns each once.
+inline void expectTable(const Mem::RootPath& root, uint64_t from, uint64_t to, uint64_t version) {
+  Reader r(root);
+  ASSERT_TRUE(r.initialize());
+  RecordValue out;
+  for (uint64_t k = from; k < to; ++k) {
+    ASSERT_TRUE(r.lookup(k, out)) << k;
+    EXPECT_EQ(out.value.version, version) << k;
+    EXPECT_TRUE(out.value.check()) << k;
+  }
+  EXPECT_EQ(r.members(), to - from);
+  std::set<uint64_t> seen;
+  for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
+    EXPECT_TRUE(seen.insert(out.value.key).second) << "returned twice: " << out.value.key;
+  }
+  EXPECT_EQ(seen.size(), to - from);
+}
 
 // A read-write mapping of one table file, to corrupt it on purpose.
 class RawFile {

@@ -1,6 +1,13 @@
 #include "table/torture.h"
 
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <cstdio>
+#include <new>
+#include <stdexcept>
 #include <cstdlib>
 #include <random>
 #include <sstream>
@@ -13,46 +20,33 @@
 #include "table/table_test_util.h"
 
 namespace TableTest {
+namespace {
+
+constexpr int kMaxSides = 4;  // the writer and up to three readers
+
+}  // namespace
 
 void TortureStats::add(const TortureStats& o) {
-  lookups += o.lookups;
-  found += o.found;
-  iterations += o.iterations;
-  restarts += o.restarts;
-  lookasideReads += o.lookasideReads;
-  torn += o.torn;
-  wrongKey += o.wrongKey;
-  backwards += o.backwards;
-  lost += o.lost;
-  missed += o.missed;
-  duplicates += o.duplicates;
-  corruption += o.corruption;
-  writes += o.writes;
-  removes += o.removes;
-  slotShrinks += o.slotShrinks;
-  bucketGrows += o.bucketGrows;
-  bucketShrinks += o.bucketShrinks;
-  cycles += o.cycles;
+#define TORTURE_ADD(name) name += o.name;
+  TORTURE_COUNTERS(TORTURE_ADD)
+#undef TORTURE_ADD
 }
 
 std::string TortureStats::summary() const {
   std::ostringstream os;
-  os << "lookups: " << lookups << " found: " << found << " iterations: " << iterations << " restarts: " << restarts
-     << " lookaside reads: " << lookasideReads << " torn reads: " << torn << " wrong keys: " << wrongKey
-     << " backwards: " << backwards << " lost: " << lost << " missed: " << missed << " duplicates: " << duplicates
-     << " corruption: " << corruption << " | writes: " << writes << " removes: " << removes
-     << " slot shrinks: " << slotShrinks << " bucket grows: " << bucketGrows << " bucket shrinks: " << bucketShrinks
-     << " cycles: " << cycles;
+#define TORTURE_PRINT(name) os << #name << ": " << name << " ";
+  TORTURE_COUNTERS(TORTURE_PRINT)
+#undef TORTURE_PRINT
   return os.str();
 }
+
+namespace {
 
 double tortureSeconds(double fallback) {
   const char* env = std::getenv("MROUTE_TORTURE_SECONDS");
   if (env == nullptr || *env == '\0') return fallback;
   return std::strtod(env, nullptr);
 }
-
-namespace {
 
 using Writer = Brume::BrumeWriter<RecordOps>;
 using Reader = Brume::BrumeReader<RecordOps>;
@@ -66,8 +60,6 @@ Brume::TableConfig tortureConfig(const TortureShape& shape) {
   c.shrinkSlots = true;
   return c;
 }
-
-}  // namespace
 
 void runTortureWriter(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
                       std::atomic<bool>& ready, TortureStats& stats) {
@@ -204,6 +196,74 @@ void runTortureReader(const Mem::RootPath& root, const TortureShape& shape, cons
   }
   stats.restarts = r.readerCounters().restarts;
   stats.lookasideReads = r.readerCounters().lookasideReads;
+}
+
+// Lives in a shared anonymous mapping made before any fork.
+struct Shared {
+  std::atomic<bool> stop{false};
+  std::atomic<bool> ready{false};
+  TortureStats stats[kMaxSides];
+};
+
+}  // namespace
+
+TortureStats runTorture(const Mem::RootPath& root, const TortureShape& shape, int readers, bool processes,
+                        double seconds, std::string* failures) {
+  static_assert(std::atomic<bool>::is_always_lock_free);
+  if (readers + 1 > kMaxSides) throw std::invalid_argument("torture: too many readers");
+  void* mem = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (mem == MAP_FAILED) throw std::runtime_error("torture: cannot map the shared counters");
+  auto* shared = new (mem) Shared;
+  std::vector<std::string> raised(readers + 1);
+  // Side 0 is the writer, side i the reader i.
+  auto side = [&](int i) {
+    try {
+      if (i == 0) {
+        runTortureWriter(root, shape, shared->stop, shared->ready, shared->stats[0]);
+      } else {
+        runTortureReader(root, shape, shared->stop, shared->ready, 1000 + i, shared->stats[i]);
+      }
+    } catch (const std::exception& e) {
+      raised[i] = e.what();
+      shared->ready = true;  // readers waiting for a writer that failed
+      return false;
+    }
+    return true;
+  };
+  std::vector<std::thread> threads;
+  std::vector<pid_t> children;
+  for (int i = 0; i <= readers; ++i) {
+    if (!processes) {
+      threads.emplace_back(side, i);
+      continue;
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const bool ok = side(i);
+      if (!ok) std::fprintf(stderr, "torture child: %s\n", raised[i].c_str());
+      ::_exit(ok ? 0 : 1);
+    }
+    if (pid < 0) raised[i] = "fork failed";
+    children.push_back(pid);
+  }
+  std::this_thread::sleep_for(std::chrono::duration<double>(tortureSeconds(seconds)));
+  shared->stop.store(true);
+  for (auto& t : threads) t.join();
+  for (size_t i = 0; i < children.size(); ++i) {
+    int status = 0;
+    if (children[i] > 0 && (::waitpid(children[i], &status, 0) != children[i] || !WIFEXITED(status) ||
+                            WEXITSTATUS(status) != 0)) {
+      raised[i] += "process ended with status " + std::to_string(status);
+    }
+  }
+  TortureStats total;
+  for (int i = 0; i <= readers; ++i) {
+    total.add(shared->stats[i]);
+    if (!raised[i].empty()) *failures += (i == 0 ? "writer: " : "reader: ") + raised[i] + "\n";
+  }
+  shared->~Shared();
+  ::munmap(mem, sizeof(Shared));
+  return total;
 }
 
 }  // namespace TableTest

@@ -1,4 +1,5 @@
-// The churn protocol shared by the process and thread torture tests.
+// The churn protocol of the torture test, run by writer and readers either as
+// threads of one process or as processes.
 //
 // One writer cycles through filling the key space (slot and bucket growth),
 // churning (in-place updates, removals, inserts) and draining (bucket halving,
@@ -14,7 +15,6 @@
 // by hand.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -22,27 +22,16 @@
 
 namespace TableTest {
 
+// Counters: reader side (the first seven are faults), then writer side.
+#define TORTURE_COUNTERS(X)                                                                       \
+  X(torn) X(wrongKey) X(backwards) X(lost) X(missed) X(duplicates) X(corruption) X(lookups)       \
+  X(found) X(iterations) X(restarts) X(lookasideReads) X(writes) X(removes) X(slotShrinks)        \
+  X(bucketGrows) X(bucketShrinks) X(cycles)
+
 struct TortureStats {
-  // Reader side.
-  uint64_t lookups = 0;
-  uint64_t found = 0;
-  uint64_t iterations = 0;
-  uint64_t restarts = 0;
-  uint64_t lookasideReads = 0;
-  uint64_t torn = 0;         // checksum failed
-  uint64_t wrongKey = 0;     // value under another key
-  uint64_t backwards = 0;    // a key's version went back
-  uint64_t lost = 0;         // a lookup did not find a stable key
-  uint64_t missed = 0;       // an iteration did not return a stable key
-  uint64_t duplicates = 0;   // an iteration returned a key twice
-  uint64_t corruption = 0;   // CorruptionDetectedException on sane files
-  // Writer side.
-  uint64_t writes = 0;
-  uint64_t removes = 0;
-  uint64_t slotShrinks = 0;
-  uint64_t bucketGrows = 0;
-  uint64_t bucketShrinks = 0;
-  uint64_t cycles = 0;
+#define TORTURE_FIELD(name) uint64_t name = 0;
+  TORTURE_COUNTERS(TORTURE_FIELD)
+#undef TORTURE_FIELD
 
   uint64_t errors() const { return torn + wrongKey + backwards + lost + missed + duplicates + corruption; }
   void add(const TortureStats& o);
@@ -55,16 +44,11 @@ struct TortureShape {
   uint32_t initialSize = 64;  // slots at creation; growth starts from here
 };
 
-// Seconds to run: MROUTE_TORTURE_SECONDS when set, else `fallback`.
-double tortureSeconds(double fallback);
-
-// Writer: attaches, publishes `ready`, churns until `stop`, then fills
-// `stats`. The table is cleaned up by the caller.
-void runTortureWriter(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
-                      std::atomic<bool>& ready, TortureStats& stats);
-
-// Reader: waits for `ready`, then looks up and iterates until `stop`.
-void runTortureReader(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
-                      const std::atomic<bool>& ready, uint64_t seed, TortureStats& stats);
+// Runs one writer and `readers` readers on a table under `root` for
+// MROUTE_TORTURE_SECONDS (else `seconds`), as threads or as forked
+// processes; returns their counters summed. `failures` receives what any of
+// them raised or how a process ended badly.
+TortureStats runTorture(const Mem::RootPath& root, const TortureShape& shape, int readers, bool processes,
+                        double seconds, std::string* failures);
 
 }  // namespace TableTest

@@ -231,12 +231,7 @@ TEST_F(ReaderCorruption, ChainCycleIsReportedAndMarked) {
   slotOf(keys_[2])->next.init(0, indexOf(keys_[0]));
   RecordValue out;
   EXPECT_TRUE(r_.lookup(keys_[2], out));
-  try {
-    r_.lookup(1000003, out);
-    // The searched key may sort before the chain's entries.
-    if ((RecordOps::hash(1000003) & 63) == 9) ADD_FAILURE() << "cycle not detected";
-  } catch (const Pavo::CorruptionDetectedException&) {
-  }
+  // A key of the bucket sorted after the last entry walks round the cycle.
   uint64_t absent = 0;
   for (uint64_t k = 5000;; ++k) {
     if ((RecordOps::hash(k) & 63) == 9 &&

@@ -1,12 +1,11 @@
 // BrumeWriter: insert/update/remove, growth at the soft maximum, fixed
 // capacity, bucket split and join, slot shrinking with moves and the corral,
 // direct write pairing, attach re-use and re-format, the validator's
-// findings, the writer lock.
+// findings.
 #include "mroute/table/engine/brume_writer.h"
 
 #include <gtest/gtest.h>
 
-#include <set>
 
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
@@ -19,23 +18,10 @@ using namespace TableTest;
 
 class BrumeWriterTest : public ::testing::Test {
  protected:
-  // Every key is found by the writer and by a fresh reader, with its
-  // version, and an iteration returns each exactly once.
+  // The writer and a fresh reader find exactly [from, to) at `version`.
   void expectContents(Writer& w, uint64_t from, uint64_t to, uint64_t version) {
-    Reader r(dir_.root());
-    ASSERT_TRUE(r.initialize());
-    RecordValue out;
-    for (uint64_t k = from; k < to; ++k) {
-      ASSERT_NE(w.lookup(k), nullptr) << k;
-      ASSERT_TRUE(r.lookup(k, out)) << k;
-      EXPECT_EQ(out.value.version, version);
-      EXPECT_TRUE(out.value.check());
-    }
-    std::set<uint64_t> seen;
-    for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
-      EXPECT_TRUE(seen.insert(out.value.key).second) << "returned twice: " << out.value.key;
-    }
-    EXPECT_EQ(seen.size(), to - from);
+    for (uint64_t k = from; k < to; ++k) ASSERT_NE(w.lookup(k), nullptr) << k;
+    expectTable(dir_.root(), from, to, version);
     std::string why;
     EXPECT_TRUE(w.validate(&why)) << why;
   }
@@ -62,20 +48,6 @@ TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
   EXPECT_EQ(w.writerCounters().writes, 1u);
   EXPECT_EQ(w.writerCounters().updates, 1u);
   EXPECT_TRUE(w.validate());
-}
-
-TEST_F(BrumeWriterTest, ChurnLongerThanTheNotificationQueue) {
-  // Many more changes than the queue holds: it prunes and compacts as it
-  // fills, with or without readers connected.
-  Writer w(dir_.root(), config(16));
-  ASSERT_TRUE(w.attach());
-  for (uint64_t i = 0; i < 20000; ++i) {
-    w.write(value(i % 40, i));
-    if (i % 3 == 0) w.remove((i + 7) % 40);
-  }
-  EXPECT_GT(w.sequence(), 20000u);
-  std::string why;
-  EXPECT_TRUE(w.validate(&why)) << why;
 }
 
 TEST_F(BrumeWriterTest, DoublesUpToTheSoftMaximumThenGrowsByATenth) {
@@ -332,16 +304,6 @@ TEST_F(ValidatorFindings, SlotsThatDoNotBelongWhereTheyAre) {
   // An rhash of another bucket.
   slot(1)->rhash ^= 0x80000000u;
   EXPECT_EQ(finding().rfind("Validator::walkOccupiedSlots() slot:1 out of place in bucket:", 0), 0u);
-}
-
-// The lock's release when its process dies is tested with WriterLock itself.
-TEST_F(BrumeWriterTest, WriterLockKeepsASecondWriterOffUntilTheFirstDetaches) {
-  Writer first(dir_.root(), config(8));
-  ASSERT_TRUE(first.attach());
-  Writer second(dir_.root(), config(8));
-  EXPECT_FALSE(second.attach());
-  first.detach();
-  EXPECT_TRUE(second.attach());
 }
 
 }  // namespace

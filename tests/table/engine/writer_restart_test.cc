@@ -19,19 +19,7 @@ using namespace TableTest;
 
 class WriterRestartTest : public ::testing::Test {
  protected:
-  // Every key of [from, to) is there at `version` for a fresh reader, and
-  // nothing else is.
-  void expectExactly(uint64_t from, uint64_t to, uint64_t version) {
-    Reader r(dir_.root());
-    ASSERT_TRUE(r.initialize());
-    RecordValue out;
-    for (uint64_t k = from; k < to; ++k) {
-      ASSERT_TRUE(r.lookup(k, out)) << k;
-      EXPECT_EQ(out.value.version, version) << k;
-      EXPECT_TRUE(out.value.check()) << k;
-    }
-    EXPECT_EQ(r.members(), to - from);
-  }
+  void expectExactly(uint64_t from, uint64_t to, uint64_t version) { expectTable(dir_.root(), from, to, version); }
   // The deep validator's verdict on the files as they lie, without a writer.
   bool validFiles(std::string* why) {
     RawFile slots(dir_.file("slots"));

@@ -6,9 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "mroute/runtime/trace.h"
-#include "mroute/table/queue/conquer_writer.h"
-#include "table/shm/shm_test_dir.h"
 
 namespace {
 
@@ -59,21 +56,6 @@ TEST_F(ConquerFileImage, HeaderChecksReportTheFirstFinding) {
   EXPECT_EQ(check(kFull), "ConquerTable::validate() bad version:6");
   data()[7] = 'X';
   EXPECT_EQ(check(kFull), "ConquerTable::validate() bad magic:0x585143454d555242");
-}
-
-class ConquerFileDirTest : public table_test::ShmDirTest {};
-
-TEST_F(ConquerFileDirTest, WriterValidatesBothFiles) {
-  Brume::ConquerWriter w(dir_, {});
-  ASSERT_TRUE(w.attachConquer(16, 0xE1));
-  Raw raw;
-  openRaw(1, &raw);
-  raw.header().version = 9;
-  Mroute::Trace::CaptureSink sink("Mroute::Brume/0-9");
-  std::string why;
-  EXPECT_FALSE(w.validateFile(&why));
-  EXPECT_EQ(why, "ConquerTable::validate() bad version:9");
-  EXPECT_TRUE(sink.contains("Mroute::Brume", "ConquerWriter::validateFile(): conquer.2 validation failed"));
 }
 
 }  // namespace

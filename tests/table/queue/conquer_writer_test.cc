@@ -168,6 +168,14 @@ TEST_F(QueueTest, CorruptEntriesRaiseCorruption) {
   EXPECT_FALSE(w_->validate(&why));
   EXPECT_EQ(why, "ConquerWriter::validate() slot:5 bad conquer position:0");
   raw.entry(0).slot = 5;
+  // The file that is not current is checked too.
+  Raw other;
+  openRaw(1, &other);
+  other.header().version = 9;
+  EXPECT_FALSE(w_->validateFile(&why));
+  EXPECT_EQ(why, "ConquerTable::validate() bad version:9");
+  EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::validateFile(): conquer.2 validation failed"));
+  other.header().version = 7;
   raw.entry(2).seqLow = 1;
   EXPECT_FALSE(w_->validate(&why));
   EXPECT_EQ(why, "ConquerWriter::validate() position:2 sequence:1 not above:2");

@@ -127,10 +127,22 @@ class BrumeReader {
   // whose reversed index is rb: it picks that bucket with numBuckets, half or
   // twice as many (a resize may be in flight). Compared on reversed bits,
   // where hash mod 2^k is the top k bits, so a chain walk reverses nothing.
-  bool belongs(uint32_t rh, uint32_t rb) const {
-    const uint32_t k = static_cast<uint32_t>(std::countr_zero(numBuckets_));
-    return (rh & topBits(k)) == rb || (k > 0 && (rh & topBits(k - 1)) == rb) ||
-           (numBuckets_ < BucketTable::kMaxBuckets && (rh & topBits(k + 1)) == rb);
+  // The masks are worked out once per count (useNumBuckets()).
+  struct BucketBits {
+    uint32_t own = 0, half = 0, twice = 0;
+    bool belongs(uint32_t rh, uint32_t rb) const {
+      return (rh & own) == rb || (rh & half) == rb || (rh & twice) == rb;
+    }
+  };
+  // Takes n (a power of two, or 0 when detached) as the local bucket count.
+  void useNumBuckets(uint32_t n) {
+    numBuckets_ = n;
+    const uint32_t k = n == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(n));
+    bits_.own = topBits(k);
+    // Where a half or double count does not exist, the own mask stands in:
+    // testing it again changes nothing.
+    bits_.half = k > 0 ? topBits(k - 1) : bits_.own;
+    bits_.twice = n != 0 && n < BucketTable::kMaxBuckets ? topBits(k + 1) : bits_.own;
   }
   // The end marker of bucket b's chain names a bucket that comes later in
   // split order (reversed index greater) and lies within the table. Split
@@ -163,6 +175,9 @@ class BrumeReader {
   BucketReaderTable buckets_;
   uint32_t ember_ = 0;
   uint32_t numBuckets_ = 0;  // local view; 0 while detached
+  // The top log2(numBuckets_) bits, and those of half and twice the count:
+  // the bits of a reversed hash that pick its bucket.
+  BucketBits bits_;
   ReaderCounters counters_;
   void (*afterCountLoad_)(void*) = nullptr;
   void* afterCountLoadContext_ = nullptr;

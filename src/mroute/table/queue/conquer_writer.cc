@@ -16,6 +16,25 @@ namespace {
   throw Pavo::CorruptionDetectedException(os.str());
 }
 
+constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
+
+// The reports of notify() and tombstone(), out of line so that their common
+// path stays free of stream objects.
+[[noreturn, gnu::cold, gnu::noinline]] void positionOutOfRange(const char* who, uint32_t pos, uint32_t max,
+                                                                 uint32_t slot) {
+  std::ostringstream os;
+  os << "ConquerWriter::" << who << " conquer index out-of-range, " << (slot == kNoSlot ? "pos:" : "tomb:") << pos
+     << " max:" << max;
+  if (slot != kNoSlot) os << " slot:" << slot;
+  corrupt(os);
+}
+
+[[noreturn, gnu::cold, gnu::noinline]] void slotMismatch(uint32_t slot, uint32_t pos) {
+  std::ostringstream os;
+  os << "ConquerWriter::tombstone() conquer slot mismatch, slot:" << slot << " index:" << pos;
+  corrupt(os);
+}
+
 const char* tableName(uint32_t t) { return t == 0 ? "primary" : "secondary"; }
 
 }  // namespace
@@ -176,7 +195,9 @@ bool ConquerWriter::reuse() {
   const uint32_t tracked = static_cast<uint32_t>(minCapacity_ / 2);
   for (uint32_t p = 0; p < currentPos_; ++p) {
     const uint32_t slot = entry(p).second;
-    if (slot < tracked) rememberPosition(slot, p);
+    if (slot >= tracked) continue;
+    if (slot >= positions_.size()) growPositions(slot);
+    positions_[slot] = p;
   }
   if (capacityOf(cur_) < minCapacity_ && !growFile(cur_, static_cast<uint32_t>(minCapacity_))) return false;
   return true;
@@ -252,31 +273,33 @@ std::pair<uint64_t, uint32_t> ConquerWriter::entry(uint32_t pos) const {
   return {conquer::loadSequence(e), conquer::loadSlot(e)};
 }
 
-void ConquerWriter::rememberPosition(uint32_t slot, uint32_t pos) {
+void ConquerWriter::growPositions(uint32_t slot) {
   // Grown geometrically: inserts in slot order would otherwise resize (and
   // fill) once per notification.
-  if (slot >= positions_.size()) positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
-  positions_[slot] = pos;
+  positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
 }
 
 uint64_t ConquerWriter::notify(uint32_t slot) {
   MROUTE_ASSERT(attached());
   MROUTE_ASSERT(slot < 0x80000000u);
-  if (currentPos_ >= capacityOf(cur_)) compact(prune());
-  if (position(slot) == kNoPosition) {
+  uint32_t cap = capacityOf(cur_);
+  if (currentPos_ >= cap) [[unlikely]] {
+    compact(prune());
+    cap = capacityOf(cur_);
+  }
+  if (slot >= positions_.size()) [[unlikely]] growPositions(slot);
+  // The slot's previous entry, if any, becomes a tombstone (which cannot
+  // change the capacity).
+  const uint32_t previous = positions_[slot];
+  if (previous == kNoPosition) {
     ++counters_.uniqueNotifications;
   } else {
-    tombstone(slot);
+    tombstoneAt(slot, previous);
   }
-  const uint32_t cap = capacityOf(cur_);
-  if (currentPos_ >= cap) {
-    std::ostringstream os;
-    os << "ConquerWriter::notify() conquer index out-of-range, pos:" << currentPos_ << " max:" << cap;
-    corrupt(os);
-  }
+  if (currentPos_ >= cap) [[unlikely]] positionOutOfRange("notify()", currentPos_, cap, kNoSlot);
   ++sequence_;
   conquer::storeEntry(entryAt(cur_, currentPos_), sequence_, slot);
-  rememberPosition(slot, currentPos_);
+  positions_[slot] = currentPos_;
   ++currentPos_;
   conquer::storeCurrentPos(header(cur_), currentPos_);  // QW1: publishes the entry
   ++counters_.notifications;
@@ -294,19 +317,13 @@ bool ConquerWriter::inCorral(uint64_t seq) const {
 bool ConquerWriter::tombstone(uint32_t slot) {
   MROUTE_ASSERT(attached());
   const uint32_t pos = position(slot);
-  if (pos == kNoPosition) return false;
-  if (pos >= currentPos_) {
-    std::ostringstream os;
-    os << "ConquerWriter::tombstone() conquer index out-of-range, tomb:" << pos << " max:" << currentPos_
-       << " slot:" << slot;
-    corrupt(os);
-  }
+  return pos != kNoPosition && tombstoneAt(slot, pos);
+}
+
+bool ConquerWriter::tombstoneAt(uint32_t slot, uint32_t pos) {
+  if (pos >= currentPos_) [[unlikely]] positionOutOfRange("tombstone()", pos, currentPos_, slot);
   ConquerTable::Entry& e = entryAt(cur_, pos);
-  if (conquer::loadSlot(e) != slot) {
-    std::ostringstream os;
-    os << "ConquerWriter::tombstone() conquer slot mismatch, slot:" << slot << " index:" << pos;
-    corrupt(os);
-  }
+  if (conquer::loadSlot(e) != slot) [[unlikely]] slotMismatch(slot, pos);
   const uint64_t seq = conquer::loadSequence(e);
   if (inCorral(seq)) {
     // A reader catching up over a shrink must see every entry of the corral.

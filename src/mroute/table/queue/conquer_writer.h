@@ -181,7 +181,10 @@ class ConquerWriter {
   bool format(uint32_t t, bool created);
   bool growFile(uint32_t t, uint32_t notifications);
   bool validateEntries(std::string* why) const;
-  void rememberPosition(uint32_t slot, uint32_t pos);
+  // Makes room in positions_ for `slot`.
+  void growPositions(uint32_t slot);
+  // tombstone() of the slot whose live entry is at pos.
+  bool tombstoneAt(uint32_t slot, uint32_t pos);
   bool inCorral(uint64_t seq) const;
   void clearCorral();
   void storeCorral();

@@ -54,7 +54,10 @@ class VersionedRef {
   struct Value {
     uint32_t version;
     uint32_t ref;
-    bool operator==(const Value&) const = default;
+    // One 64-bit compare: the pair has no padding.
+    friend bool operator==(const Value& a, const Value& b) {
+      return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
+    }
   };
 
   VersionedRef() = default;

@@ -35,7 +35,7 @@ bool BrumeReader<Ops>::initialize() {
                 "BucketTable::validate() bad numBuckets:" + std::to_string(n));
   }
   if (!slots_.validate(ember_, &why)) return fail("BrumeReader::initialize() failed to validate slots", why);
-  numBuckets_ = n;
+  useNumBuckets(n);
   MROUTE_TRACE(brumeTrace(), kTraceInfo,
                "BrumeReader::initialize() success " << root_.dir() << " capacity: " << capacity()
                                                     << " emberId: " << ember_);
@@ -50,7 +50,7 @@ void BrumeReader<Ops>::detach() {
   }
   slots_.detach();
   buckets_.detach();
-  numBuckets_ = 0;
+  useNumBuckets(0);
   cursor_.valid = false;
 }
 
@@ -94,7 +94,7 @@ void BrumeReader<Ops>::numBucketsChanged(uint32_t n) {
     os << "BucketReader::doResize() found invalid numBuckets:" << n;
     corrupt(os.str());
   }
-  numBuckets_ = n;
+  useNumBuckets(n);
 }
 
 template <TableOps Ops>
@@ -145,7 +145,7 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
     // Taken after loadNumBuckets(), which may move the mapping.
     const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
     const uint32_t b = h & (numBuckets_ - 1);
-    const uint32_t rb = r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_)));  // bitReverse(b)
+    const uint32_t rb = r & bits_.own;  // bitReverse(b)
     const Mem::VersionedRef& head = bucketOrCorrupt(b);
     const Mem::VersionedRef::Value hv = head.load();
     // R2 + R3.
@@ -179,14 +179,14 @@ bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
           }
           if (rh > r || Ops::less(key, k)) {
             if (!unchanged()) break;
-            if (!belongs(bitReverse(Ops::hash(k)), rb)) {
+            if (!bits_.belongs(bitReverse(Ops::hash(k)), rb)) {
               lookupCorruptKey(k, b);
             }
             return false;
           }
         }
       }
-      if (!belongs(rh, rb)) [[unlikely]] {
+      if (!bits_.belongs(rh, rb)) [[unlikely]] {
         if (!unchanged()) break;
         readSlot(s, out, &rh);
         lookupCorruptKey(Ops::keyOf(out), b);
@@ -236,10 +236,10 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
       }
     }
     cursor_.valid = false;
-    // rb is bitReverse(b) (see belongs()); r's top bits pick the key's bucket.
+    // rb is bitReverse(b) (see BucketBits); r's top bits pick the key's bucket.
     uint32_t rb = resume ? cursor_.bucketRb : 0;
     if (!resume && key != nullptr) {
-      rb = r & topBits(static_cast<uint32_t>(std::countr_zero(numBuckets_)));
+      rb = r & bits_.own;
       b = bitReverse(rb);
     }
     uint32_t visited = 0;
@@ -277,7 +277,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         uint32_t rh;
         const uint32_t st = readSlot(s, out, &rh);
         if ((st & kOccupied) != 0) {
-          if (!belongs(rh, rb)) {
+          if (!bits_.belongs(rh, rb)) {
             if (!unchanged()) {
               restart = true;
               break;
@@ -361,7 +361,7 @@ auto BrumeReader<Ops>::retryOnResize(Op&& op) -> decltype(op()) {
     const uint32_t mappedBuckets = buckets_.mappedBuckets();
     slots_.doResize();
     const uint32_t n = buckets_.header()->numBuckets.load().ref;
-    if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) numBuckets_ = n;
+    if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) useNumBuckets(n);
     if (slotBase == slots_.base() && bucketBase == buckets_.base() && mappedSlots == slots_.mappedSlots() &&
         mappedBuckets == buckets_.mappedBuckets()) {
       throw;

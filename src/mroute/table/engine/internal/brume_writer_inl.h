@@ -49,7 +49,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
     if (!update) return storedAt(f.slot);
     if (ConquerWriter* q = files_.conquer()) q->prefetch(f.slot);
     Slot* s = slots().slot(f.slot);
-    slots().writeBody(s, &v);
+    slots().template writeBodyOf<sizeof(Stored)>(s, &v);
     ++counters_.updates;
     MROUTE_TRACE(brumeTrace(), kTraceDetail,
                  "BrumeWriter::write() existing " << KeyText<Ops>{key} << " bucket:" << f.bucket << " slot:" << f.slot
@@ -60,7 +60,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
   // The find result holds indexes, not pointers, so it survives a growth
   // that moves the mapping.
   const uint32_t slot = allocSlot(bitReverse(hash));
-  slots().writeBody(slots().slot(slot), &v);
+  slots().template writeBodyOf<sizeof(Stored)>(slots().slot(slot), &v);
   linkNew(f, slot);
   MROUTE_TRACE(brumeTrace(), kTraceDetail,
                "BrumeWriter::write() new " << KeyText<Ops>{key} << " bucket:" << f.bucket << " slot:" << slot);

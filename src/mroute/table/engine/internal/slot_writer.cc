@@ -302,24 +302,6 @@ uint32_t SlotWriterTable::shrinkThreshold() const {
   return t;
 }
 
-void SlotWriterTable::writeBody(Slot* s, const void* value) {
-  const uint32_t st = s->status;
-  if ((st & kOccupied) != 0) {
-    Slot* look = lookaside();
-    // W4: no slot has LOOKASIDE set now. The fence orders the previous
-    // update's final status before these stores for a reader that still
-    // copies the lookaside slot on behalf of that update.
-    Mem::releaseFence();
-    storeRelaxed(look->rhash, s->rhash);
-    copyToShared(look->value(), value, params_.valueSize);
-  }
-  storeRelease(s->status, st + kLookaside);
-  // Readers that copy the body below and then re-check the status see the
-  // changed status (fence-to-fence with their acquire fence).
-  Mem::releaseFence();
-  copyToShared(s->value(), value, params_.valueSize);
-  storeRelease(s->status, (st + 2 * kLookaside) | kOccupied);
-}
 
 void SlotWriterTable::beginBodyWrite(Slot* s) {
   const uint32_t st = s->status;

@@ -57,6 +57,18 @@ class WriterHashMap {
     return pos.isBucket ? buckets_.bucket(pos.index) : slots_.slot(pos.index)->next;
   }
 
+  // find()'s reports, out of line so that its frame holds no stream.
+  [[noreturn, gnu::cold, gnu::noinline]] static void chainFault(const char* who, uint32_t count, uint32_t ref) {
+    std::ostringstream os;
+    os << who << " hash chain cycle detected, slotCount:" << count << " slot:" << ref;
+    throw Pavo::CorruptionDetectedException(os.str());
+  }
+  [[noreturn, gnu::cold, gnu::noinline]] static void keyFault(const char* who, uint32_t ref, uint32_t b) {
+    std::ostringstream os;
+    os << who << " corrupt key detected, slot:" << ref << " bucket:" << b;
+    throw Pavo::CorruptionDetectedException(os.str());
+  }
+
   FindResult find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") const {
     const uint32_t numSlots = slots_.numSlots();
     const uint32_t b = bucketOf(hash);
@@ -69,17 +81,9 @@ class WriterHashMap {
     for (;;) {
       const uint32_t ref = link(pos).loadRelaxed().ref;
       if (isEndMarker(ref)) return {false, b, ref, pos};
-      if (ref >= numSlots || ++count > numSlots) {
-        std::ostringstream os;
-        os << who << " hash chain cycle detected, slotCount:" << count << " slot:" << ref;
-        throw Pavo::CorruptionDetectedException(os.str());
-      }
+      if (ref >= numSlots || ++count > numSlots) [[unlikely]] chainFault(who, count, ref);
       const Slot* s = slots_.slot(ref);
-      if (((s->rhash ^ r) & bucketBits) != 0) {
-        std::ostringstream os;
-        os << who << " corrupt key detected, slot:" << ref << " bucket:" << b;
-        throw Pavo::CorruptionDetectedException(os.str());
-      }
+      if (((s->rhash ^ r) & bucketBits) != 0) [[unlikely]] keyFault(who, ref, b);
       if (s->rhash > r) return {false, b, ref, pos};
       if (s->rhash == r) {
         const Key k = Ops::keyOf(stored(s));
