@@ -30,6 +30,8 @@
 #include "mroute/kernel/kernel_mfib_status.h"
 #include "mroute/kernel/mrt_message.h"
 #include "mroute/kernel/mrt_message_type.h"
+#include "mroute/kernel/mrt6_socket_pam.h"
+#include "mroute/kernel/mrt_notify_socket_pam.h"
 #include "mroute/mfibdir/mfib_dir.h"
 #include "mroute/pam/pam.h"
 #include "mroute/route/mfib_status.h"
@@ -80,7 +82,8 @@ using Entities = testing::Types<
     BFib::Status, BFib::BidirStatus, BFib::BidirStatusCtl, BFib::VrfStatus, BFib::MfibDir, BFib::MfibDirColl,
     BFib::MfibBrumeColl, BFib::MfibBrumeDir, BFib::ModalRouteOrderedCollection, BFib::RouteOrderedCollection,
     Routing::KernelMfib::Status, Routing::KernelMfib::StatusColl, Notify::MrtMessage, Notify::NoCacheMessage,
-    Notify::WrongVifMessage, Notify::WholePktMessage, Notify::MrtMessageCounter, Orvet::Pam>;
+    Notify::WrongVifMessage, Notify::WholePktMessage, Notify::MrtMessageCounter, Orvet::Pam, Notify::MrtSocketPam,
+    Notify::MrtNotifySocketPam, Notify::MrtStockSocketPam, Notify::Mrt6SocketPam>;
 TYPED_TEST_SUITE(EntityShape, Entities);
 
 TYPED_TEST(EntityShape, RegisteredOnceByItsQualifiedName) {
@@ -218,6 +221,9 @@ TYPED_TEST(EnumerationShape, EveryLiteralReadsBackEveryWay) {
 const L3::VrfName kRed("red"), kBlue("blue");
 const Orvet::IntfId kEth1 = Orvet::IntfId::fromText("Ethernet1"), kEth2 = Orvet::IntfId::fromText("Ethernet2");
 
+SET_TRAITS(CounterRoutes, Fib::Config, counterRoute, CounterRoute, Fib::IpGenRouteKey,
+           Fib::IpGenRouteKey(Orvet::IpGenPrefix::fromText("10.0.0.0/8"), Orvet::IpGenPrefix::fromText("232.0.0.1/32")),
+           Fib::IpGenRouteKey());
 SET_TRAITS(VrfEnabled, Fib::VrfEnabledStatus, vrf, Vrf, L3::VrfName, kRed, kBlue);
 SET_TRAITS(VrfReady, Fib::ReadyStatus, vrfReady, VrfReady, L3::VrfName, kRed, kBlue);
 SET_TRAITS(BidirEnabled, Fib::BidirStatus, bidirEnabledVrf, BidirEnabledVrf, L3::VrfName, kRed, kBlue);
@@ -243,8 +249,8 @@ class SetCollection : public testing::Test {
   typename T::Recorder rec;
 };
 
-using Sets = testing::Types<VrfEnabled, VrfReady, BidirEnabled, MbrIntfs, VxlanIntfs, LocalSources, SparseVrfs,
-                            PimVlans, AppIntfs, OrderedKeys, BrumeUrls>;
+using Sets = testing::Types<CounterRoutes, VrfEnabled, VrfReady, BidirEnabled, MbrIntfs, VxlanIntfs, LocalSources,
+                            SparseVrfs, PimVlans, AppIntfs, OrderedKeys, BrumeUrls>;
 TYPED_TEST_SUITE(SetCollection, Sets);
 
 TYPED_TEST(SetCollection, SameValueAndAbsentDeleteTellNobody) {
@@ -298,6 +304,7 @@ COUNTER_TRAITS(ClearMfib, Fib::Config, clearMfibCount, ClearMfibCount, uint8_t);
 COUNTER_TRAITS(UpcallsReceived, Notify::MrtMessageCounter, received, Received, uint32_t);
 COUNTER_TRAITS(UpcallsInvalid, Notify::MrtMessageCounter, invalid, Invalid, uint32_t);
 COUNTER_TRAITS(PamRxErrors, Orvet::Pam, rxErrors, RxErrors, uint64_t);
+COUNTER_TRAITS(UpcallsFiltered, Notify::MrtStockSocketPam, rxFiltered, RxFiltered, uint64_t);
 
 template <class T>
 class CounterShape : public testing::Test {
@@ -308,7 +315,7 @@ class CounterShape : public testing::Test {
 };
 
 using Counters = testing::Types<AllocRequests, CounterSize, CounterActive, RequestIds, ResponseIds, WaitForDisabled,
-                                ClearMfib, UpcallsReceived, UpcallsInvalid, PamRxErrors>;
+                                ClearMfib, UpcallsReceived, UpcallsInvalid, PamRxErrors, UpcallsFiltered>;
 TYPED_TEST_SUITE(CounterShape, Counters);
 
 TYPED_TEST(CounterShape, IncAndDecReturnTheNewCountAndNotifyOncePerChange) {

@@ -81,6 +81,21 @@ class TypeCheck(unittest.TestCase):
         self.rejects('entity E\n  counter n: u8\n  check c(n)\n', "check c: 'n' is not a plain attribute")
         self.rejects('entity E\n  check c()\n', 'check needs "name(attribute, ...)"')
         self.rejects('value V\n  table t: u32 -> u32 capacity 1\n', "'table' does not belong in value V")
+        self.rejects('entity E\n  attr a: u8 ctor custom\n', 'no setter to write by hand')
+        self.rejects('entity E\n  state s\n', 'state needs "name: Type"')
+        self.rejects('entity E\n  state s: Nowhere\n', "t.ent:3: unknown type 'Nowhere' of state s")
+
+    def test_base_described_elsewhere(self):
+        # Found by its qualified name; ids count on after the bases' (an empty one between them
+        # included), whose member types the adapter names from the base's own namespace.
+        catalog = self.other('namespace O\nvalue W\nentity Base\n  attr w: W\n  counter n: u8\n')
+        header, source = entitygen.generate('namespace T\nentity Mid : O::Base\nentity E : Mid\n  attr x: u8\n',
+                                            't.ent', 't/t.h', catalog)
+        self.assertIn('#include "o/other.h"', header)
+        self.assertIn('class Mid : public O::Base {', header)
+        self.assertIn('kXId = 260;', header)
+        self.assertIn('Kiv::logScalar<E, O::W, &E::w, &E::wIs>', source)
+        self.rejects('entity E : O::W\n', "t.ent:2: unknown base entity 'O::W'", catalog=catalog)
 
     def test_includes_follow_from_the_types_used(self):
         header, _ = entitygen.generate('namespace T\nentity E\n  attr a: Orvet::IntfId\n  coll c: L3::VrfName -> u8\n',

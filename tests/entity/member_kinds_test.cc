@@ -159,6 +159,22 @@ TEST(BranchTest, InheritedAttributesNotifyTheDerivedNotifiee) {
   EXPECT_EQ(rec.notifier(), branch);
   EXPECT_EQ(Branch::kLengthId, Leaf::kWeightId + 1);
   EXPECT_EQ(Kiv::findType("Sample::Branch"), &Branch::type());
+  // A notifiee of the base hears the base's attributes only.
+  struct LeafRecorder : Leaf::NotifieeConst {
+    void onWeight() override { ++weights; }
+    int weights = 0;
+  } leafRec;
+  leafRec.notifierIs(Kiv::Ptr<const Leaf>(branch));
+  branch->lengthIs(8);
+  branch->weightIs(2);
+  EXPECT_EQ(leafRec.weights, 1);
+  rec.log.clear();
+  // The hand-written setter cuts to reach() and keeps its count in its state.
+  branch->lengthIs(150);
+  branch->lengthIs(100);
+  EXPECT_EQ(branch->length(), 100);
+  EXPECT_EQ(branch->cuts(), Sample::Weight(1));
+  EXPECT_EQ(rec.log, (Log{"length"}));
 }
 
 }  // namespace

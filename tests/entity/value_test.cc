@@ -127,15 +127,4 @@ TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
   EXPECT_EQ(set.size(), 2u);
 }
 
-// The wrappers the generator writes over entity/kiv's enumeration support.
-TEST(GeneratedEnumTest, WrappersReachTheRegisteredLiterals) {
-  EXPECT_EQ(Sample::VolumeInstance(2u), Volume::loud);
-  EXPECT_EQ(Sample::VolumeInstance("quiet"), Volume::quiet);
-  EXPECT_EQ(Sample::valueToStrep(Volume::normal), "'normal'");
-  const char text[] = "on";
-  Sample::Holder::Mode m = Sample::Holder::Mode::off;
-  EXPECT_TRUE(Sample::sequenceToValue(text, text + 2, m));
-  EXPECT_EQ(m, Sample::Holder::Mode::on);
-}
-
 }  // namespace

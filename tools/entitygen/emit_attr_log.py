@@ -4,7 +4,7 @@ its logged attributes (one call per attribute into attr_log_type.h) and the noti
 forward each change to it."""
 
 from emit_common import fill, param
-from model import DescriptionError, cap
+from model import cap
 
 HEADER = 'mroute/entity/replication/kiv_nbo_attr_log_sa.h'
 
@@ -111,26 +111,15 @@ def entry(t, m, enums):
     return 'Kiv::%s<%s, %s::%sMap, %s, &%s::%sIs, %s>(k%sId, "%s")' % (fn, E, E, X, get, E, x, delete, X, x)
 
 
-# The types emitted so far in this run, by name: a derived entity's adapter also covers the attributes
-# of its base, which C++ requires to be declared (so emitted) before it.
-_emitted = {}
-
-
 def logged_members(t):
-    """The members the adapter covers: the base entity's (recursively), then the type's own."""
-    if not t.parent:
-        return list(t.members)
-    base = _emitted.get(t.parent.split('::')[-1])
-    if base is None:
-        raise DescriptionError('line %d: %s: base entity %s must be described before it in the same file' % (
-            t.line, t.name, t.parent))
+    """The members the adapter covers: the base entities' (t.inherited, found by the type check), then
+    the type's own."""
     own = {m.name for m in t.members}
-    return [m for m in logged_members(base) if m.name not in own] + list(t.members)
+    return [m for m in t.inherited if m.name not in own] + list(t.members)
 
 
 def emit_attr_log(ns, t, enums):
     """(member declarations, class declaration, definitions) of the entity's adapter."""
-    _emitted[t.name] = t
     handlers, forwards, attrs = [], [], []
     for m in logged_members(t):
         x, X = m.name, cap(m.name)

@@ -21,7 +21,7 @@ ENTITY_DECL = '''
 {{MOUNT}}{{MEMBERS}}
   void reset();
   bool isDefault() const;
-
+{{PROTECTED}}
  private:{{INIT}}
 {{STORAGE}}
 };
@@ -133,7 +133,8 @@ def emit_scalar(t, m, enums, holes, out):
         return
     else:
         decls.append(fill(SCALAR_DECL, **holes))
-        defs.append(fill(SCALAR_DEF, CHECKS=''.join(' %s;' % c for c in holes['checks']), **holes))
+        if not m.custom:  # a custom setter is hand-written; it stores through Kiv::attrIs as this one does
+            defs.append(fill(SCALAR_DEF, CHECKS=''.join(' %s;' % c for c in holes['checks']), **holes))
         if m.kind == 'counter':
             decls.append(fill(COUNTER_DECL, **holes))
             defs.append(fill(COUNTER_DEF, **holes))
@@ -280,12 +281,15 @@ def emit_entity(ns, t, enums):
     decls.extend(check_decls)
     for declaration, doc in t.methods:
         decls.append('\n' + doc_comment(doc, '  ') + '  %s;' % declaration)
+    protected = ''.join('\n' + doc_comment(doc, '  ') + '  %s;' % declaration for declaration, doc in t.protected_methods)
+    for name, typ, doc, _ in t.state:
+        storage.append(doc_comment(doc, '  ') + '  %s %s_;' % (typ, name))
     log_members, log_class, log_defs = emit_attr_log(ns, t, enums)
     decls.append(log_members)
     base = t.parent or 'Kiv::Entity'
     factory_decl, factory_def = factories(t, by_name, enums)
     decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,
-                IDS='\n'.join(ids), CTOR_PARAMS=params, MOUNT=mount, MEMBERS='\n'.join(decls),
+                IDS='\n'.join(ids), CTOR_PARAMS=params, PROTECTED='\n protected:' + protected + '\n' if protected else '', MOUNT=mount, MEMBERS='\n'.join(decls),
                 INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
                 NOTIFIEE_BASE=('%s::NotifieeConst' % t.parent) if t.parent else 'Kiv::NotifieeConstOf<%s>' % t.name,
                 NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',

@@ -16,6 +16,7 @@ A description (*.ent) holds a namespace and types; the headers it needs follow f
       attr routing: bool = false              # x(), xIs()
       attr size: u32 ctor                     # x() only, set by the constructor
       attr late: bool = false id 263          # an explicit attribute id (ids count on from it)
+      attr enabled: bool = false custom       # x() generated, xIs(v) hand-written (it stores with Kiv::attrIs)
       counter clearMfibCount: u8 = 0          # x(), xIs(), xInc(n) and xDec(n) returning the new value
       const fastdropDefault: bool = true      # static x(); takes an id only
       const prefixGroup: Orvet::IpGenPrefix = "224.0.0.0/4"   # a constant of any value type, read from its text
@@ -30,10 +31,16 @@ A description (*.ent) holds a namespace and types; the headers it needs follow f
       backptr up: Owner                       # a plain pointer: not counted, notified or replicated
       check range(minIndex, size)             # static range(minIndex, size), hand-written, throws to refuse;
                                               # the constructor and minIndexIs/sizeIs call it first
+      method double density() const           # a hand-written operation, declared as written
+      method protected virtual int proto() const   # ... among the protected members
+      state seams: Seams                      # hand-written data held as seams_ for those operations:
+                                              # no id, never notified, logged or registered
       reset routing counterRoute              # what reset()/isDefault() cover
       init configIs("default");               # doInit() body, run by the constructor
     entity Kind : Message                     # inherits Message's attributes; ids count on after them
     entity Alert : Message(Kind::alert)       # ... its constructor gives Message's constructor more than the name
+    entity Socket : Orvet::Pam                # a base described in any description of --src, by any name
+                                              # that resolves from here; ids count on after the base's
 
     enum CounterMode: None packetMode byteMode
     value Pair                                # a value type (no fields: every two are equal)
@@ -73,7 +80,7 @@ from emit_value import emit_value  # noqa: E402
 from emit_word import emit_bounded, emit_flags  # noqa: E402
 from emit_attr_log import HEADER as ATTR_LOG_HEADER  # noqa: E402
 from emit_common import fill  # noqa: E402
-from model import Catalog, DescriptionError, check_types, default_catalog  # noqa: E402
+from model import Catalog, DescriptionError, check_types, default_catalog, inherited_members  # noqa: E402
 from parser import parse  # noqa: E402
 
 __all__ = ['Catalog', 'DescriptionError', 'KNOWN_TYPES', 'generate', 'parse']
@@ -161,6 +168,8 @@ def generate(text, source_name, header_path, catalog=None, path=None):
         catalog.add_known(KNOWN_TYPES)
     catalog.add_description(d)
     used_headers = check_types(d, catalog)
+    for t in d.types:
+        t.inherited = inherited_members(t, catalog)
     ns, types = d.ns, d.types
     enums = enum_names(types)
     decls, infos, funcs, hashes, defs, kiv_defs, registers = [], [], [], [], [], [], []

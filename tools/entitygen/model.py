@@ -6,6 +6,7 @@ as C++ would from the description's namespace outward; an unknown type or a name
 that names the file and line. The includes of a generated header are the headers of the types it uses.
 """
 
+import copy
 import os
 import re
 
@@ -40,6 +41,7 @@ class Member:
         self.capacity = None            # shared tables: initial entries
         self.keyed = None               # record collections: the record's key accessor
         self.ctor = False               # attributes set at construction only
+        self.custom = False             # attributes whose setter is hand-written
         self.valid = False              # references that may not be null
         self.bits = None                # packed value fields: width in bits
 
@@ -54,6 +56,11 @@ class Type:
         self.parent = None  # entity inheritance: the base entity's name
         self.parent_args = None  # ... and what its constructor gets after the name (C++ as written)
         self.methods = []  # hand-written operations: (declaration, comment lines)
+        self.protected_methods = []  # ... that only the type and those derived from it call
+        self.state = []  # hand-written non-attribute data: (name, type, comment lines, line)
+        self.base_type = None  # the base entity's Type once the type check found it, and its namespace
+        self.base_ns = None
+        self.inherited = []  # the bases' members, as inherited_members() gives them
         self.checks = []  # cross-attribute checks: (function, attribute names, comment lines, line)
         self.mount_args = False  # mount paths with a VRF and application
         self.qname, self.bare, self.error = None, False, None  # flags and bounded values
@@ -63,6 +70,13 @@ class Type:
 class Description:
     def __init__(self, path, ns, includes, types, header=None):
         self.path, self.ns, self.includes, self.types, self.header = path, ns, includes, types, header
+
+
+def next_id(t):
+    """The first id after the type's attributes, its bases' included."""
+    if t.members:
+        return t.members[-1].id + 1
+    return next_id(t.base_type) if t.base_type else 258
 
 
 def number_attributes(t, first=258):
@@ -80,8 +94,9 @@ def number_attributes(t, first=258):
 # ---------------------------------------------------------------- catalog
 
 class Entry:
-    def __init__(self, qname, header, kind, where):
+    def __init__(self, qname, header, kind, where, type_=None, ns=None):
         self.qname, self.header, self.kind, self.where = qname, header, kind, where
+        self.type, self.ns = type_, ns  # described types: the Type and its namespace
 
 
 def same_file(a, b):
@@ -96,16 +111,16 @@ class Catalog:
         self.entries = {}
         self.registered = []  # the registry names of the described types
 
-    def add(self, qname, header, kind, where):
+    def add(self, qname, header, kind, where, type_=None, ns=None):
         old = self.entries.get(qname)
         if old is not None and old.header != header and same_file(old.where, where) is False:
             raise DescriptionError('%s: type %s is declared twice (first at %s)' % (where, qname, old.where))
-        self.entries[qname] = Entry(qname, header, kind, where)
+        self.entries[qname] = Entry(qname, header, kind, where, type_, ns)
 
     def add_description(self, d):
         for t in d.types:
             where = '%s:%d' % (d.path, t.line)
-            self.add('%s::%s' % (d.ns, t.name), d.header, t.kind, where)
+            self.add('%s::%s' % (d.ns, t.name), d.header, t.kind, where, t, d.ns)
             self.registered.append(t.qname)
             for e in t.enums:
                 self.add('%s::%s::%s' % (d.ns, t.name, e.name), d.header, 'enum', where)
@@ -148,15 +163,53 @@ def used_types(t):
                 yield m, ptr.group(1) if ptr else name
 
 
+def link_base(t, ns, path, catalog):
+    """Finds the base entity of `t` (in any description) and numbers t's ids on after the base's,
+    recursively; returns the header that declares the base."""
+    if not t.parent:
+        return None
+    found = catalog.resolve(t.parent, scopes_of(ns))
+    if found is None or found.kind != 'entity' or found.type is None:
+        raise DescriptionError('%s:%d: unknown base entity %r' % (path, t.line, t.parent))
+    link_base(found.type, found.ns, found.where.rsplit(':', 1)[0], catalog)
+    t.base_type, t.base_ns = found.type, found.ns
+    number_attributes(t, next_id(found.type))
+    return found.header
+
+
+def inherited_members(t, catalog):
+    """The members of t's bases, base first, with their types named as from anywhere (a base described
+    in another namespace names its types from there)."""
+    base = t.base_type
+    if base is None:
+        return []
+    own = inherited_members(base, catalog)
+    for m in base.members:
+        q = copy.copy(m)
+        for attr in ('type', 'key'):
+            name = getattr(m, attr)
+            found = name and catalog.resolve(name, scopes_of(t.base_ns, base.name))
+            if found:
+                setattr(q, attr, found.qname)
+        own.append(q)
+    return own
+
+
 def check_types(d, catalog):
     """Resolves every used type; returns the headers to include, in first-use order."""
     headers = []
     own = {t.name for t in d.types}
     for t in d.types:
         nested = {e.name for e in t.enums}
-        if t.parent:
-            if t.parent not in own and catalog.resolve(t.parent, scopes_of(d.ns)) is None:
-                raise DescriptionError('%s:%d: unknown base entity %r' % (d.path, t.line, t.parent))
+        base_header = link_base(t, d.ns, d.path, catalog)
+        if base_header and base_header != d.header and base_header not in headers:
+            headers.append(base_header)
+        for name, typ, _, line in t.state:
+            found = catalog.resolve(typ, scopes_of(d.ns, t.name))
+            if found is None:
+                raise DescriptionError('%s:%d: unknown type %r of state %s' % (d.path, line, typ, name))
+            if found.header and found.header != d.header and found.header not in headers:
+                headers.append(found.header)
         for m, name in used_types(t):
             if name in BUILTIN or name in own or name in nested:
                 continue
@@ -166,7 +219,7 @@ def check_types(d, catalog):
             if found.header and found.header != d.header and found.header not in headers:
                 headers.append(found.header)
         # Hand-written methods are C++ as written; the types they name that the catalog knows are included.
-        for declaration, _ in t.methods:
+        for declaration, _ in t.methods + t.protected_methods:
             for name in re.findall(r'[A-Za-z_][\w:]*', declaration):
                 found = catalog.resolve(name, scopes_of(d.ns, t.name))
                 if found and found.header and found.header != d.header and found.header not in headers:

@@ -2,11 +2,11 @@
 
 import re
 
-from model import (UNSIGNED_BITS, DescriptionError, Description, Member, Type, ctype, number_attributes)
+from model import (UNSIGNED_BITS, DescriptionError, Description, Member, Type, ctype, next_id, number_attributes)
 
 MEMBER = re.compile(r'(\w+)\s+(\w+)\s*:\s*(.*)$')
 ALLOWED = {'entity': {'reset', 'init', 'factory', 'mount', 'enum', 'attr', 'counter', 'const', 'coll', 'child',
-                      'table', 'ref', 'backptr', 'method', 'attach', 'check'},
+                      'table', 'ref', 'backptr', 'method', 'attach', 'check', 'state'},
            'value': {'field', 'method'}, 'flags': {'name', 'text'}, 'bounded': {'name', 'error', 'const', 'number'}}
 NAMED_NUMBER = re.compile(r'(const|number)\s+(\w+)(\(\))?\s*=\s*(\w+)(?:\s+test\s+(!?\w+))?$')
 BOUNDED = re.compile(r'(\w+)\s*:\s*(\w+)\s*(?:=\s*(\w+))?\s*(?:(range|max)\s+(\S+))?$')
@@ -15,7 +15,7 @@ SCALAR = re.compile(r'([\w:]+)\s*(?:=\s*(".*"|[^"]+?))?\s*(?:(range|max)\s+(\S+)
 OPTION_WITH_VALUE = re.compile(r'\s+(id|capacity|keyed|bits)\s+(\w+)\s*$')
 # A collection's value: a type name, or a counted reference to an entity.
 VALUE_TYPE = re.compile(r'[\w:]+|Kiv::Ptr<\s*(?:const\s+)?[\w:]+\s*>')
-OPTION_WORD = re.compile(r'\s+(ordered|ctor|valid)\s*$')
+OPTION_WORD = re.compile(r'\s+(ordered|ctor|valid|custom)\s*$')
 
 
 def number(text):
@@ -57,7 +57,7 @@ def parse(text, path='description', header=None):
                     if word != 'entity':
                         raise DescriptionError('only an entity has a base')
                     # "Base" or "Base(argument, ...)": what the base's constructor gets after the name.
-                    m = re.fullmatch(r'(\w+)\s*(?:\((.*)\))?', parent.strip())
+                    m = re.fullmatch(r'([\w:]+)\s*(?:\((.*)\))?', parent.strip())
                     if not m:
                         raise DescriptionError('a base is "Name" or "Name(arguments)"')
                     cur.parent, cur.parent_args = m.group(1), m.group(2)
@@ -86,10 +86,10 @@ def parse(text, path='description', header=None):
         raise DescriptionError('no namespace')
     by_name = {t.name: t for t in types}
     for t in types:
+        # A base in this file numbers on at once; one described elsewhere is numbered by the type check.
         first = 258
         if t.parent in by_name:
-            base = by_name[t.parent]
-            first = (base.members[-1].id + 1) if base.members else 258
+            first = next_id(by_name[t.parent])
         number_attributes(t, first)
         if t.bare and len(t.literals) != 1:
             raise DescriptionError('%s: "text bare" needs exactly one flag' % t.name)
@@ -172,6 +172,13 @@ def parse_member(t, line, doc, line_no):
     if word == 'check':
         parse_check(t, rest.strip(), doc, line_no)
         return
+    if word == 'state':
+        # state name: Type - hand-written data the class holds as name_, for its hand-written methods.
+        m = re.fullmatch(r'(\w+)\s*:\s*([\w:]+)', rest.strip())
+        if not m:
+            raise DescriptionError('state needs "name: Type"')
+        t.state.append((m.group(1), m.group(2), list(doc), line_no))
+        return
     if word == 'enum':
         name, _, lits = rest.partition(':')
         e = Type('enum', name.strip(), [], line_no)
@@ -184,7 +191,7 @@ def parse_member(t, line, doc, line_no):
     kind, name, decl = m.groups()
     decl, options = split_options(decl)
     allowed = {'coll': {'id', 'ordered', 'keyed'}, 'child': {'id', 'ordered'}, 'table': {'id', 'capacity'},
-               'attr': {'id', 'ctor'}, 'counter': {'id'}, 'const': {'id'}, 'ref': {'id', 'valid'},
+               'attr': {'id', 'ctor', 'custom'}, 'counter': {'id'}, 'const': {'id'}, 'ref': {'id', 'valid'},
                'backptr': {'ctor'}, 'field': {'bits'}}[kind]
     for option in options:
         if option not in allowed:
@@ -214,6 +221,9 @@ def parse_member(t, line, doc, line_no):
         member = Member(kind, name, ctype(typ), default, line=line_no)
         member.check = (check, limit)
         member.ctor = 'ctor' in options
+        member.custom = 'custom' in options
+        if member.ctor and member.custom:
+            raise DescriptionError('an attribute set at construction has no setter to write by hand')
         if kind == 'const' and default is None:
             raise DescriptionError('a constant needs "= value"')
         if 'bits' in options:
@@ -230,10 +240,14 @@ def parse_member(t, line, doc, line_no):
 
 
 def parse_method(t, rest, doc):
-    """A hand-written operation: its declaration goes into the class as written."""
-    if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?', rest.strip()):
-        raise DescriptionError('method needs a C++ declaration "Type name(params) [const]"')
-    t.methods.append((rest.strip(), list(doc)))
+    """A hand-written operation: its declaration goes into the class as written; "method protected ..."
+    puts it among the protected members, for the type and the entities derived from it."""
+    protected, declaration = False, rest.strip()
+    if declaration.startswith('protected '):
+        protected, declaration = True, declaration[len('protected '):].strip()
+    if not re.fullmatch(r'[\w:<>&*, ]+\s+(\w+)\(.*\)(\s*const)?(\s*override)?', declaration):
+        raise DescriptionError('method needs a C++ declaration "Type name(params) [const] [override]"')
+    (t.protected_methods if protected else t.methods).append((declaration, list(doc)))
 
 
 CHECK = re.compile(r'(\w+)\s*\(\s*(\w+(?:\s*,\s*\w+)*)\s*\)$')

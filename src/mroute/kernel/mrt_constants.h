@@ -18,6 +18,10 @@ inline constexpr int MRT_NOTIFY_INIT = 211;
 inline constexpr int MRT_NOTIFY_ENABLE = 213;
 inline constexpr int MRT_NOTIFY_DISABLE = 214;
 
+// The stock kernel's MRT_INIT: setsockopt(fd, IPPROTO_IP, MRT_INIT, int 1)
+// makes this socket the owner of the namespace's multicast routing table.
+inline constexpr int kMrtInit = 200;
+
 // Upcall message types (byte 8 of an upcall).
 inline constexpr int kIgmpMsgNoCache = 1;
 inline constexpr int kIgmpMsgWrongVif = 2;

@@ -50,10 +50,8 @@ void MrtNotifySm::rxPkt() {
   uint32_t count = 0;
   while (now_() < deadline) {
     // The packet that started the pass, then straight from the socket.
-    MrtSocketPam::Rx rx = pam->rxPktHolder()
-                              ? MrtSocketPam::Rx{MrtSocketPam::RxStatus::packet, pam->rxPktTake()}
-                              : pam->receive();
-    if (rx.status == MrtSocketPam::RxStatus::skipped) continue;  // filtered or empty: read on
+    MrtRx rx = pam->rxPktHolder() ? MrtRx{MrtRxStatus::packet, pam->rxPktTake()} : pam->receive();
+    if (rx.status == MrtRxStatus::skipped) continue;  // filtered or empty: read on
     Kiv::Ptr<Orvet::Pkt> pkt = std::move(rx.pkt);
     if (!pkt) {
       MROUTE_TRACE(fac(), 1, "RX: Error - No Packet");

@@ -29,9 +29,7 @@ TEST(PimIntfTest, NewInterfaceHoldsOneReferenceAndBackPointers) {
 }
 
 TEST(PimIntfTest, PrefixGroupIsAConstant) {
-  std::ostringstream os;
-  os << PrefixRouteInfo::prefixGroup();
-  EXPECT_EQ(os.str(), "224.0.0.0/4");
+  EXPECT_EQ(Kiv::textOf(PrefixRouteInfo::prefixGroup()), "224.0.0.0/4");
   EXPECT_EQ(PrefixRouteInfo::kPrefixGroupId, 260);
 }
 

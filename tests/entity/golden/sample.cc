@@ -299,7 +299,6 @@ const Kiv::TypeRecord& Branch::type() {
   return record;
 }
 
-void Branch::lengthIs(uint16_t v) { Kiv::attrIs<NotifieeConst>(*this, kLengthId, length_, v, &NotifieeConst::onLength); }
 
 void Branch::reset() {
 }

@@ -462,7 +462,8 @@ struct std::hash<Sample::Entry> {
 
 namespace Sample {
 
-// A Leaf with more: its attributes count on after Leaf's.
+// A Leaf with more: its attributes count on after Leaf's. Its setter of
+// length is hand-written: it cuts a length beyond reach() and counts the cuts.
 class Branch : public Leaf {
  public:
   static constexpr Kiv::AttrId kLengthId = 259;
@@ -477,6 +478,8 @@ class Branch : public Leaf {
   uint16_t length() const { return length_; }
   void lengthIs(uint16_t v);
 
+  Weight cuts() const;
+
   // Replication over an attribute log: the adapter of this entity on `out`.
   class KivNboAttrLogSa;
   Kiv::Ptr<Kiv::Entity::KivNboAttrLogSa> kivNboAttrLogSaIs(uint32_t notifieeBits, uint32_t connectionId,
@@ -486,8 +489,14 @@ class Branch : public Leaf {
   void reset();
   bool isDefault() const;
 
+ protected:
+  // The longest length; a derived branch may reach further.
+  virtual uint16_t reach() const;
+
  private:
   uint16_t length_ = 3;
+  // How many lengths the setter cut; held, never logged or notified.
+  Weight cuts_;
 };
 
 class Branch::NotifieeConst : public Leaf::NotifieeConst {

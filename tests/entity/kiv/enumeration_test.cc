@@ -24,33 +24,20 @@ namespace {
 
 using KivTest::Shade;
 
-TEST(EnumerationTest, InstanceByValueAndByLiteral) {
-  EXPECT_EQ(Kiv::enumInstance<Shade>(0u), Shade::None);
-  EXPECT_EQ(Kiv::enumInstance<Shade>("dark"), Shade::dark);
+// The literal functions of every generated enumeration are checked over all
+// of them in the conformance suite; here what that suite does not reach.
+TEST(EnumerationTest, ErrorsNameTheTypeAndNumbersWithoutLiteralPrintAsNumbers) {
   EXPECT_THROW_TEXT(Kiv::enumInstance<Shade>(3u), Kiv::RangeException, "KivTest::Shade::value 3 > 2 not allowed");
   EXPECT_THROW_TEXT(Kiv::enumInstance<Shade>("Dark"), Kiv::RangeException, "KivTest::Shade has no literal 'Dark'");
-}
-
-TEST(EnumerationTest, LiteralStrepAndStream) {
-  EXPECT_EQ(Kiv::enumLiteral(Shade::light), "light");
-  EXPECT_EQ(Kiv::enumStrep(Shade::None), "'None'");
   std::ostringstream os;
   Kiv::writeEnum(os, Shade::dark);
-  Kiv::writeEnum(os, static_cast<Shade>(9));  // no literal: the number
+  Kiv::writeEnum(os, static_cast<Shade>(9));
   EXPECT_EQ(os.str(), "dark9");
-}
-
-TEST(EnumerationTest, SequenceToValueTakesBareOrQuotedLiteral) {
   Shade s = Shade::None;
-  std::string text = "'light'";
-  EXPECT_TRUE(Kiv::enumFromSequence(text.data(), text.data() + text.size(), s));
-  EXPECT_EQ(s, Shade::light);
-  text = "dark";
-  EXPECT_TRUE(Kiv::enumFromSequence(text.data(), text.data() + text.size(), s));
+  const std::string bare = "dark";  // unquoted, as a sequence may hold it
+  EXPECT_TRUE(Kiv::enumFromSequence(bare.data(), bare.data() + bare.size(), s));
   EXPECT_EQ(s, Shade::dark);
-  text = "darker";
-  EXPECT_FALSE(Kiv::enumFromSequence(text.data(), text.data() + text.size(), s));
-  EXPECT_EQ(s, Shade::dark);
+  EXPECT_EQ(Kiv::findType("KivTest::Shade")->literal(3u), nullptr);
 }
 
 TEST(EnumerationTest, TextTraitsRoundTripAndUnknownLiteral) {
@@ -62,14 +49,6 @@ TEST(EnumerationTest, TextTraitsRoundTripAndUnknownLiteral) {
   Kiv::ValueReader r("Value('KivTest::Box', ** {'shade': 'pale'})", "KivTest::Box");
   EXPECT_THROW_TEXT(r.field<Shade>("shade"), Kiv::DeserializationException,
                     "shade: KivTest::Shade has no literal ''pale''");
-}
-
-TEST(EnumerationTest, RegistryHoldsLiteralsInValueOrder) {
-  const Kiv::TypeRecord* rec = Kiv::findType("KivTest::Shade");
-  ASSERT_NE(rec, nullptr);
-  ASSERT_EQ(rec->literals.size(), 3u);
-  EXPECT_EQ(rec->literals[2].name, "dark");
-  EXPECT_EQ(rec->literal(3u), nullptr);
 }
 
 TEST(EnumerationTest, LiteralsMustCountFromZero) {

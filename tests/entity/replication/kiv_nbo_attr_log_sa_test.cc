@@ -24,12 +24,6 @@ using Routing::Multicast::Fib::Config;
 using Routing::Multicast::Fib::IpGenRouteKey;
 using Testing::runUntil;
 
-std::string text(const IpGenRouteKey& k) {
-  std::ostringstream os;
-  os << k;
-  return os.str();
-}
-
 IpGenRouteKey key(const std::string& g) {
   return Routing::Multicast::Fib::makeRouteKeyMroute(Orvet::Prefix::fromText("0.0.0.0/0"), Orvet::Prefix::fromText(g.c_str()));
 }
@@ -39,7 +33,7 @@ class Seen : public Config::Notifiee {
  public:
   void onRouting() override { log.push_back("routing"); }
   void onMaxFastdrops() override { log.push_back("maxFastdrops " + std::to_string(notifier()->maxFastdrops())); }
-  void onCounterRoute(const IpGenRouteKey& k) override { log.push_back("counterRoute " + text(k)); }
+  void onCounterRoute(const IpGenRouteKey& k) override { log.push_back("counterRoute " + Kiv::textOf(k)); }
   using Config::NotifieeConst::onCounterRoute;
   std::vector<std::string> log;
 };
@@ -109,7 +103,7 @@ TEST_F(AttrLogSaTest, ChangesGoOutOnceAndOnlyWhenTheyChange) {
   EXPECT_EQ(reader->maxFastdrops(), 7u);
   EXPECT_TRUE(reader->counterRoute(key("239.1.1.1")));
   EXPECT_EQ(reader->multipathControl(), Config::MultipathControl::multipathNone);
-  EXPECT_EQ(seen.log, (std::vector<std::string>{"maxFastdrops 7", "counterRoute " + text(key("239.1.1.1"))}));
+  EXPECT_EQ(seen.log, (std::vector<std::string>{"maxFastdrops 7", "counterRoute " + Kiv::textOf(key("239.1.1.1"))}));
   EXPECT_EQ(sa->flowOut(), nullptr);  // never blocked: no flow-out was made
 }
 
@@ -130,7 +124,8 @@ TEST_F(AttrLogSaTest, BlockedChangesAreSentOnceInAttributeOrderWithTheLastValue)
   in->readingIs(true);
   ASSERT_TRUE(settle());
   EXPECT_EQ(sent, (std::vector<AttrId>{258, 262, 264, 264, 266}));
-  EXPECT_EQ(seen.log, (std::vector<std::string>{"routing", "maxFastdrops 100", "counterRoute " + text(key("239.1.1.1"))}));
+  EXPECT_EQ(seen.log, (std::vector<std::string>{"routing", "maxFastdrops 100",
+                                               "counterRoute " + Kiv::textOf(key("239.1.1.1"))}));
   EXPECT_FALSE(reader->counterRoute(key("239.1.1.1")));
   EXPECT_TRUE(reader->counterRoute().count(key("239.1.1.1")));
   EXPECT_FALSE(reader->counterRoute().count(key("239.1.1.2")));  // sent as a deletion: never seen
@@ -206,11 +201,11 @@ TEST_F(AttrLogSaTest, ResynchronisationKeepsExactlyTheResentMembers) {
   EXPECT_EQ(reader->counterRoute().size(), 4u);  // nothing goes before the mode leaves 2
   readerSa->syncModeIs(0);
   std::vector<std::string> keys;
-  for (const auto& [k, v] : reader->counterRoute()) keys.push_back(text(k));
+  for (const auto& [k, v] : reader->counterRoute()) keys.push_back(Kiv::textOf(k));
   std::sort(keys.begin(), keys.end());
-  EXPECT_EQ(keys, (std::vector<std::string>{text(key("239.0.0.2")), text(key("239.0.0.4"))}));
+  EXPECT_EQ(keys, (std::vector<std::string>{Kiv::textOf(key("239.0.0.2")), Kiv::textOf(key("239.0.0.4"))}));
   // Notifiees heard the deletions; nothing went back.
-  EXPECT_EQ(std::count(seen.log.begin(), seen.log.end(), "counterRoute " + text(key("239.0.0.1"))), 1);
+  EXPECT_EQ(std::count(seen.log.begin(), seen.log.end(), "counterRoute " + Kiv::textOf(key("239.0.0.1"))), 1);
   EXPECT_EQ(in->recordsSent(), 0u);
 }
 

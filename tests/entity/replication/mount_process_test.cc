@@ -39,13 +39,6 @@ constexpr int kChanges = 300000;
 #endif
 namespace Hw = Routing::Multicast::Fib::Hardware;
 
-template <class T>
-std::string text(const T& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
-
 // The whole tree as text, in a fixed order.
 std::string digest(const VrfConfig& v) {
   std::ostringstream os;
@@ -55,7 +48,7 @@ std::string digest(const VrfConfig& v) {
   for (const auto& [name, c] : configs) {
     os << "config " << name << ' ' << c->routing() << ' ' << c->maxFastdrops() << ' ' << c->fastdrop() << '\n';
     std::map<std::string, bool> routes;
-    for (const auto& [k, on] : c->counterRoute()) routes[text(k)] = on;
+    for (const auto& [k, on] : c->counterRoute()) routes[Kiv::textOf(k)] = on;
     for (const auto& [k, on] : routes) os << "  route " << k << ' ' << on << '\n';
   }
   std::map<std::string, bool> intfs;
@@ -68,16 +61,16 @@ std::string digest(const Hw::Status& s) {
   std::ostringstream os;
   os << "hw " << s.hwRouting() << ' ' << +s.pollingInterval() << ' ' << s.routeLimit() << ' ' << s.anyDirtyLag() << '\n';
   std::map<std::string, uint32_t> lags;
-  for (const auto& [k, n] : s.dirtyLag()) lags[text(k)] = n;
+  for (const auto& [k, n] : s.dirtyLag()) lags[Kiv::textOf(k)] = n;
   for (const auto& [k, n] : lags) os << "lag " << k << ' ' << n << '\n';
   std::map<std::string, Kiv::Ptr<Hw::VrfStatus>> vrfs;
-  for (const auto& [k, v] : s.vrfStatus()) vrfs[text(k)] = v;
+  for (const auto& [k, v] : s.vrfStatus()) vrfs[Kiv::textOf(k)] = v;
   for (const auto& [name, v] : vrfs) {
     os << "vrf " << name << ' ' << v->fastdropCount() << '\n';
     std::map<std::string, Kiv::Ptr<Hw::RouteStatus>> routes;
-    for (const auto& [k, r] : v->route()) routes[text(k)] = r;
+    for (const auto& [k, r] : v->route()) routes[Kiv::textOf(k)] = r;
     for (const auto& [k, r] : routes) {
-      os << "  route " << k << ' ' << text(r->key()) << ' ' << text(r->hwFlags()) << ' ' << r->lastPollTime() << ' '
+      os << "  route " << k << ' ' << Kiv::textOf(r->key()) << ' ' << Kiv::textOf(r->hwFlags()) << ' ' << r->lastPollTime() << ' '
          << r->fastdropLastPollTime().size() << '\n';
     }
   }
@@ -89,15 +82,15 @@ class LagMirror : public Hw::Status::Notifiee {
  public:
   void onDirtyLag(const Orvet::IntfId& k) override {
     if (notifier()->dirtyLag().count(k)) {
-      lags[text(k)] = notifier()->dirtyLag(k);
+      lags[Kiv::textOf(k)] = notifier()->dirtyLag(k);
     } else {
-      lags.erase(text(k));
+      lags.erase(Kiv::textOf(k));
     }
   }
   using Hw::Status::NotifieeConst::onDirtyLag;
   bool matches(const Hw::Status& s) const {
     std::map<std::string, uint32_t> now;
-    for (const auto& [k, n] : s.dirtyLag()) now[text(k)] = n;
+    for (const auto& [k, n] : s.dirtyLag()) now[Kiv::textOf(k)] = n;
     return now == lags;
   }
   std::map<std::string, uint32_t> lags;

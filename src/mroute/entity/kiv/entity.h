@@ -143,11 +143,15 @@ class Entity : public PtrInterface {
   NotifieeList& notifieeList() const { return notifiees_; }
 
   // Every notification of every entity goes through here: `each` is called
-  // with every notifiee, as N&, when the list is not empty.
+  // with every notifiee that is an N, as N&, when the list is not empty. A
+  // derived entity may hold notifiees of its base type: they hear the base's
+  // attributes, and are passed over for the attributes the derived type adds.
   template <class N, class F>
   void notify(AttrId id, F&& each) const {
     if (notifiees_.empty()) return;
-    notifiees_.deliver(id, [&](NotifieeBase& n) { each(static_cast<N&>(n)); });
+    notifiees_.deliver(id, [&](NotifieeBase& n) {
+      if (N* typed = dynamic_cast<N*>(&n)) each(*typed);
+    });
   }
 
  protected:

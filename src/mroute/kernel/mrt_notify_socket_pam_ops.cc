@@ -1,13 +1,15 @@
+// The hand-written operations of MrtNotifySocketPam: registering with the
+// device kernel and switching upcall kinds one by one.
 #include "mroute/kernel/mrt_notify_socket_pam.h"
 
 #include <netinet/in.h>
 
 #include <string>
 
+#include "mroute/runtime/error.h"
+
 namespace Routing::Multicast::Notify {
 namespace {
-
-const char* const kType = "Routing::Multicast::Notify::MrtNotifySocketPam";
 
 const char* optionContext(MrtNotifyOption bit) {
   switch (bit) {
@@ -24,12 +26,11 @@ const char* optionContext(MrtNotifyOption bit) {
 
 }  // namespace
 
-MrtNotifySocketPam::MrtNotifySocketPam(const Kiv::Name& name) : MrtSocketPam(name, kType) {}
-
-const Kiv::TypeRecord& MrtNotifySocketPam::fwkType() const {
-  static const Kiv::TypeRecord& type = Kiv::registerType(kType, Kiv::TypeKind::entity);
-  return type;
+Kiv::Ptr<MrtNotifySocketPam> MrtNotifySocketPam::MrtNotifySocketPamIs(const Kiv::Name& name) {
+  return new MrtNotifySocketPam(name);
 }
+
+int MrtNotifySocketPam::socketProtocol() const { return IPPROTO_RAW; }
 
 void MrtNotifySocketPam::registerUpcalls(int fd, std::string_view op, std::string_view arg) {
   // The same context for every step, as the agents' logs have always read.
@@ -42,23 +43,12 @@ void MrtNotifySocketPam::registerUpcalls(int fd, std::string_view op, std::strin
   }
 }
 
-void MrtNotifySocketPam::optionsIs(uint32_t newOptions) {
-  constexpr std::string_view op = "optionsIs(uint32_t)";
-  const std::string arg = std::to_string(newOptions);
-  trace(9, op, arg, "");
-  if (!enabled()) {
-    optionsStore(newOptions);
-    return;
-  }
-  uint32_t changed = traceOptionChange(op, arg, newOptions);
-  if (changed == 0) return;
-  int fd = fileDesc()->descriptor();
+void MrtNotifySocketPam::switchKinds(int fd, uint32_t changed) {
   for (const MrtOptionKind& k : kMrtOptionKinds) {
     if (!(changed & k.bit)) continue;
     int option = (options() & k.bit) ? MRT_NOTIFY_DISABLE : MRT_NOTIFY_ENABLE;
     if (int err = setIntOption(fd, option, k.kind)) throw Mroute::ErrnoException(optionContext(k.bit), err);
   }
-  optionsStore(newOptions);
 }
 
 }  // namespace Routing::Multicast::Notify

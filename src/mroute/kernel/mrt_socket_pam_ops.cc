@@ -1,3 +1,5 @@
+// The hand-written operations of MrtSocketPam: opening, registering and
+// closing the socket, changing the upcall kinds, and the receive path.
 #include "mroute/kernel/mrt_socket_pam.h"
 
 #include <netinet/in.h>
@@ -26,31 +28,44 @@ std::string hex(uint32_t v) {
 
 std::string systemMessage(int err) { return Mroute::ErrnoException("", err).what() + 2; }
 
+// Stops watching the descriptor, then closes it, so that the loop never sees
+// a closed descriptor.
+void closeWatched(MrtSys& sys, const Kiv::Ptr<Orvet::FileDesc>& fileDesc, Kiv::Ptr<Orvet::PamFdSm>& fdSm) {
+  fdSm = nullptr;
+  sys.close(fileDesc->descriptor());
+  fileDesc->descriptorIs(-1);
+}
+
+const Mroute::Trace::Facility& fac() {
+  static const Mroute::Trace::Facility& f = Mroute::Trace::facility("Mroute::MrtPam");
+  return f;
+}
+
 }  // namespace
 
-MrtSocketPam::MrtSocketPam(const Kiv::Name& name, std::string typeName)
-    : Orvet::Pam(name),
-      typeName_(std::move(typeName)),
-      facility_(Mroute::Trace::facility("Mroute::MrtPam")),
-      sys_(&MrtSys::real()),
-      pktManager_(&Orvet::PktManager::global()),
-      rxFlags_(MSG_DONTWAIT) {}
+MrtSys& MrtSocketPam::sys() const { return *seams_.sys; }
+void MrtSocketPam::sysIs(MrtSys& sys) { seams_.sys = &sys; }
+Orvet::PktManager& MrtSocketPam::pktManager() const { return *seams_.pktManager; }
+void MrtSocketPam::pktManagerIs(Orvet::PktManager& mgr) { seams_.pktManager = &mgr; }
 
-MrtSocketPam::~MrtSocketPam() {
+void MrtSocketPam::onZeroReferences() {
   handleCleanup();
   fdSm_ = nullptr;
   fileDesc_ = nullptr;
+  Orvet::Pam::onZeroReferences();
 }
 
+bool MrtSocketPam::tracing(int level) const { return fac().enabled(level); }
+
 void MrtSocketPam::trace(int level, std::string_view op, std::string_view arg, std::string_view text) const {
-  MROUTE_TRACE(facility_, level,
-               "void " << typeName_ << "::" << op << '(' << arg << ") NS:" << netNs_
+  MROUTE_TRACE(fac(), level,
+               "void " << fwkType().name << "::" << op << '(' << arg << ") NS:" << netNs_
                        << (text.empty() ? "" : " ") << text);
 }
 
 void MrtSocketPam::netNsIs(const Orvet::NamespaceName& ns) {
   if (ns == netNs_) return;
-  netNs_ = ns;
+  Kiv::attrIs<NotifieeConst>(*this, kNetNsId, netNs_, ns, &NotifieeConst::onNetNs);
   handleNetNs();
 }
 
@@ -65,41 +80,23 @@ void MrtSocketPam::enabledIs(bool on) {
   constexpr std::string_view op = "enabledIs(bool)";
   const char* arg = on ? "1" : "0";
   trace(9, op, arg, "");
-  if (on == enabled()) return;
+  if (on == enabled_) return;
   if (!on) {
-    disable(op, arg);
+    MROUTE_ASSERT(fileDesc());
+    closeWatched(sys(), fileDesc_, fdSm_);
+    fileDesc_ = nullptr;
+    trace(9, op, arg, "Mrt pam is disabled");
+    Kiv::attrIs<NotifieeConst>(*this, kEnabledId, enabled_, false, &NotifieeConst::onEnabled);
     return;
   }
-  int fd = openSocket(op, arg, socketProtocol());
-  registerUpcalls(fd, op, arg);
-  finishEnable(op, arg, fd);
-}
-
-int MrtSocketPam::openSocket(std::string_view op, std::string_view arg, int protocol) {
   MROUTE_ASSERT(eventLoop());
-  int fd = sys_->socketAt(socketDomain(), SOCK_RAW, protocol, netNs_);
+  int fd = sys().socketAt(socketDomain(), SOCK_RAW, socketProtocol(), netNs_);
   if (fd < 0) {
     int err = errno;
     trace(9, op, arg, "socket open error");
     throw Mroute::ErrnoException("socket", err);
   }
-  return fd;
-}
-
-int MrtSocketPam::setIntOption(int fd, int option, int value) {
-  return setOption(fd, IPPROTO_IP, option, &value, sizeof value);
-}
-
-int MrtSocketPam::setOption(int fd, int level, int option, const void* value, socklen_t len) {
-  return sys_->setsockopt(fd, level, option, value, len) < 0 ? errno : 0;
-}
-
-void MrtSocketPam::closeAndThrow(int fd, std::string_view context, int err) {
-  sys_->close(fd);
-  throw Mroute::ErrnoException(context, err);
-}
-
-void MrtSocketPam::finishEnable(std::string_view op, std::string_view arg, int fd) {
+  registerUpcalls(fd, op, arg);
   Kiv::Ptr<Orvet::FileDesc> fileDesc(new Orvet::FileDesc(name()));
   fileDesc->descriptorIs(fd);
   try {
@@ -109,37 +106,52 @@ void MrtSocketPam::finishEnable(std::string_view op, std::string_view arg, int f
   }
   fileDesc_ = fileDesc;
   trace(9, op, arg, "Mrt pam is enabled");
-  enabled_ = true;
+  Kiv::attrIs<NotifieeConst>(*this, kEnabledId, enabled_, true, &NotifieeConst::onEnabled);
 }
 
-void MrtSocketPam::disable(std::string_view op, std::string_view arg) {
-  MROUTE_ASSERT(fileDesc());
-  // Stop watching first so that the loop never sees a closed descriptor.
-  fdSm_ = nullptr;
-  sys_->close(fileDesc_->descriptor());
-  fileDesc_->descriptorIs(-1);
-  fileDesc_ = nullptr;
-  trace(9, op, arg, "Mrt pam is disabled");
-  enabled_ = false;
+int MrtSocketPam::setIntOption(int fd, int option, int value) {
+  return setOption(fd, IPPROTO_IP, option, &value, sizeof value);
 }
 
-uint32_t MrtSocketPam::traceOptionChange(std::string_view op, std::string_view arg, uint32_t newOptions) {
-  uint32_t changed = options_ ^ newOptions;
-  if (tracing(9)) {
-    trace(9, op, arg, "oldOptions=" + hex(options_) + "newOptions=" + hex(newOptions));
-    trace(9, op, arg, "changedOptions=" + hex(changed));
+int MrtSocketPam::setOption(int fd, int level, int option, const void* value, socklen_t len) {
+  return sys().setsockopt(fd, level, option, value, len) < 0 ? errno : 0;
+}
+
+void MrtSocketPam::closeAndThrow(int fd, std::string_view context, int err) {
+  sys().close(fd);
+  throw Mroute::ErrnoException(context, err);
+}
+
+void MrtSocketPam::optionsIs(uint32_t newOptions) {
+  constexpr std::string_view op = "optionsIs(uint32_t)";
+  const std::string arg = std::to_string(newOptions);
+  trace(9, op, arg, "");
+  if (enabled_) {
+    uint32_t changed = options_ ^ newOptions;
+    if (tracing(9)) {
+      trace(9, op, arg, "oldOptions=" + hex(options_) + "newOptions=" + hex(newOptions));
+      trace(9, op, arg, "changedOptions=" + hex(changed));
+    }
+    if (changed == 0) return;
+    switchKinds(fileDesc_->descriptor(), changed);  // throws before anything is stored
   }
-  return changed;
+  Kiv::attrIs<NotifieeConst>(*this, kOptionsId, options_, newOptions, &NotifieeConst::onOptions);
 }
+
+void MrtSocketPam::switchKinds(int, uint32_t) {}
+
+int MrtSocketPam::socketDomain() const { return AF_INET; }
+
+int MrtSocketPam::socketProtocol() const { return IPPROTO_RAW; }
+
+void MrtSocketPam::registerUpcalls(int, std::string_view, std::string_view) {}
 
 void MrtSocketPam::handleCleanup() {
   trace(9, "handleCleanup()", "", "");
   if (!enabled_) return;
   MROUTE_ASSERT(fileDesc());
-  fdSm_ = nullptr;
-  sys_->close(fileDesc_->descriptor());
-  fileDesc_->descriptorIs(-1);
-  enabled_ = false;
+  closeWatched(sys(), fileDesc_, fdSm_);
+  enabled_ = false;  // the pam is going: nobody to tell
 }
 
 bool MrtSocketPam::acceptRx(Orvet::Pkt&) { return true; }
@@ -150,31 +162,31 @@ void MrtSocketPam::doGetRxPkt() {
     rxPktHolderRenotify();
     return;
   }
-  Rx rx = receive();
+  MrtRx rx = receive();
   if (!rx.pkt) return;
   rxPktInc(1);
   rxPktHolderIs(rx.pkt);
 }
 
-MrtSocketPam::RxLayout MrtSocketPam::rxLayout() const {
+MrtRxLayout MrtSocketPam::rxLayout() const {
   return {sizeof(sockaddr_in), IPPROTO_IP, IP_PKTINFO, sizeof(in_pktinfo)};
 }
 
-MrtSocketPam::Rx MrtSocketPam::receive() {
+MrtRx MrtSocketPam::receive() {
   constexpr std::string_view s = "doGetRxPkt()";
   if (!enabled_) {
     trace(9, s, "", "IpSocketPam not enabled. Aborting action");
-    return {RxStatus::failed, nullptr};
+    return {MrtRxStatus::failed, nullptr};
   }
-  Kiv::Ptr<Orvet::Pkt> pkt = pktManager_->newPkt(maxRxPktData_);
+  Kiv::Ptr<Orvet::Pkt> pkt = pktManager().newPkt(maxRxPktData_);
   if (!pkt) {
     trace(9, s, "", "Failed to obtain new packet object");
-    return {RxStatus::failed, nullptr};
+    return {MrtRxStatus::failed, nullptr};
   }
   size_t maxSize = pkt->maxSize();
   MROUTE_ASSERT(maxSize >= maxRxPktData());
 
-  const RxLayout layout = rxLayout();
+  const MrtRxLayout layout = rxLayout();
   sockaddr_in6 from{};  // room for either family's address
   MROUTE_ASSERT(layout.nameLen <= sizeof from);
   static_assert(sizeof(sockaddr_in) == 16);
@@ -194,23 +206,18 @@ MrtSocketPam::Rx MrtSocketPam::receive() {
   msg.msg_control = control;
   msg.msg_controllen = controlLen;
 
-  ssize_t n = sys_->recvmsg(fileDesc_->descriptor(), &msg, rxFlags_);
+  ssize_t n = sys().recvmsg(fileDesc_->descriptor(), &msg, rxFlags_);
   if (n < 0) {
     int err = errno;
-    if (err == EAGAIN) return {RxStatus::empty, nullptr};
+    if (err == EAGAIN) return {MrtRxStatus::empty, nullptr};
     if (tracing(2)) {
       trace(2, s, "", "recvmsg failed with " + std::to_string(err) + " (" + systemMessage(err) + ")");
     }
     rxErrorsInc(1);
-    return {RxStatus::failed, nullptr};
+    return {MrtRxStatus::failed, nullptr};
   }
   // MSG_TRUNC in rxFlags makes recvmsg report the datagram's full length.
   size_t length = std::min(static_cast<size_t>(n), static_cast<size_t>(maxRxPktData_));
-  return finishRx(std::move(pkt), length, msg);
-}
-
-MrtSocketPam::Rx MrtSocketPam::finishRx(Kiv::Ptr<Orvet::Pkt> pkt, size_t length, const msghdr& msg) {
-  constexpr std::string_view s = "doGetRxPkt()";
   if (tracing(9)) trace(9, s, "", "Received packet of size " + std::to_string(length));
   if (!readAncillary(msg)) trace(9, s, "", "recvmsg failed to retrieve ifindex");
 
@@ -218,10 +225,10 @@ MrtSocketPam::Rx MrtSocketPam::finishRx(Kiv::Ptr<Orvet::Pkt> pkt, size_t length,
   pkt->sizeIs(length);
   if (length == 0) {
     trace(9, s, "", "Discarding empty packet");
-    return {RxStatus::skipped, nullptr};
+    return {MrtRxStatus::skipped, nullptr};
   }
-  if (!acceptRx(*pkt)) return {RxStatus::skipped, nullptr};
-  return {RxStatus::packet, std::move(pkt)};
+  if (!acceptRx(*pkt)) return {MrtRxStatus::skipped, nullptr};
+  return {MrtRxStatus::packet, std::move(pkt)};
 }
 
 bool MrtSocketPam::readAncillary(const msghdr& msg) {
@@ -235,8 +242,8 @@ bool MrtSocketPam::readAncillary(const msghdr& msg) {
     if (c->cmsg_type == IP_PKTINFO && dataLen >= sizeof(in_pktinfo)) {
       in_pktinfo info;
       std::memcpy(&info, data, sizeof info);
-      rxIfIndex_ = static_cast<uint32_t>(info.ipi_ifindex);
-      rxDstIpAddr_ = Orvet::IpAddr::fromNetwork(info.ipi_addr.s_addr);
+      rxIfIndexIs(static_cast<uint32_t>(info.ipi_ifindex));
+      rxDstIpAddrIs(Orvet::IpAddr::fromNetwork(info.ipi_addr.s_addr));
       sawPktInfo = true;
       if (tracing(9)) {
         trace(9, s, "",
@@ -246,15 +253,15 @@ bool MrtSocketPam::readAncillary(const msghdr& msg) {
     } else if (c->cmsg_type == IP_ORIGDSTADDR && dataLen >= sizeof(sockaddr_in)) {
       sockaddr_in orig;
       std::memcpy(&orig, data, sizeof orig);
-      rxOrigDstIpAddr_ = Orvet::IpAddr::fromNetwork(orig.sin_addr.s_addr);
+      rxOrigDstIpAddrIs(Orvet::IpAddr::fromNetwork(orig.sin_addr.s_addr));
       if (tracing(9)) trace(9, s, "", "Original destination IP is " + rxOrigDstIpAddr_.text());
     } else if (c->cmsg_type == IP_TOS && dataLen >= 1) {
-      rxTOS_ = data[0];
+      rxTOSIs(data[0]);
       if (tracing(9)) trace(9, s, "", "TOS of received packet is 0x" + hex(rxTOS_));
     } else if (c->cmsg_type == IP_TTL && dataLen >= sizeof(int)) {
       int ttl;
       std::memcpy(&ttl, data, sizeof ttl);
-      rxTTL_ = static_cast<uint8_t>(ttl);
+      rxTTLIs(static_cast<uint8_t>(ttl));
       if (tracing(9)) trace(9, s, "", "TTL of received packet is 0x" + hex(rxTTL_));
     }
   }

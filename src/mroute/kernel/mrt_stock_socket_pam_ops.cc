@@ -1,3 +1,5 @@
+// The hand-written operations of MrtStockSocketPam: MRT_INIT and the filter
+// that stands in for per-kind switches.
 #include "mroute/kernel/mrt_stock_socket_pam.h"
 
 #include <netinet/in.h>
@@ -7,32 +9,15 @@
 #include "mroute/kernel/mrt_upcall.h"
 
 namespace Routing::Multicast::Notify {
-namespace {
 
-const char* const kType = "Routing::Multicast::Notify::MrtStockSocketPam";
-
-}  // namespace
-
-MrtStockSocketPam::MrtStockSocketPam(const Kiv::Name& name) : MrtSocketPam(name, kType) {}
-
-MrtStockSocketPam::MrtStockSocketPam(const Kiv::Name& name, std::string typeName)
-    : MrtSocketPam(name, std::move(typeName)) {}
-
-const Kiv::TypeRecord& MrtStockSocketPam::fwkType() const {
-  static const Kiv::TypeRecord& type = Kiv::registerType(kType, Kiv::TypeKind::entity);
-  return type;
+Kiv::Ptr<MrtStockSocketPam> MrtStockSocketPam::MrtStockSocketPamIs(const Kiv::Name& name) {
+  return new MrtStockSocketPam(name);
 }
+
+int MrtStockSocketPam::socketProtocol() const { return IPPROTO_IGMP; }
 
 void MrtStockSocketPam::registerUpcalls(int fd, std::string_view, std::string_view) {
   if (int err = setIntOption(fd, kMrtInit, 1)) closeAndThrow(fd, "setsockopt(MRT_INIT)", err);
-}
-
-void MrtStockSocketPam::optionsIs(uint32_t newOptions) {
-  constexpr std::string_view op = "optionsIs(uint32_t)";
-  const std::string arg = std::to_string(newOptions);
-  trace(9, op, arg, "");
-  if (enabled()) traceOptionChange(op, arg, newOptions);
-  optionsStore(newOptions);
 }
 
 std::optional<int> MrtStockSocketPam::upcallKind(const Orvet::Pkt& pkt) const {
@@ -45,12 +30,12 @@ std::optional<int> MrtStockSocketPam::upcallKind(const Orvet::Pkt& pkt) const {
 bool MrtStockSocketPam::acceptRx(Orvet::Pkt& pkt) {
   std::optional<int> kind = upcallKind(pkt);
   if (!kind) {
-    ++rxNotUpcall_;
+    rxNotUpcallInc(1);
     return false;
   }
   MrtNotifyOption bit = optionOfKind(*kind);
   if (bit == none || !(options() & bit)) {
-    ++rxFiltered_;
+    rxFilteredInc(1);
     return false;
   }
   return true;

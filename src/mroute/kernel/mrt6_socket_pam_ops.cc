@@ -1,3 +1,5 @@
+// The hand-written operations of Mrt6SocketPam: MRT6_INIT, the ICMPv6
+// filter, and the IPv6 header and ancillary data.
 #include "mroute/kernel/mrt6_socket_pam.h"
 
 #include <netinet/in.h>
@@ -11,8 +13,6 @@
 namespace Routing::Multicast::Notify {
 namespace {
 
-const char* const kType = "Routing::Multicast::Notify::Mrt6SocketPam";
-
 std::string hex(unsigned v) {
   std::ostringstream os;
   os << std::hex << v;
@@ -21,12 +21,11 @@ std::string hex(unsigned v) {
 
 }  // namespace
 
-Mrt6SocketPam::Mrt6SocketPam(const Kiv::Name& name) : MrtStockSocketPam(name, kType) {}
+Kiv::Ptr<Mrt6SocketPam> Mrt6SocketPam::Mrt6SocketPamIs(const Kiv::Name& name) { return new Mrt6SocketPam(name); }
 
-const Kiv::TypeRecord& Mrt6SocketPam::fwkType() const {
-  static const Kiv::TypeRecord& type = Kiv::registerType(kType, Kiv::TypeKind::entity);
-  return type;
-}
+int Mrt6SocketPam::socketDomain() const { return AF_INET6; }
+
+int Mrt6SocketPam::socketProtocol() const { return IPPROTO_ICMPV6; }
 
 void Mrt6SocketPam::registerUpcalls(int fd, std::string_view, std::string_view) {
   int one = 1;
@@ -48,7 +47,7 @@ std::optional<int> Mrt6SocketPam::upcallKind(const Orvet::Pkt& pkt) const {
   return h->msgType;
 }
 
-MrtSocketPam::RxLayout Mrt6SocketPam::rxLayout() const {
+MrtRxLayout Mrt6SocketPam::rxLayout() const {
   return {sizeof(sockaddr_in6), IPPROTO_IPV6, IPV6_PKTINFO, sizeof(in6_pktinfo)};
 }
 
@@ -66,23 +65,23 @@ bool Mrt6SocketPam::readAncillary(const msghdr& msg) {
       rxIfIndexIs(info.ipi6_ifindex);
       Orvet::IpGenAddr::Bytes dst;
       std::memcpy(dst.data(), &info.ipi6_addr, dst.size());
-      rxDstIp6Addr_ = Orvet::IpGenAddr::fromIpv6(dst);
+      rxDstIp6AddrIs(Orvet::IpGenAddr::fromIpv6(dst));
       sawPktInfo = true;
       if (tracing(9)) {
         trace(9, s, "",
               "Packet arrived on interface index " + std::to_string(rxIfIndex()) +
-                  " with destination IP of " + rxDstIp6Addr_.text());
+                  " with destination IP of " + rxDstIp6Addr().text());
       }
     } else if (c->cmsg_type == IPV6_TCLASS && dataLen >= sizeof(int)) {
       int tclass;
       std::memcpy(&tclass, data, sizeof tclass);
-      rxTrafficClass_ = static_cast<uint8_t>(tclass);
-      if (tracing(9)) trace(9, s, "", "Traffic class of received packet is 0x" + hex(rxTrafficClass_));
+      rxTrafficClassIs(static_cast<uint8_t>(tclass));
+      if (tracing(9)) trace(9, s, "", "Traffic class of received packet is 0x" + hex(rxTrafficClass()));
     } else if (c->cmsg_type == IPV6_HOPLIMIT && dataLen >= sizeof(int)) {
       int hops;
       std::memcpy(&hops, data, sizeof hops);
-      rxHopLimit_ = static_cast<uint8_t>(hops);
-      if (tracing(9)) trace(9, s, "", "Hop limit of received packet is 0x" + hex(rxHopLimit_));
+      rxHopLimitIs(static_cast<uint8_t>(hops));
+      if (tracing(9)) trace(9, s, "", "Hop limit of received packet is 0x" + hex(rxHopLimit()));
     }
   }
   return sawPktInfo;
