@@ -40,7 +40,7 @@ class MroutectlBitmapTest : public testing::Test {
   Kiv::Ptr<BitMapperSm> sm;
 };
 
-TEST_F(MroutectlBitmapTest, SummarisesThePoolAndDumpsBothTables) {
+TEST_F(MroutectlBitmapTest, SummarisesThePool) {
   ToolRun r = mroutectl("bitmap bitmapper/test --min 10 --size 4");
   EXPECT_EQ(r.code, 0) << r.out;
   EXPECT_EQ(r.out,
@@ -52,28 +52,17 @@ TEST_F(MroutectlBitmapTest, SummarisesThePoolAndDumpsBothTables) {
             "  waiting  Ethernet8 10.0.0.7  refCount 1\n");
   r = mroutectl("bitmap bitmapper/test");
   EXPECT_EQ(r.out.substr(0, r.out.find('\n')), "bitmapper/test: used 4, waiting keys 1");
-
-  r = mroutectl("dump bitmapper/test/bitIndexMap");
-  EXPECT_EQ(r.code, 0) << r.out;
-  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 4) << r.out;
-  EXPECT_NE(r.out.find("\nValue('BitMapper::BitIndexMap', ** {'key': 12, 'bitMapperKey': "
-                       "Value('BitMapper::BitMapperKey', ** {'intfId': Ethernet7, 'ipGenAddr': 10.0.0.6}), "
-                       "'refCount': 2, 'isNewMapping': False})\n"),
-            std::string::npos)
-      << r.out;
-  r = mroutectl("dump bitmapper/test/waitlistMap");
-  EXPECT_EQ(r.out,
-            "Value('BitMapper::WaitlistMap', ** {'key': Value('BitMapper::BitMapperKey', ** {'intfId': Ethernet8, "
-            "'ipGenAddr': 10.0.0.7}), 'refCount': 1})\n");
 }
 
 TEST_F(MroutectlBitmapTest, AnyTableIsLookedUpAndFollowedByTheKeysItsDumpShows) {
-  // Every key that dump --json shows finds its entry again through lookup.
-  for (const char* table : {"bitmapper/test/bitIndexMap", "bitmapper/test/waitlistMap"}) {
+  // Every key that dump --json shows (an integer, a value type in its text
+  // form) finds its entry again through lookup.
+  const std::pair<const char*, size_t> tables[] = {{"bitmapper/test/bitIndexMap", 4}, {"bitmapper/test/waitlistMap", 1}};
+  for (const auto& [table, count] : tables) {
     ToolRun r = mroutectl(std::string("dump ") + table + " --json");
     ASSERT_EQ(r.code, 0) << r.out;
     const nlohmann::json dump = nlohmann::json::parse(r.out);
-    ASSERT_FALSE(dump["entries"].empty()) << r.out;
+    ASSERT_EQ(dump["entries"].size(), count) << r.out;
     for (const auto& e : dump["entries"]) {
       r = mroutectl(std::string("lookup ") + table + " \"" + e["key"].get<std::string>() + "\" --json");
       ASSERT_EQ(r.code, 0) << r.out;
