@@ -10,6 +10,7 @@
 
 #include "table/brume_map_test_util.h"
 #include "testing/expect_assert.h"
+#include "mroute/table/internal/front_restamp.h"
 #include "mroute/table/shm_root.h"
 
 namespace {
@@ -170,6 +171,21 @@ TEST_F(BrumeMapFrontTest, ReadersCreateNothingAndAttachWhenTheWriterMakesTheTabl
   writer.write(value(3, 1));
   ASSERT_TRUE(runUntil(loop_, [&] { return reader.ready() && shadow.lookup(3).has_value(); }));
   EXPECT_TRUE(reader.lookup(3).has_value());
+}
+
+TEST_F(BrumeMapFrontTest, ReaderWokenWhileTheWriterAttachesLooksAgainSoon) {
+  Brume::BrumeMapOptions slow = fastOptions();
+  slow.remountPeriod = std::chrono::seconds(60);  // only the attach-lock retry can attach in time
+  RecordMap writer(loop_, "a", "t", BrumeType::writer, slow);
+  writer.write(value(5, 1));
+  auto attaching = std::make_unique<Brume::AttachLock>(writer.root());
+  ASSERT_TRUE(attaching->acquire());
+  RecordMap reader(loop_, "a", "t", BrumeType::reader, slow);
+  for (int i = 0; i < 5; ++i) loop_.runOnce(std::chrono::milliseconds(5));
+  EXPECT_FALSE(reader.ready());
+  attaching.reset();  // no file event follows the release
+  ASSERT_TRUE(runUntil(loop_, [&] { return reader.ready(); }));
+  EXPECT_TRUE(reader.lookup(5).has_value());
 }
 
 TEST_F(BrumeMapFrontTest, WriterOnlyOperationsAndCleanup) {

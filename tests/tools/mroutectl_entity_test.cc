@@ -5,25 +5,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "mroute/entities/fib/vrf_config.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "testing/shm_root_scope.h"
+#include "tools/tool_run.h"
 
 namespace {
 
 using namespace Routing::Multicast::Fib;
 
-std::string run(const std::string& command) {
-  std::string out;
-  FILE* p = ::popen(command.c_str(), "r");
-  char buf[4096];
-  for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-  ::pclose(p);
-  return out;
-}
+std::string run(const std::string& args) { return ToolTest::mroutectl(args).out; }
 
 TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
   Testing::ShmRootScope shm("ctl-entity");
@@ -48,25 +41,24 @@ TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
   }
   char c;
   ASSERT_EQ(::read(ready[0], &c, 1), 1);
-  const std::string tool = MROUTECTL;
-  const std::string text = run(tool + " entity routing/multicast/vrf/config");
+  const std::string text = run("entity routing/multicast/vrf/config");
   EXPECT_NE(text.find("config (Routing::Multicast::Fib::VrfConfig)\n  routing: True\n"), std::string::npos) << text;
   EXPECT_NE(text.find("\n  red (Routing::Multicast::Fib::Config)\n"), std::string::npos) << text;
   EXPECT_NE(text.find("\n  Ethernet1 (Routing::Multicast::Fib::IntfConfig)\n    noFastdrop: True\n"),
             std::string::npos)
       << text;
-  const std::string json = run(tool + " entity routing/multicast/vrf/config --json");
+  const std::string json = run("entity routing/multicast/vrf/config --json");
   EXPECT_EQ(json.rfind("{\"name\": \"config\", \"type\": \"Routing::Multicast::Fib::VrfConfig\", \"routing\": \"True\"", 0),
             0u)
       << json;
   EXPECT_NE(json.find("\"'red'\": {\"name\": \"red\", \"type\": \"Routing::Multicast::Fib::Config\""), std::string::npos);
-  const std::string follow = run("timeout -s INT 1 " + tool + " entity routing/multicast/vrf/config --follow");
+  const std::string follow = ToolTest::finish(::popen("timeout -s INT 1 " MROUTECTL " entity routing/multicast/vrf/config --follow", "r")).out;
   EXPECT_NE(follow.find("config/red maxFastdrops: 10"), std::string::npos) << follow;
-  EXPECT_NE(run(tool + " entity routing/nothing/here 2>&1").find("no entity tree is known at 'routing/nothing/here'"),
+  EXPECT_NE(run("entity routing/nothing/here").find("no entity tree is known at 'routing/nothing/here'"),
             std::string::npos);
   // Every mount path names its type, those that no agent serves here too.
   for (const char* path : {"routing/hardware/multicast/status", "routing6/multicast/fib/pim", "routing/multicast/fibready/bidir/status"}) {
-    EXPECT_NE(run(tool + " entity " + path + " --seconds 0.05 2>&1").find("no writer serves"), std::string::npos) << path;
+    EXPECT_NE(run(std::string("entity ") + path + " --seconds 0.05").find("no writer serves"), std::string::npos) << path;
   }
   ::kill(writer, SIGKILL);
   ::waitpid(writer, nullptr, 0);

@@ -1,15 +1,14 @@
 // mroutectl routes on table sets that three applications publish (this test
 // is their writer): one winner per key, --all with every candidate, --vrf,
 // --json, and the refusal of bad arguments.
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <string>
 
 #include "mroute/route/mfib_status.h"
 #include "testing/shm_root_scope.h"
+#include "tools/tool_run.h"
 
 namespace {
 
@@ -17,25 +16,8 @@ using Brume::Multicast::Fib::OifIndex;
 using Brume::Multicast::Fib::OifIndexIntf;
 using Brume::Multicast::Fib::Route;
 using Brume::Multicast::Fib::Status;
-
-struct Outcome {
-  int code;
-  std::string out;
-};
-
-Outcome mroutectl(const std::string& args) {
-  Outcome r{-1, ""};
-  std::string command = MROUTECTL_PATH;
-  command.append(" ").append(args).append(" 2>&1");
-  FILE* p = ::popen(command.c_str(), "r");
-  if (p == nullptr) return r;
-  char buf[4096];
-  size_t n;
-  while ((n = ::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-  const int status = ::pclose(p);
-  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
-}
+using ToolTest::mroutectl;
+using ToolTest::ToolRun;
 
 class MroutectlRoutesTest : public testing::Test {
  protected:
@@ -68,7 +50,7 @@ class MroutectlRoutesTest : public testing::Test {
 };
 
 TEST_F(MroutectlRoutesTest, OneWinnerPerKeyWithItsInterfacesByName) {
-  const Outcome r = mroutectl("routes --vrf default");
+  const ToolRun r = mroutectl("routes --vrf default");
   ASSERT_EQ(r.code, 0) << r.out;
   EXPECT_EQ(r.out,
             "VRF default (IPv4): 3 application(s)\n"
@@ -78,7 +60,7 @@ TEST_F(MroutectlRoutesTest, OneWinnerPerKeyWithItsInterfacesByName) {
 }
 
 TEST_F(MroutectlRoutesTest, AllShowsEveryCandidateAndJsonCarriesTheSame) {
-  Outcome r = mroutectl("routes --all");
+  ToolRun r = mroutectl("routes --all");
   ASSERT_EQ(r.code, 0) << r.out;
   // Candidates come in the collection's order; the winner carries the mark.
   const size_t key1 = r.out.find("  (10.0.0.1,239.1.1.1)\n");
@@ -93,16 +75,15 @@ TEST_F(MroutectlRoutesTest, AllShowsEveryCandidateAndJsonCarriesTheSame) {
       << r.out;
   r = mroutectl("routes --vrf red --json");
   ASSERT_EQ(r.code, 0) << r.out;
-  EXPECT_EQ(r.out,
-            "[{\"vrf\": \"red\", \"af\": 4, \"routes\": [{\"key\": \"(10.0.0.1,239.1.1.9)\", \"candidates\": "
-            "[{\"app\": \"pim\", \"priority\": 1, \"iif\": \"Vlan101\", \"oifs\": [\"Ethernet2\"], \"flags\": "
-            "[\"valid\"], \"winner\": true}]}]}]\n");
+  EXPECT_EQ(nlohmann::json::parse(r.out), nlohmann::json::parse(R"j([{"vrf": "red", "af": 4, "routes": [
+      {"key": "(10.0.0.1,239.1.1.9)", "candidates": [{"app": "pim", "priority": 1, "iif": "Vlan101",
+       "oifs": ["Ethernet2"], "flags": ["valid"], "winner": true}]}]}])j"));
 }
 
 TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndEachFamilyShowsItsOwn) {
   EXPECT_EQ(mroutectl("routes --af 5").code, 2);
   EXPECT_EQ(mroutectl("routes --vrf").code, 2);
-  Outcome r = mroutectl("routes --af 6");
+  ToolRun r = mroutectl("routes --af 6");
   EXPECT_EQ(r.code, 0);
   EXPECT_EQ(r.out, "");
   Kiv::Ptr<Status> pim6 = publish("red", "pim", 2, {1}, 6);

@@ -88,7 +88,7 @@ wait "$follower" || fail "follow exited $?"
 wait "$jsonFollower" || fail "follow --json exited $?"
 out=$(cat "$MROUTE_SHM_ROOT/follow.out")
 stamp='[0-9-]*T[0-9:.]*Z'
-echo "$out" | grep -q "^$stamp following $table: attached, [56] routes" || fail "follow start: $out"
+echo "$out" | grep -q "^$stamp following $table: attached, [56] entries" || fail "follow start: $out"
 echo "$out" | grep -q "^$stamp ~ (\*,239.1.1.1)  iif Ethernet1  oifs 3,7,20 .*\[oif +20, maxOifIndex 7 -> 20\]$" \
   || fail "follow change: $out"
 echo "$out" | grep '^[^ ]* [~+-] ' | grep -qv ',239.1.1.1)' && fail "follow --group let another group through: $out"

@@ -1,38 +1,43 @@
 #include "change_printer.h"
 
-#include <sstream>
+#include <cstring>
 
+#include "route_table.h"
 #include "route_text.h"
 
 namespace Mroutectl {
 
-std::string ChangePrinter::show(const Brume::Multicast::Fib::Route& route) const {
-  if (!text_) return routeLine(route);
-  std::ostringstream os;
-  os << route;
-  return os.str();
+bool holdsRoutes(const Brume::Survey::ValueCodec& codec) {
+  return codec.typeName == Route::kTypeName && codec.size == sizeof(RouteValue);
 }
 
-ChangePrinter::Change ChangePrinter::classify(const Routing::Multicast::Fib::IpGenRouteKey& key,
-                                             const std::optional<Brume::Multicast::Fib::Route>& now) {
+Route routeOf(const ValueBytes& bytes) {
+  RouteValue v;
+  std::memcpy(static_cast<void*>(&v), bytes.data(), sizeof v);
+  return v.value;
+}
+
+std::string ChangePrinter::show(const ValueBytes& value) const {
+  return routes_ && !text_ ? routeLine(routeOf(value)) : codec_.text(value.data());
+}
+
+ChangePrinter::Change ChangePrinter::classify(const std::string& key, const ValueBytes* now) {
   const auto it = known_.find(key);
-  if (!now) {
-    if (it == known_.end()) return Change{'-', std::nullopt, "", true};
-    known_.erase(it);
-    return Change{'-', std::nullopt, ""};
+  std::optional<ValueBytes> before;
+  if (it != known_.end()) before = it->second;
+  if (now == nullptr) {
+    if (it != known_.end()) known_.erase(it);
+    return Change{'-', std::nullopt, std::move(before), ""};
   }
-  if (it == known_.end()) {
-    known_.emplace(key, *now);
-    return Change{'+', now, ""};
-  }
-  Change c{'~', now, routeDiff(it->second, *now)};
-  it->second = *now;
-  return c;
+  known_[key] = *now;
+  if (!before) return Change{'+', *now, std::nullopt, ""};
+  std::string diff = routes_ ? routeDiff(routeOf(*before), routeOf(*now)) : "";
+  return Change{'~', *now, std::move(before), std::move(diff)};
 }
 
-std::string ChangePrinter::line(const Routing::Multicast::Fib::IpGenRouteKey& key, const Change& c) const {
-  if (!c.route) return "- " + keyText(key) + (c.unseen ? " (not seen before)" : "");
-  return std::string(1, c.mark) + " " + show(*c.route) + (c.diff.empty() ? "" : "   [" + c.diff + "]");
+std::string ChangePrinter::line(const std::string& key, const Change& c) const {
+  if (!c.now) return "- " + key + (c.before ? "" : " (not seen before)");
+  return std::string(1, c.mark) + " " + show(*c.now) + (c.diff.empty() ? "" : "   [" + c.diff + "]");
 }
 
 }  // namespace Mroutectl

@@ -134,39 +134,29 @@ int runWriter(double seconds) {
   return 0;
 }
 
-// A reader retries attaching every remountPeriod when no event of the
-// table's directory makes it attach. The demo's reader starts before its
-// writer, and when a table is left from an earlier run the writer takes it
-// over under its attach lock: a reader woken while that lock is held defers
-// to the next event or retry. A demo of seconds must not wait a minute.
-Brume::BrumeMapOptions shortRemount() {
-  Brume::BrumeMapOptions options;
-  options.remountPeriod = std::chrono::milliseconds(200);
-  return options;
-}
-
 int runReader(double seconds) {
   Mroute::Loop::EventLoop loop;
-  RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::shadow, shortRemount());
-  ChangePrinter printer(false);
+  const Brume::Survey::ValueCodec* codec = Brume::Survey::findValueCodec(Route::kTypeName, sizeof(RouteValue));
+  auto routes = codec->follow(loop, kDemoMount, kDemoName, Brume::BrumeMapOptions{});
+  ChangePrinter printer(*codec, false);
   // The writer may have been first: what is there already shows as added.
-  if (routes.ready()) std::cout << "reader: attached, " << routes.members() << " routes" << std::endl;
-  routes.forEachKey([&](const IpGenRouteKey& k) {
-    if (const auto v = routes.lookup(k)) std::cout << "reader: " << printer.change(k, v->value) << std::endl;
-  });
-  routes.onReadyIs([&](bool ready) {
-    std::cout << "reader: "
-              << (ready ? "attached, " + std::to_string(routes.members()) + " routes" : "detached")
+  const auto present = routes->entries();
+  if (routes->ready()) std::cout << "reader: attached, " << present.size() << " routes" << std::endl;
+  for (const ValueBytes& v : present) {
+    const std::string key = codec->keyText(v.data());
+    std::cout << "reader: " << printer.line(key, printer.classify(key, &v)) << std::endl;
+  }
+  routes->onReadyIs([&](bool ready) {
+    std::cout << "reader: " << (ready ? "attached, " + std::to_string(routes->entries().size()) + " routes" : "detached")
               << std::endl;
   });
-  routes.onChangeIs([&](const IpGenRouteKey& k) {
-    const auto v = routes.lookup(k);
-    std::cout << "reader: " << printer.change(k, v ? std::optional<Route>(v->value) : std::nullopt)
-              << std::endl;
+  routes->onChangeIs([&](const std::string& key, const ValueBytes* now) {
+    std::cout << "reader: " << printer.line(key, printer.classify(key, now)) << std::endl;
   });
   const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000) + 300);
   while (Clock::now() < end) loop.runOnce(std::chrono::milliseconds(20));
-  std::cout << "reader: done, " << routes.members() << " routes in its copy" << std::endl;
+  routes->onReadyIs(nullptr);  // closing the table is no news
+  std::cout << "reader: done, " << routes->entries().size() << " routes in its copy" << std::endl;
   return 0;
 }
 

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "change_printer.h"
 #include "command.h"
 #include "mroute/table/survey/table_survey.h"
 #include "mroute/table/survey/value_codec.h"
@@ -47,12 +48,6 @@ struct DumpOptions {
   std::string source;
 };
 
-Route routeOf(const StoredEntry& e) {
-  RouteValue v;
-  std::memcpy(static_cast<void*>(&v), e.bytes.data(), sizeof v);
-  return v.value;
-}
-
 // The table's directory, its summary and its codec, or the error that says
 // why there are none.
 struct Opened {
@@ -72,7 +67,7 @@ Opened open(const std::string& table) {
   }
   Brume::Survey::TableStat stat = Brume::Survey::statTable(table);
   const ValueCodec* codec = Brume::Survey::findValueCodec(stat.valueType, stat.valueSize);
-  const bool routes = codec != nullptr && stat.valueType == Route::kTypeName;
+  const bool routes = codec != nullptr && holdsRoutes(*codec);
   return Opened{*root, std::move(stat), codec, routes};
 }
 
@@ -89,10 +84,10 @@ void runDump(const DumpOptions& o, Context& ctx) {
     throw CommandError(kExitDamaged, o.table + " is damaged: " + error + " (mroutectl validate says more)");
   }
   if (t.routes) {
-    std::erase_if(entries, [&](const StoredEntry& e) { return !filter.matches(routeOf(e).key()); });
+    std::erase_if(entries, [&](const StoredEntry& e) { return !filter.matches(routeOf(e.bytes).key()); });
     // By group, (*,G) before the group's (S,G) routes.
     auto order = [](const StoredEntry& e) {
-      const auto k = routeOf(e).key();
+      const auto k = routeOf(e.bytes).key();
       return std::tuple(k.g(), k.s().length() != 0, k.s());
     };
     std::sort(entries.begin(), entries.end(),
@@ -114,7 +109,7 @@ void runDump(const DumpOptions& o, Context& ctx) {
   }
   for (const StoredEntry& e : entries) {
     if (t.routes && !o.text) {
-      ctx.out << routeLine(routeOf(e)) << "\n";
+      ctx.out << routeLine(routeOf(e.bytes)) << "\n";
     } else if (t.codec != nullptr) {
       ctx.out << t.codec->text(e.bytes.data()) << "\n";
     } else {
@@ -135,6 +130,8 @@ void runLookup(const DumpOptions& o, Context& ctx) {
   std::optional<Brume::Survey::ValueBytes> bytes;
   try {
     bytes = t.codec->lookup(t.root, o.key);
+  } catch (const std::invalid_argument& e) {
+    throw CommandError(kExitUsage, "bad key '" + o.key + "' for " + t.stat.valueType + ": " + e.what());
   } catch (const std::runtime_error& e) {
     if (dynamic_cast<const CommandError*>(&e)) throw;
     throw CommandError(kExitDamaged, o.table + " cannot be read: " + e.what() + " (mroutectl validate says more)");
@@ -146,7 +143,7 @@ void runLookup(const DumpOptions& o, Context& ctx) {
     j.erase("slot");
     ctx.out << jsonText(j) << "\n";
   } else if (t.routes && !o.text) {
-    ctx.out << routeLine(routeOf(e)) << "\n";
+    ctx.out << routeLine(routeOf(e.bytes)) << "\n";
   } else {
     ctx.out << t.codec->text(e.bytes.data()) << "\n";
   }

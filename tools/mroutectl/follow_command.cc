@@ -1,7 +1,8 @@
-// mroutectl follow <table>: prints a route table's changes as its writer
-// notifies them, one line per change (change_printer.h), each with the time
-// it was seen; --group/--source keep the routes of interest; the last line
-// says truthfully why following stopped.
+// mroutectl follow <table>: prints a table's changes as its writer notifies
+// them, one line per change (change_printer.h), each with the time it was
+// seen; any table whose value type is registered (value_codec.h) can be
+// followed. --group/--source keep the routes of interest; the last line says
+// truthfully why following stopped.
 #include <CLI/CLI.hpp>
 
 #include <chrono>
@@ -19,6 +20,7 @@
 #include "mroute/table/survey/table_survey.h"
 #include "route_filter.h"
 #include "route_table.h"
+#include "stored_types.h"
 #include "route_text.h"
 #include "table_json.h"
 
@@ -70,16 +72,39 @@ class Output {
   Context& ctx_;
 };
 
+// The key of a route change: from the value, or the value last seen, or
+// (a removal never seen) the key's display text.
+std::optional<Routing::Multicast::Fib::IpGenRouteKey> routeKeyOf(const std::string& key,
+                                                                const ChangePrinter::Change& c) {
+  if (c.now) return routeOf(*c.now).key();
+  if (c.before) return routeOf(*c.before).key();
+  try {
+    return routeKeyFromText(key);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 void runFollow(const FollowOptions& o, Context& ctx) {
   const RouteFilter filter = RouteFilter::fromText(o.group, o.source);
   Brume::Survey::Problem problem{};
   std::string error;
-  if (!Brume::Survey::locateTable(o.table, &problem, &error)) {
-    if (problem == Brume::Survey::Problem::badName) throw CommandError(kExitUsage, error);
-    if (!o.wait) throw CommandError(kExitNotFound, error + " (--wait waits for its writer to create it)");
-  } else if (const auto s = Brume::Survey::statTable(o.table); s.readable && s.valueType != Route::kTypeName) {
-    throw CommandError(kExitUsage, o.table + " holds " + s.valueType + ": follow shows route tables (mroutectl dump "
-                                                                       "shows this one)");
+  const bool present = Brume::Survey::locateTable(o.table, &problem, &error).has_value();
+  if (!present && problem == Brume::Survey::Problem::badName) throw CommandError(kExitUsage, error);
+  if (!present && !o.wait) throw CommandError(kExitNotFound, error + " (--wait waits for its writer to create it)");
+  // A table not made yet is taken for a route table, the kind --wait is for.
+  const Brume::Survey::TableStat stat = Brume::Survey::statTable(o.table);
+  const Brume::Survey::ValueCodec* codec =
+      stat.readable ? Brume::Survey::findValueCodec(stat.valueType, stat.valueSize)
+                    : Brume::Survey::findValueCodec(Route::kTypeName, sizeof(RouteValue));
+  if (codec == nullptr || !codec->follow) {
+    throw CommandError(kExitUsage, o.table + " holds " + stat.valueType +
+                                       ", a type this tool does not know: it cannot follow it (mroutectl dump "
+                                       "shows its bytes)");
+  }
+  if (filter.active() && !holdsRoutes(*codec)) {
+    throw CommandError(kExitUsage, o.table + " holds " + stat.valueType +
+                                       ", not routes: --group and --source apply to route tables");
   }
   const size_t slash = o.table.rfind('/');
   std::signal(SIGINT, [](int n) { gSignal = n; });
@@ -89,43 +114,40 @@ void runFollow(const FollowOptions& o, Context& ctx) {
   // second, not after the default retry period.
   Brume::BrumeMapOptions options;
   options.remountPeriod = std::chrono::seconds(1);
-  RouteMap routes(loop, o.table.substr(0, slash), o.table.substr(slash + 1), Brume::BrumeType::shadow, options);
-  ChangePrinter printer(o.text);
+  const std::unique_ptr<Brume::Survey::TableFollower> table =
+      codec->follow(loop, o.table.substr(0, slash), o.table.substr(slash + 1), options);
+  ChangePrinter printer(*codec, o.text);
   Output output(ctx);
-  routes.forEachKey([&](const auto& k) {
-    if (const auto v = routes.lookup(k)) printer.seed(v->value);
-  });
-  const bool writer = Brume::Survey::writerPid(routes.tablePath()) != 0;
+  for (const ValueBytes& v : table->entries()) printer.seed(v);
+  const bool writer = Brume::Survey::writerPid(table->tablePath()) != 0;
   output.event("following",
                "following " + o.table + ": " +
-                   (routes.ready() ? "attached, " + std::to_string(printer.routes()) +
-                                         " routes (mroutectl dump lists them)"
+                   (table->ready() ? "attached, " + std::to_string(printer.entries()) +
+                                         " entries (mroutectl dump lists them)"
                                    : "waiting for its writer") +
                    (writer ? "" : "; no writer runs now"),
-               Json{{"table", o.table}, {"attached", routes.ready()}, {"entries", printer.routes()},
-                    {"writerRunning", writer}});
-  routes.onReadyIs([&](bool ready) {
+               Json{{"table", o.table}, {"valueType", codec->typeName}, {"attached", table->ready()},
+                    {"entries", printer.entries()}, {"writerRunning", writer}});
+  table->onReadyIs([&](bool ready) {
     if (ready) {
-      output.event("attached", "attached, " + std::to_string(routes.members()) + " routes",
-                   Json{{"entries", routes.members()}});
+      const size_t n = table->entries().size();
+      output.event("attached", "attached, " + std::to_string(n) + " entries", Json{{"entries", n}});
     } else {
       output.event("detached", "detached: the writer stopped or was replaced; waiting for it to come back");
     }
   });
   uint64_t shown = 0;
-  routes.onChangeIs([&](const Routing::Multicast::Fib::IpGenRouteKey& k) {
-    const auto v = routes.lookup(k);
-    const ChangePrinter::Change c = printer.classify(k, v ? std::optional<Route>(v->value) : std::nullopt);
-    if (!filter.matches(k)) return;
-    ++shown;
-    Json fields{{"key", keyText(k)}};
-    if (c.route) {
-      std::ostringstream text;
-      text << *c.route;
-      fields["text"] = text.str();
+  table->onChangeIs([&](const std::string& key, const ValueBytes* now) {
+    const ChangePrinter::Change c = printer.classify(key, now);
+    if (filter.active()) {
+      const auto k = routeKeyOf(key, c);
+      if (!k || !filter.matches(*k)) return;
     }
+    ++shown;
+    Json fields{{"key", key}};
+    if (c.now) fields["text"] = codec->text(c.now->data());
     if (!c.diff.empty()) fields["changes"] = c.diff;
-    output.event(c.mark == '+' ? "added" : c.mark == '~' ? "changed" : "removed", printer.line(k, c), fields);
+    output.event(c.mark == '+' ? "added" : c.mark == '~' ? "changed" : "removed", printer.line(key, c), fields);
   });
   const auto start = std::chrono::steady_clock::now();
   const auto end = start + std::chrono::milliseconds(static_cast<int64_t>(o.seconds * 1000));
@@ -133,9 +155,9 @@ void runFollow(const FollowOptions& o, Context& ctx) {
     loop.runOnce(std::chrono::milliseconds(100));
   }
   // Closing the table detaches it; that is not news about the writer.
-  routes.onReadyIs(nullptr);
-  routes.onChangeIs(nullptr);
-  const bool writerNow = Brume::Survey::writerPid(routes.tablePath()) != 0;
+  table->onReadyIs(nullptr);
+  table->onChangeIs(nullptr);
+  const bool writerNow = Brume::Survey::writerPid(table->tablePath()) != 0;
   const std::string reason = gSignal == SIGINT    ? "interrupted (SIGINT)"
                              : gSignal == SIGTERM ? "terminated (SIGTERM)"
                                                   : "--seconds passed";
@@ -150,11 +172,12 @@ void runFollow(const FollowOptions& o, Context& ctx) {
 
 void addFollowCommand(CLI::App& app, Context& ctx) {
   auto o = std::make_shared<FollowOptions>();
-  CLI::App* sub = app.add_subcommand("follow", "print a route table's changes live");
+  CLI::App* sub = app.add_subcommand("follow", "print a table's changes live");
   sub->footer(
       "Attaches as a reader and prints each change as the writer notifies it, with the time it was\n"
-      "seen: '+' added, '~' changed (with what changed), '-' removed; until interrupted or N seconds\n"
-      "have passed. The last line says why it stopped.");
+      "seen: '+' added, '~' changed (routes: with what changed), '-' removed; until interrupted or N\n"
+      "seconds have passed. Routes print one per line, other values in their Value(...) text form.\n"
+      "The last line says why it stopped.");
   sub->add_option("table", o->table, "<mount path>/<name>")->required();
   addSecondsOption(*sub, &o->seconds, "stop after N seconds");
   sub->add_flag("--text", o->text, "routes in their Value(...) text form");

@@ -41,8 +41,6 @@ struct Options {
   bool json = false;
 };
 
-std::string jsonString(const std::string& s) { return jsonText(Json(s)); }
-
 template <typename Flags>
 std::vector<std::string> flagNames(Flags flags) {
   std::vector<std::string> out;
@@ -86,15 +84,10 @@ std::string text(const Candidate& c) {
   return os.str();
 }
 
-std::string json(const Candidate& c) {
-  std::vector<std::string> oifs, flags;
-  for (const auto& o : c.oifs) oifs.push_back(jsonString(o));
-  for (const auto& f : c.flags) flags.push_back(jsonString(f));
-  std::ostringstream os;
-  os << "{\"app\": " << jsonString(c.app) << ", \"priority\": " << c.priority << ", \"iif\": " << jsonString(c.iif)
-     << ", \"oifs\": [" << join(oifs, ", ") << "], \"flags\": [" << join(flags, ", ") << "]"
-     << (c.winner ? ", \"winner\": true" : "") << "}";
-  return os.str();
+Json json(const Candidate& c) {
+  Json j{{"app", c.app}, {"priority", c.priority}, {"iif", c.iif}, {"oifs", c.oifs}, {"flags", c.flags}};
+  if (c.winner) j["winner"] = true;
+  return j;
 }
 
 std::vector<std::string> subdirs(const std::filesystem::path& dir) {
@@ -119,7 +112,7 @@ void routesRun(Options o, Context& ctx) {
   Mroute::Loop::EventLoop loop;
   Brume::Multicast::Fib::MfibEntityManager manager(loop);
   const auto info = Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name);
-  std::vector<std::string> jsonVrfs;
+  Json jsonVrfs = Json::array();
   for (const std::string& vrf : vrfs) {
     Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs(Kiv::Name(vrf));
     std::map<uint32_t, std::string> apps;
@@ -141,6 +134,7 @@ void routesRun(Options o, Context& ctx) {
 
     // The merged walk goes in hash order; the operator reads keys in order.
     std::map<Routing::Multicast::Fib::IpGenRouteKey, std::string> lines;
+    std::map<Routing::Multicast::Fib::IpGenRouteKey, Json> jsonRoutes;
     for (Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst it(*coll); !it.atEnd(); it.updateToBestRouteIterators()) {
       std::vector<Candidate> cands;
       if (o.all) {
@@ -150,9 +144,9 @@ void routesRun(Options o, Context& ctx) {
       }
       const std::string key = keyText(it.route().key());
       if (o.json) {
-        std::vector<std::string> items;
+        Json items = Json::array();
         for (const Candidate& c : cands) items.push_back(json(c));
-        lines[it.route().key()] = "{\"key\": " + jsonString(key) + ", \"candidates\": [" + join(items, ", ") + "]}";
+        jsonRoutes[it.route().key()] = Json{{"key", key}, {"candidates", items}};
       } else if (!o.all) {
         lines[it.route().key()] = "  " + key + "  " + text(cands.front()) + "\n";
       } else {
@@ -161,21 +155,16 @@ void routesRun(Options o, Context& ctx) {
         for (const Candidate& c : cands) l += std::string("    ") + (c.winner ? "* " : "  ") + text(c) + "\n";
       }
     }
-    std::vector<std::string> jsonRoutes;
-    if (!o.json) out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
-    for (const auto& [k, line] : lines) {
-      if (o.json) {
-        jsonRoutes.push_back(line);
-      } else {
-        out << line;
-      }
-    }
     if (o.json) {
-      jsonVrfs.push_back("{\"vrf\": " + jsonString(vrf) + ", \"af\": " + std::to_string(o.af) + ", \"routes\": [" +
-                         join(jsonRoutes, ", ") + "]}");
+      Json routes = Json::array();
+      for (auto& [k, j] : jsonRoutes) routes.push_back(std::move(j));
+      jsonVrfs.push_back(Json{{"vrf", vrf}, {"af", o.af}, {"routes", std::move(routes)}});
+      continue;
     }
+    out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
+    for (const auto& [k, line] : lines) out << line;
   }
-  if (o.json) out << "[" << join(jsonVrfs, ", ") << "]\n";
+  if (o.json) out << jsonText(jsonVrfs) << "\n";
 }
 
 }  // namespace

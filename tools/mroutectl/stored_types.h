@@ -1,8 +1,5 @@
-// The stored value types mroutectl shows by name: their codecs are
-// registered with the survey API (mroute/table/survey/value_codec.h) at
-// the start of every run, so that any table of these types is dumped, looked
-// up, followed and validated (key hashes included) by the type its files
-// record.
+// How mroutectl shows stored types beyond what they register themselves
+// (mroute/table/survey/value_codec.h): route keys in their display form.
 #pragma once
 
 #include <string_view>
@@ -11,7 +8,7 @@
 
 namespace Mroutectl {
 
-// Registers the codecs; idempotent.
+// Registers the tool's codecs over the types' own; idempotent.
 void registerStoredTypes();
 
 // A route key from the operator's text: the display form "(S,G)" or

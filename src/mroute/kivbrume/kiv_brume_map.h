@@ -37,6 +37,7 @@
 #include "mroute/table/brume_map.h"
 #include "mroute/table/brume_type.h"
 #include "mroute/table/engine/value_wrapper.h"
+#include "mroute/table/survey/value_codec.h"
 
 namespace KivBrume {
 
@@ -78,7 +79,11 @@ class KivBrumeMap {
     size_t index_ = 0;
   };
 
-  KivBrumeMap(std::string name, uint32_t capacity) : name_(std::move(name)), capacity_(capacity) {}
+  // Naming the registration makes every table type of the system known to
+  // the table survey (mroutectl dumps, looks up and follows it by type).
+  KivBrumeMap(std::string name, uint32_t capacity) : name_(std::move(name)), capacity_(capacity) {
+    (void)Brume::Survey::kStoredTypeRegistered<Stored>;
+  }
   KivBrumeMap(const KivBrumeMap&) = delete;
   KivBrumeMap& operator=(const KivBrumeMap&) = delete;
 

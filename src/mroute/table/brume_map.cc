@@ -18,6 +18,8 @@ namespace {
 constexpr std::string_view kMountEvent = "mount";
 // The event of a table directory that was removed and is watched anew.
 constexpr std::string_view kDirGoneEvent = "directory gone";
+// The event of a reader front looking again after finding the attach lock held.
+constexpr std::string_view kAttachLockEvent = "attach lock retry";
 
 }  // namespace
 
@@ -148,6 +150,7 @@ void BrumeMapBase::unmount() {
   readerMounter_.reset();
   writerMounter_.reset();
   reconnectTimer_.reset();
+  attachLockTimer_.reset();
   clientWatch_.reset();
   client_.close();
   if (server_ != nullptr) {
@@ -188,6 +191,12 @@ void BrumeMapBase::notifyingIs(bool on) { notifying_ = on; }
 void BrumeMapBase::attach() {
   if (AttachLock::busy(root_)) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "BrumeMap " << name_ << " writer is attaching; attach later");
+    if (attachLockTimer_ == nullptr) {
+      attachLockTimer_ = std::make_unique<Mroute::Loop::Timer>(loop_, [this] {
+        if (readerMounter_ != nullptr) readerMounter_->notify(kAttachLockEvent);
+      });
+    }
+    attachLockTimer_->startOneShot(options_.attachLockRetry);
     return;
   }
   const uint32_t ember = attachFiles();

@@ -52,6 +52,10 @@ struct BrumeMapOptions {
   std::chrono::milliseconds ackTimeout{2000};
   // Retry period of a reader front's connection to a writer that went away.
   std::chrono::milliseconds reconnectPeriod{1000};
+  // A reader front that finds a writer attaching (the attach lock held)
+  // looks again after this long, instead of waiting for the remount period:
+  // the writer's last file events may all fall inside the lock.
+  std::chrono::milliseconds attachLockRetry{20};
   ReaderMounter::SystemLog systemLog = &ReaderMounter::systemLog;
 };
 
@@ -173,6 +177,7 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   NotifyClient client_;
   std::unique_ptr<Mroute::Loop::FdWatch> clientWatch_;
   std::unique_ptr<Mroute::Loop::Timer> reconnectTimer_;
+  std::unique_ptr<Mroute::Loop::Timer> attachLockTimer_;
 };
 
 }  // namespace Brume

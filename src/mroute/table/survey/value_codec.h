@@ -2,12 +2,16 @@
 // from the table's files: a registry of stored value types by the name the
 // slot file records (valueType) and their size.
 //
-// Whoever knows a stored type registers it once (a tool at start, a library
-// unit from a static initialiser): registerStoredType<Stored>() derives the
-// text form, the key's text, the key hash and, given a key parser, the
-// look-up by key, from the type's own operations. A table of an unregistered
-// type is still listed, validated (without the key-hash check) and dumped,
-// its values then shown as bytes.
+// Every table type registers itself: the table collection of the entity
+// model names kStoredTypeRegistered<Stored> in its constructor, so each
+// stored type that a linked unit can put in a table is known by the time
+// main() runs. registerStoredType<Stored>() derives the text form, the key's
+// text, the key hash, the look-up by key (when the key type reads its own
+// text: a static fromText(), as generated value types have, or an integer)
+// and the follower of changes from the type's own operations; a tool may
+// register a type again to show its keys its own way. A table of an
+// unregistered type is still listed, validated (without the key-hash check)
+// and dumped, its values then shown as bytes.
 //
 // Thread-safety: register before reading from other threads; afterwards
 // look-ups only read.
@@ -23,15 +27,17 @@
 #include <string_view>
 #include <vector>
 
+#include <charconv>
+#include <concepts>
+#include <memory>
+
 #include "mroute/table/engine/brume_ops.h"
 #include "mroute/table/engine/brume_reader.h"
 #include "mroute/table/shm/brume_hash.h"
 #include "mroute/table/shm/root_path.h"
+#include "mroute/table/survey/table_follower.h"
 
 namespace Brume::Survey {
-
-// Bytes of one stored value (the value wrapper, as in its slot).
-using ValueBytes = std::vector<unsigned char>;
 
 struct ValueCodec {
   std::string typeName;  // the slot file's valueType
@@ -48,6 +54,10 @@ struct ValueCodec {
   // reader cannot use. Null: the type's
   // keys cannot be read from text.
   std::function<std::optional<ValueBytes>(const Mem::RootPath&, std::string_view key)> lookup;
+  // A shadow reader of the table "<mountPath>/<name>" reporting its changes.
+  std::function<std::unique_ptr<TableFollower>(Mroute::Loop::EventLoop&, std::string_view mountPath,
+                                               std::string_view name, const BrumeMapOptions&)>
+      follow;
 };
 
 // Registers or replaces the codec of codec.typeName.
@@ -59,14 +69,51 @@ const ValueCodec* findValueCodec(std::string_view typeName, uint32_t size);
 // The value of `bytes` as hex, 32 bytes a line ("  " indented lines).
 std::string hexText(const unsigned char* bytes, size_t size);
 
+// A key type that reads its own text form.
+template <typename Key>
+concept KeyFromText = std::integral<Key> || requires(std::string_view t) {
+  { Key::fromText(t) } -> std::convertible_to<Key>;
+};
+
+// A key from its text form. Throws std::invalid_argument naming what is wrong.
+template <KeyFromText Key>
+Key keyFromText(std::string_view text) {
+  if constexpr (std::integral<Key>) {
+    Key k{};
+    const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), k);
+    if (ec != std::errc() || end != text.data() + text.size()) {
+      throw std::invalid_argument("'" + std::string(text) + "' is not a number in the key's range");
+    }
+    return k;
+  } else {
+    try {
+      return Key::fromText(text);
+    } catch (const std::invalid_argument&) {
+      throw;
+    } catch (const std::exception& e) {
+      throw std::invalid_argument(e.what());
+    }
+  }
+}
+
 // The codec of a table storing `Stored` (a KivBrumeMapValueWrapper) with
 // DefaultOps. `parseKey`, when given, reads a key from the operator's text
-// (throwing std::invalid_argument when it cannot) and enables look-ups;
-// `showKey`, when given, replaces the key's printed form.
+// (throwing std::invalid_argument when it cannot) instead of the key type's
+// own reader; `showKey`, when given, replaces the key's printed form.
 template <typename Stored>
 ValueCodec codecOf(std::function<typename Stored::KeyType(std::string_view)> parseKey = nullptr,
                    std::function<std::string(const typename Stored::KeyType&)> showKey = nullptr) {
-  using Ops = DefaultOps<typename Stored::KeyType, Stored>;
+  using Key = typename Stored::KeyType;
+  using Ops = DefaultOps<Key, Stored>;
+  if constexpr (KeyFromText<Key>) {
+    if (!parseKey) parseKey = [](std::string_view text) { return keyFromText<Key>(text); };
+  }
+  auto show = [showKey](const Key& key) {
+    if (showKey) return showKey(key);
+    std::ostringstream os;
+    Ops::print(os, key);
+    return os.str();
+  };
   auto load = [](const unsigned char* p) {
     Stored s;
     std::memcpy(static_cast<void*>(&s), p, sizeof s);
@@ -80,12 +127,10 @@ ValueCodec codecOf(std::function<typename Stored::KeyType(std::string_view)> par
     os << load(p).value;
     return os.str();
   };
-  c.keyText = [load, showKey](const unsigned char* p) {
-    const auto key = Ops::keyOf(load(p));
-    if (showKey) return showKey(key);
-    std::ostringstream os;
-    Ops::print(os, key);
-    return os.str();
+  c.keyText = [load, show](const unsigned char* p) { return show(Ops::keyOf(load(p))); };
+  c.follow = [show](Mroute::Loop::EventLoop& loop, std::string_view mountPath, std::string_view name,
+                    const BrumeMapOptions& options) -> std::unique_ptr<TableFollower> {
+    return std::make_unique<TypedFollower<Ops>>(loop, mountPath, name, options, show);
   };
   c.rhash = [load](const unsigned char* p) { return bitReverse(Ops::hash(Ops::keyOf(load(p)))); };
   c.keyLess = [load](const unsigned char* a, const unsigned char* b) {
@@ -98,9 +143,7 @@ ValueCodec codecOf(std::function<typename Stored::KeyType(std::string_view)> par
       if (!reader.initialize()) throw std::runtime_error("its files cannot be read as a reader reads them");
       Stored s;
       if (!reader.lookup(key, s)) return std::nullopt;
-      ValueBytes bytes(sizeof s);
-      std::memcpy(bytes.data(), static_cast<const void*>(&s), sizeof s);
-      return bytes;
+      return bytesOf(s);
     };
   }
   return c;
@@ -111,6 +154,11 @@ void registerStoredType(std::function<typename Stored::KeyType(std::string_view)
                         std::function<std::string(const typename Stored::KeyType&)> showKey = nullptr) {
   registerValueCodec(codecOf<Stored>(std::move(parseKey), std::move(showKey)));
 }
+
+// True once the codec of `Stored` is registered: naming it in a table type's
+// constructor registers the type before main() (static initialisation).
+template <typename Stored>
+inline const bool kStoredTypeRegistered = (registerStoredType<Stored>(), true);
 
 // One entry as read from a table: its slot and its value's bytes.
 struct StoredEntry {
