@@ -21,6 +21,11 @@ echo "$out" | grep -q '^   260  maxBitIndexMaps  *const  *uint32_t = 65536$' || 
 out=$("$mroutectl" types Routing::Multicast::Fib::Config) || fail "types Config exited $?"
 echo "$out" | grep -q '^   267  clearMfibCount  *counter  *uint8_t = 0$' || fail "counter row: $out"
 
+# A derived entity lists what it inherits, its base's ids first.
+out=$("$mroutectl" types Routing::Multicast::Notify::MrtStockSocketPam) || fail "types MrtStockSocketPam exited $?"
+echo "$out" | grep -q '^   258  readableCount  *counter' || fail "inherited row: $out"
+echo "$out" | grep -q '  rxFiltered  *counter' || fail "own row: $out"
+
 out=$("$mroutectl" types Orvet::MrtMessageType) || fail "types MrtMessageType exited $?"
 echo "$out" | grep -q '^     2  wholePktAlert$' || fail "literal row: $out"
 

@@ -43,7 +43,7 @@ ENTITY_DEFS = '''
 {{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName{{BASE_ARGS}}){{CTOR_INITS}} {{{CALL_INIT}}}
 
 const Kiv::TypeRecord& {{NAME}}::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{{ATTRS}}});
+  static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{ATTR_LIST}});
   return record;
 }
 {{DEFS}}
@@ -299,7 +299,9 @@ def emit_entity(ns, t, enums):
                       BASE_ARGS=', %s' % t.parent_args if t.parent_args else '', CTOR_PARAMS=params.replace(' = {}', ''),
                       CTOR_INITS=ctor_inits,
                       CALL_INIT=''.join(' %s' % c for c in ctor_checks + (['doInit();'] if t.init else []))
-                      + (' ' if ctor_checks or t.init else ''), ATTRS=', '.join(attrs),
+                      + (' ' if ctor_checks or t.init else ''),
+                      ATTR_LIST=('Kiv::withInherited(%s::type(), {%s})' % (t.parent, ', '.join(attrs))) if t.parent
+                      else '{%s}' % ', '.join(attrs),
                       DEFS='\n'.join(defs) + '\n', RESET=reset, IS_DEFAULT=is_default, INIT_DEF=init_def,
                       FACTORY=factory_def) + log_defs
     return decl, after, definition, enum_defs, registers

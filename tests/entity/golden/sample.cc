@@ -295,7 +295,7 @@ Entry Entry::fromText(std::string_view text) {
 Branch::Branch(const Kiv::Name& entityName) : Leaf(entityName) {}
 
 const Kiv::TypeRecord& Branch::type() {
-  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Branch", Kiv::TypeKind::entity, {}, {{"length", 259, "attr", "uint16_t", "3", 0, ""}});
+  static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Branch", Kiv::TypeKind::entity, {}, Kiv::withInherited(Leaf::type(), {{"length", 259, "attr", "uint16_t", "3", 0, ""}}));
   return record;
 }
 

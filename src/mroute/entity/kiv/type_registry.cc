@@ -44,6 +44,12 @@ const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<Enum
   return rec;
 }
 
+std::vector<AttrRecord> withInherited(const TypeRecord& base, std::vector<AttrRecord> own) {
+  std::vector<AttrRecord> all = base.attributes;
+  all.insert(all.end(), own.begin(), own.end());
+  return all;
+}
+
 const TypeRecord* findType(std::string_view name) {
   Registry& r = registry();
   auto it = r.byName.find(name);

@@ -47,6 +47,9 @@ struct TypeRecord {
 const TypeRecord& registerType(std::string name, TypeKind kind, std::vector<EnumLiteral> literals = {},
                                std::vector<AttrRecord> attributes = {});
 
+// A derived entity's attributes: its base's (the lower ids) and then its own.
+std::vector<AttrRecord> withInherited(const TypeRecord& base, std::vector<AttrRecord> own);
+
 // "entity", "value" or "enumeration".
 const char* typeKindName(TypeKind kind);
 
