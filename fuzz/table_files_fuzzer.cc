@@ -64,8 +64,11 @@ void readerWalk(const Mem::RootPath& root) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char tmpl[] = "/tmp/mroute-fuzz-XXXXXX";
-  const char* root = ::mkdtemp(tmpl);
+  // Memory-backed when there is /dev/shm: a run writes the files millions of times.
+  char shm[] = "/dev/shm/mroute-fuzz-XXXXXX";
+  char tmp[] = "/tmp/mroute-fuzz-XXXXXX";
+  const char* root = ::mkdtemp(shm);
+  if (!root) root = ::mkdtemp(tmp);
   if (!root) std::abort();
   ::setenv("MROUTE_SHM_ROOT", root, 1);
   tableDir = std::string(root) + "/" + kTable;

@@ -17,10 +17,13 @@ using namespace Routing::Multicast::Notify;
 
 namespace {
 
+// The bytes before the copy of the packet in a whole-packet upcall.
 #ifdef MROUTE_FUZZ_IPV6
 const Orvet::AddressFamily kFamily = Orvet::ipv6();
+size_t headerBytes(const uint8_t*) { return 40; }
 #else
 const Orvet::AddressFamily kFamily = Orvet::ipv4();
+size_t headerBytes(const uint8_t* data) { return (data[0] & 0x0fu) * 4; }
 #endif
 
 struct Reader {
@@ -49,11 +52,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!pkt) std::abort();  // a packet the manager kept was never given back
   pkt->dataIs(std::string_view(reinterpret_cast<const char*>(data), size));
   const uint64_t before = handled(*r.mgr);
+  const uint32_t wholeBefore = r.mgr->wholePktCounter();
   r.mgr->readMrtMessage(pkt, r.vifs);
   // One datagram is at most one message or one truncation.
   if (handled(*r.mgr) - before > 1) std::abort();
-  // A whole packet keeps only what follows the upcall header.
-  const auto& whole = r.mgr->wholePktMessage()->rcvdPkt();
-  if (whole && whole->size() > size) std::abort();
+  // A whole packet is handed on as exactly the bytes after the upcall header.
+  if (r.mgr->wholePktCounter() != wholeBefore) {
+    const Kiv::Ptr<Orvet::Pkt> whole = r.mgr->wholePktMessage()->rcvdPkt();
+    const size_t header = headerBytes(data);
+    if (!whole || header > size || whole->view() != std::string_view(reinterpret_cast<const char*>(data) + header,
+                                                                     size - header)) {
+      std::abort();
+    }
+  }
   return 0;
 }
