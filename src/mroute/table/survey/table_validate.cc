@@ -185,6 +185,7 @@ std::string headerFindingOnce(const Mem::RootPath& root) {
   if (!sh->validate(slots.size, sh->slotSize, ember, &why)) return "slots: " + why;
   Snapshot buckets;
   if (!buckets.read(root.file(kBucketFileName))) return "buckets: " + buckets.error;
+  if (buckets.size < sizeof(BucketTable::Header)) return "buckets: shorter than its header";
   const auto* bh = static_cast<const BucketTable::Header*>(buckets.base());
   if (!bh->validate(buckets.size, ember, &why)) return "buckets: " + why;
   return "";
