@@ -15,6 +15,13 @@ if [ "${1:-}" = bench ]; then
   [ -f /usr/include/boost/interprocess/managed_shared_memory.hpp ] || need+=(libboost-dev)
   [ -f /usr/include/lmdb.h ] || need+=(liblmdb-dev)
 fi
+# The fuzz harnesses: clang with its libFuzzer and sanitizer runtimes.
+if [ "${1:-}" = fuzz ]; then
+  command -v clang++ >/dev/null || need+=(clang)
+  if ! command -v clang++ >/dev/null || [ ! -f "$(clang++ -print-file-name=libclang_rt.fuzzer-x86_64.a)" ]; then
+    need+=(libclang-rt-dev)
+  fi
+fi
 # mroutectl's argument parsing and JSON (header-only; the library uses neither).
 [ -f /usr/include/CLI/CLI.hpp ] || need+=(libcli11-dev)
 [ -f /usr/include/nlohmann/json.hpp ] || need+=(nlohmann-json3-dev)

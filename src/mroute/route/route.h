@@ -9,7 +9,7 @@
 //   offset  56  IntfId         iifFrr              fast-reroute iif; null when none
 //   offset  64  IntfId         notify              null when none
 //   offset  72  IntfId         fastdrop            null when none
-//   offset  80  bool           notifyProgrammable
+//   offset  80  uint8          notifyProgrammable  0 or 1; any other byte reads as 1
 //   offset  81  uint8[3]       padding, zero
 //   offset  84  uint32         routeFlags
 //   offset  88  uint32         iifFlags
@@ -68,7 +68,7 @@ class Route {
   void notifyIs(Orvet::IntfId v) { notify_ = v; }
   Orvet::IntfId fastdrop() const { return fastdrop_; }
   void fastdropIs(Orvet::IntfId v) { fastdrop_ = v; }
-  bool notifyProgrammable() const { return notifyProgrammable_; }
+  bool notifyProgrammable() const { return notifyProgrammable_ != 0; }
   void notifyProgrammableIs(bool v) { notifyProgrammable_ = v; }
   RouteFlags routeFlags() const { return routeFlags_; }
   void routeFlagsIs(RouteFlags v) { routeFlags_ = v; }
@@ -133,7 +133,9 @@ class Route {
   Orvet::IntfId iifFrr_;
   Orvet::IntfId notify_;
   Orvet::IntfId fastdrop_;
-  bool notifyProgrammable_ = false;
+  // A byte, not a bool: a slot another process wrote may hold any byte here,
+  // and loading a bool that is neither 0 nor 1 is undefined.
+  uint8_t notifyProgrammable_ = 0;
   uint8_t pad0_[3] = {};
   RouteFlags routeFlags_;
   IifFlags iifFlags_;

@@ -152,7 +152,7 @@ class BrumeMap : public BrumeMapBase {
   // Removes the table's files (and the channel's socket) and unmounts.
   void cleanup() { cleanupBase(); }
   // The header checks of the files; validate() adds the deep check.
-  bool validate(std::string* why = nullptr) {
+  bool validate(std::string* why = nullptr) override {
     if (mode() != BrumeType::writer) throw Pavo::NoPermissionException("validate to read-only Brume table");
     return writer_->validate(why);
   }

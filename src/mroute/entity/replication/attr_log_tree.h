@@ -26,7 +26,7 @@
 
 namespace Kiv::NboAttrLog {
 
-class TreePublisher : public FlowOutClient {
+class TreePublisher final : public FlowOutClient {
  public:
   TreePublisher(const Ptr<Entity>& root, const AttrLogType& type, const Ptr<Out>& out, uint64_t incarnation);
   ~TreePublisher();

@@ -66,7 +66,10 @@ int EventLoop::runOnce(std::chrono::milliseconds timeout) {
   }
   int ran = 0;
   for (int i = 0; i < n; ++i) {
-    auto it = registrations_.find(events[i].data.u64);
+    // epoll_event is packed: copy the token out rather than bind a reference
+    // to a misaligned field.
+    const uint64_t token = events[i].data.u64;
+    auto it = registrations_.find(token);
     if (it == registrations_.end()) continue;  // removed by an earlier callback of this batch
     // Holding the registration keeps the callbacks alive even if the watcher
     // is destroyed while one of them runs.

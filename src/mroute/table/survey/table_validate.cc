@@ -126,6 +126,8 @@ std::vector<std::string> checkOnce(const Mem::RootPath& root) {
   const BucketTable::Header* bh = nullptr;
   if (!buckets.read(root.file(kBucketFileName))) {
     findings.push_back("buckets: " + buckets.error);
+  } else if (buckets.size < sizeof(BucketTable::Header)) {
+    findings.push_back("buckets: shorter than its header");
   } else {
     bh = static_cast<const BucketTable::Header*>(buckets.base());
     bucketsOk = bh->validate(buckets.size, ember, &why);
@@ -183,6 +185,7 @@ std::string headerFindingOnce(const Mem::RootPath& root) {
   if (!sh->validate(slots.size, sh->slotSize, ember, &why)) return "slots: " + why;
   Snapshot buckets;
   if (!buckets.read(root.file(kBucketFileName))) return "buckets: " + buckets.error;
+  if (buckets.size < sizeof(BucketTable::Header)) return "buckets: shorter than its header";
   const auto* bh = static_cast<const BucketTable::Header*>(buckets.base());
   if (!bh->validate(buckets.size, ember, &why)) return "buckets: " + why;
   return "";
