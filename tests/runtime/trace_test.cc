@@ -62,6 +62,16 @@ TEST(Trace, WildcardAppliesToFacilitiesCreatedLater) {
   auto& fac = Mroute::Trace::facility("Test::LateOne");
   EXPECT_TRUE(fac.enabled(1));
   EXPECT_FALSE(fac.enabled(2));
+  // The last rule that matches decides, however often settings are applied.
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(Mroute::Trace::configure("Test::Order*/1"));
+    ASSERT_TRUE(Mroute::Trace::configure("Test::OrderA/2"));
+  }
+  EXPECT_EQ(Mroute::Trace::facility("Test::OrderA").levels(), 1u << 2);
+  EXPECT_EQ(Mroute::Trace::facility("Test::OrderB").levels(), 1u << 1);
+  ASSERT_TRUE(Mroute::Trace::configure("Test::Ord*/3"));
+  EXPECT_EQ(Mroute::Trace::facility("Test::OrderC").levels(), 1u << 3);
+  EXPECT_EQ(Mroute::Trace::facility("Test::OrderA").levels(), 1u << 3);
 }
 
 TEST(Trace, DisabledTraceDoesNotEvaluateItsArguments) {

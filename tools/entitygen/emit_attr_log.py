@@ -38,7 +38,7 @@ class {{NAME}}::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public {{NAME}}::Noti
 {{FORWARDS}}
 
  private:
-  KivNboAttrLogSa& sa_;
+  [[maybe_unused]] KivNboAttrLogSa& sa_;  // an entity with nothing to forward leaves it unused
 };
 
 {{NAME}}::KivNboAttrLogSa::~KivNboAttrLogSa() = default;

@@ -147,7 +147,10 @@ def emit_value(ns, t, enums):
         reads.append('\n  Kiv::readInto<%s>(r, "%s", [&v](%s x) { v.%sIs(x); });'
                      % (f.type, f.name, param(f.type, enums), f.name))
         if not word:
-            storage.append('  %s %s_ = %s;' % (f.type, f.name, f.default or '{}'))
+            # A value may be read from bytes another process wrote: a flag is
+            # kept as a byte and read as != 0, so no byte is an invalid bool.
+            stored = 'uint8_t' if f.type == 'bool' else f.type
+            storage.append('  %s %s_ = %s;' % (stored, f.name, f.default or '{}'))
         sets.append('\n  %sIs(%s);' % (f.name, f.name))
     if word:
         storage.append('  %s bits_ = %d;' % (word, initial))

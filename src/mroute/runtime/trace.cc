@@ -29,6 +29,23 @@ bool matches(const std::string& pattern, std::string_view name) {
   return pattern == name;
 }
 
+// Whether every facility `earlier` matches is matched by `later` too: the
+// later rule then decides for all of them.
+bool covers(const std::string& later, const std::string& earlier) {
+  if (later.empty() || later.back() != '*') return later == earlier;
+  std::string_view prefix = std::string_view(later).substr(0, later.size() - 1);
+  return std::string_view(earlier).substr(0, prefix.size()) == prefix;
+}
+
+// Appends `added`, dropping the rules it overrides, so that applying the same
+// setting again and again keeps the list as it is.
+void appendRules(std::vector<Rule>& rules, const std::vector<Rule>& added) {
+  std::erase_if(rules, [&](const Rule& old) {
+    return std::any_of(added.begin(), added.end(), [&](const Rule& r) { return covers(r.pattern, old.pattern); });
+  });
+  rules.insert(rules.end(), added.begin(), added.end());
+}
+
 // Reads a setting into rules; returns what is wrong with it, one message per
 // bad item, or "" when every item is well formed.
 std::string parseSetting(std::string_view setting, std::vector<Rule>& out) {
@@ -88,7 +105,7 @@ class Registry {
     std::vector<Rule> parsed;
     if (!parseSetting(setting, parsed).empty()) return false;
     std::lock_guard lock(mutex_);
-    rules_.insert(rules_.end(), parsed.begin(), parsed.end());
+    appendRules(rules_, parsed);
     for (auto& [name, fac] : facilities_) applyRules(*fac);
     return true;
   }
@@ -118,7 +135,7 @@ class Registry {
     std::lock_guard lock(mutex_);
     for (auto& [name, fac] : facilities_) saved.emplace(name, fac->levels());
     savedRules_ = rules_;
-    rules_.insert(rules_.end(), parsed.begin(), parsed.end());
+    appendRules(rules_, parsed);
     for (auto& [name, fac] : facilities_) applyRules(*fac);
     capturing_ = true;
     captured_.clear();

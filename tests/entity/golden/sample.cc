@@ -84,7 +84,7 @@ class Leaf::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Leaf::NotifieeCons
   void onWeight() override { sa_.onWeight(); }
 
  private:
-  KivNboAttrLogSa& sa_;
+  [[maybe_unused]] KivNboAttrLogSa& sa_;  // an entity with nothing to forward leaves it unused
 };
 
 Leaf::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
@@ -177,7 +177,7 @@ class Holder::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Holder::Notifiee
   void onSpan() override { sa_.onSpan(); }
 
  private:
-  KivNboAttrLogSa& sa_;
+  [[maybe_unused]] KivNboAttrLogSa& sa_;  // an entity with nothing to forward leaves it unused
 };
 
 Holder::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
@@ -314,7 +314,7 @@ class Branch::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Branch::Notifiee
   void onLength() override { sa_.onLength(); }
 
  private:
-  KivNboAttrLogSa& sa_;
+  [[maybe_unused]] KivNboAttrLogSa& sa_;  // an entity with nothing to forward leaves it unused
 };
 
 Branch::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
@@ -425,7 +425,7 @@ class Tree::KivNboAttrLogSa::KivNboAttrLogSaAdapter_ : public Tree::NotifieeCons
   void onEntries(const uint32_t& k) override { sa_.onEntries(k); }
 
  private:
-  KivNboAttrLogSa& sa_;
+  [[maybe_unused]] KivNboAttrLogSa& sa_;  // an entity with nothing to forward leaves it unused
 };
 
 Tree::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
