@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "table/brume_map_test_util.h"
+#include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 #include "mroute/table/internal/front_restamp.h"
 #include "mroute/table/shm_root.h"
@@ -16,13 +16,11 @@
 namespace {
 
 using Brume::BrumeType;
-using FrontTest::fastOptions;
-using FrontTest::RecordMap;
-using FrontTest::runUntil;
-using TableTest::value;
+using namespace TableTest;
+using Testing::runUntil;
 
 TEST(ShmRootTest, RefusesPathsThatLeaveTheRoot) {
-  FrontTest::ShmRootScope scope;
+  Testing::ShmRootScope scope;
   const struct {
     const char* mount;
     const char* name;
@@ -75,7 +73,7 @@ struct Changes {
 
 class BrumeMapFrontTest : public ::testing::Test {
  protected:
-  FrontTest::ShmRootScope scope_;
+  Testing::ShmRootScope scope_;
   Mroute::Loop::EventLoop loop_;
 };
 
@@ -162,7 +160,7 @@ TEST_F(BrumeMapFrontTest, ReadersCreateNothingAndAttachWhenTheWriterMakesTheTabl
   for (int i = 0; i < 5; ++i) loop_.runOnce(std::chrono::milliseconds(5));
   EXPECT_FALSE(std::filesystem::exists(scope_.dir())) << "a reader created the root";
   {
-    FrontTest::ShmRootScope outside("missing");
+    Testing::ShmRootScope outside("missing");
     RecordMap lost(loop_, "a", "t", BrumeType::reader, slow);
     EXPECT_FALSE(std::filesystem::exists(outside.dir()));
   }

@@ -7,42 +7,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
-#include <map>
 #include <random>
-#include <thread>
 
-#include "table/brume_map_test_util.h"
+#include "table/table_test_util.h"
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 
 namespace {
 
 using Brume::BrumeType;
-using FrontTest::fastOptions;
-using FrontTest::RecordMap;
-using FrontTest::runUntil;
-using TableTest::value;
+using namespace TableTest;
+using Testing::runUntil;
 
 constexpr const char* kMount = "routing/multicast/fib";
 constexpr const char* kName = "route";
-
-// Runs body in a forked child process; the child never returns into the test.
-pid_t spawn(const std::function<void()>& body) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    int code = 0;
-    try {
-      body();
-    } catch (...) {
-      code = 3;
-    }
-    ::_exit(code);
-  }
-  return pid;
-}
 
 // Starts this test program again as a fresh process (its own writer
 // incarnation) running only FrontProcessChild.<role>.
@@ -79,7 +60,7 @@ struct Watch {
 
 class FrontProcessTest : public ::testing::Test {
  protected:
-  FrontTest::ShmRootScope scope_{"proc"};
+  Testing::ShmRootScope scope_{"proc"};
   Mroute::Loop::EventLoop loop_;
 };
 
@@ -181,7 +162,7 @@ TEST_F(FrontProcessTest, WriterKilledMidChurnAndRestartedIsFollowedOnce) {
     EXPECT_EQ(w->bad, 0u);
   }
   uint64_t seen = 0;
-  reader.forEach([&](const TableTest::RecordValue& v) {
+  reader.forEach([&](const RecordValue& v) {
     ++seen;
     EXPECT_TRUE(v.value.check());
     EXPECT_EQ(v.value.version, 1000000u);
@@ -218,21 +199,20 @@ TEST_F(FrontProcessTest, CorruptionReportReachesTheWriterAndIsTracedOnce) {
   writer.write(value(1));
   const std::string finding = "BrumeReader::first() corrupt key detected, key:1";
   const Mem::RootPath root = writer.root();
-  const pid_t reporter = spawn([&] {
+  const pid_t reporter = ::fork();
+  if (reporter == 0) {  // another process reports the same finding twice
     for (int i = 0; i < 2; ++i) {
       Brume::writeCorruptionMarker(Mem::systemShmFs(), root, finding);
       ::usleep(50000);
     }
-  });
-  int status = 0;
-  ::waitpid(reporter, &status, 0);
+    ::_exit(0);
+  }
+  ASSERT_EQ(::waitpid(reporter, nullptr, 0), reporter);
   ASSERT_TRUE(runUntil(loop_, [&] {
     return sink.contains("Mroute::Brume", "WriterMounter::notify() brume validation ok");
   }));
   for (int i = 0; i < 20; ++i) loop_.runOnce(std::chrono::milliseconds(5));
-  int reports = 0;
-  for (const auto& l : sink.lines()) reports += l.text == "WriterMounter::notify() corruptDetected: " + finding;
-  EXPECT_EQ(reports, 1);
+  EXPECT_EQ(std::ranges::count(sink.texts("Mroute::Brume"), "WriterMounter::notify() corruptDetected: " + finding), 1);
   EXPECT_EQ(writer.writerMounter()->lastReport(), finding);
   uint32_t ember = 0;
   ASSERT_TRUE(Brume::readEmber(Mem::systemShmFs(), root, &ember));

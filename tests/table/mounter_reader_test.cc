@@ -2,6 +2,7 @@
 // are ignored, the remount timer, its traces and the "CANARY: " line.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -133,9 +134,7 @@ TEST_F(ReaderMounterTest, TimeoutRetriesThenReportsCanary) {
   const std::string retry =
       "ReaderMounter::timeout() start retrying to mount /dev/shm/mroute/routing/t. This message can be safely "
       "ignored if the writer is not running.";
-  int retries = 0;
-  for (const auto& l : sink_.lines()) retries += l.text == retry;
-  EXPECT_EQ(retries, 1);
+  EXPECT_EQ(std::ranges::count(sink_.texts("Mroute::Brume"), retry), 1);
   EXPECT_TRUE(gSyslog.empty());
 
   front_.fileId = 9;  // the writer formatted the table

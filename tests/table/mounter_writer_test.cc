@@ -2,6 +2,7 @@
 // validation failure raised, success rewrites the ember.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -46,11 +47,7 @@ class WriterMounterTest : public ::testing::Test {
  protected:
   void SetUp() override { std::filesystem::create_directories(dir_.dir()); }
   void mark(const std::string& text) { std::ofstream(dir_.file("corruption-detected")) << text << "\n"; }
-  int count(const std::string& text) const {
-    int n = 0;
-    for (const auto& l : sink_.lines()) n += l.text == text;
-    return n;
-  }
+  auto count(const std::string& text) const { return std::ranges::count(sink_.texts("Mroute::Brume"), text); }
   TableTest::TempRoot dir_{"wm"};
   Mroute::Trace::CaptureSink sink_{"Mroute::Brume/0-9"};
   FakeWriter front_;

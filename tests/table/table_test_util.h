@@ -1,15 +1,28 @@
-// Helpers of the table tests: a private table directory per test and a test
-// record that carries its key, a version and a checksum.
+// Helpers of the table tests: a private table directory per test, a test
+// record that carries its key, a version and a checksum, raw access to table
+// and queue files behind the writer's back (to corrupt them), a file system
+// that fails on demand, and the front's record table with short timers.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <set>
 #include <string>
 
-#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/brume_map.h"
 #include "mroute/table/engine/brume_ops.h"
-#include "mroute/table/shm/root_path.h"
+#include "mroute/table/engine/brume_reader.h"
+#include "mroute/table/engine/brume_writer.h"
 #include "mroute/table/engine/table_config.h"
 #include "mroute/table/engine/value_wrapper.h"
+#include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/brume_hash.h"
+#include "mroute/table/shm/root_path.h"
+#include "mroute/table/shm/shm_file.h"
 #include "testing/shm_root_scope.h"
 
 namespace TableTest {
@@ -48,6 +61,9 @@ struct Record {
 
 using RecordValue = KivBrume::KivBrumeMapValueWrapper<Record, uint64_t, &Record::key>;
 using RecordOps = Brume::DefaultOps<uint64_t, RecordValue>;
+using Writer = Brume::BrumeWriter<RecordOps>;
+using Reader = Brume::BrumeReader<RecordOps>;
+using RecordMap = Brume::BrumeMap<uint64_t, RecordValue, RecordOps>;
 
 // The stored value of key at version.
 inline RecordValue value(uint64_t key, uint64_t version = 1) { return RecordValue(Record::make(key, version)); }
@@ -61,20 +77,17 @@ inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
   return c;
 }
 
-}  // namespace TableTest
-
-#include <gtest/gtest.h>
-
-#include <set>
-
-#include "mroute/table/engine/brume_reader.h"
-#include "mroute/table/engine/brume_writer.h"
-#include "mroute/table/shm/shm_file.h"
-
-namespace TableTest {
-
-using Writer = Brume::BrumeWriter<RecordOps>;
-using Reader = Brume::BrumeReader<RecordOps>;
+// Front options with short timers.
+inline Brume::BrumeMapOptions fastOptions() {
+  Brume::BrumeMapOptions o;
+  o.table.initialSize = 64;
+  o.table.maxSize = 1 << 16;
+  o.remountPeriod = std::chrono::milliseconds(50);
+  o.ackTimeout = std::chrono::milliseconds(300);
+  o.reconnectPeriod = std::chrono::milliseconds(20);
+  o.systemLog = nullptr;
+  return o;
+}
 
 // Slot i of a "slots" file of Records: after the 184-byte header and the
 // lookaside slot.
@@ -116,6 +129,47 @@ class RawFile {
 
  private:
   Mem::ShmFile file_;
+};
+
+// A fresh directory in the shared-memory file system per test, and raw
+// read-write access to its queue files.
+class ShmDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir_, nullptr)); }
+
+  struct Raw {
+    Mem::ShmFile file;
+    Brume::ConquerTable::Header& header() { return *Brume::ConquerTable::header(file.base()); }
+    Brume::ConquerTable::Entry& entry(uint32_t pos) { return *Brume::ConquerTable::entry(file.base(), pos); }
+  };
+  void openRaw(uint32_t table, Raw* raw) {
+    bool created;
+    ASSERT_TRUE(raw->file.openOrCreate(Mem::joinPath(dir_, Brume::ConquerTable::kFileNames[table]), &created));
+    ASSERT_TRUE(raw->file.map(raw->file.fileSize()));
+  }
+
+  Testing::ScratchDir scratch_{"shm"};
+  const std::string dir_ = scratch_.dir();
+};
+
+// Fails ftruncate, mmap or mremap with ENOMEM, or reserving space with
+// ENOSPC (a full file system), on demand; everything else is real.
+class FailingFs : public Mem::SystemShmFs {
+ public:
+  bool failTruncate = false;
+  bool noSpace = false;
+  bool failMmap = false;
+  bool failMremap = false;
+  int fallocate(int fd, off_t o, off_t n) override {
+    return noSpace ? (errno = ENOSPC, -1) : SystemShmFs::fallocate(fd, o, n);
+  }
+  int ftruncate(int fd, off_t n) override { return failTruncate ? (errno = ENOMEM, -1) : SystemShmFs::ftruncate(fd, n); }
+  void* mmap(size_t n, int prot, int fd) override {
+    return failMmap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mmap(n, prot, fd);
+  }
+  void* mremap(void* p, size_t o, size_t n) override {
+    return failMremap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mremap(p, o, n);
+  }
 };
 
 }  // namespace TableTest

@@ -17,10 +17,8 @@ using namespace TableTest;
 
 constexpr uint64_t kKeys = 300;
 
-Brume::TableConfig config() {
-  Brume::TableConfig c;
-  c.name = "corrupt";
-  c.initialSize = 64;
+Brume::TableConfig shrinking() {
+  Brume::TableConfig c = config(64);
   c.shrinkSlots = true;
   return c;
 }
@@ -37,7 +35,7 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
   // links and status words), otherwise anywhere.
   Flip fill(std::mt19937_64& rng) {
     {
-      Writer w(dir_->root(), config());
+      Writer w(dir_->root(), shrinking());
       EXPECT_TRUE(w.attach());
       for (uint64_t k = 0; k < kKeys; ++k) w.write(value(k, 1));
       for (uint64_t k = 0; k < kKeys; k += 7) w.remove(k);
@@ -94,7 +92,7 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
   }
 
   void writeAgain() {
-    Writer w(dir_->root(), config());
+    Writer w(dir_->root(), shrinking());
     ASSERT_TRUE(w.attach());
     std::string why;
     EXPECT_TRUE(w.validate(&why)) << why;

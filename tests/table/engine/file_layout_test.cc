@@ -165,10 +165,15 @@ TEST(SlotFileLayout, TypeNamesUpTo63Characters) {
                     "SlotTable::Header() class typename: " + n64 + " exceeds 64 characters");
 }
 
-TEST(BucketFileLayout, HeaderChecksInOrder) {
+TEST(BucketFileLayout, EmptyBucketsInSplitOrderThenHeaderChecksInOrder) {
   std::vector<uint64_t> buf(4 + 4);
   BucketTable::format(buf.data(), 7, 4);
   auto* h = static_cast<BucketTable::Header*>(static_cast<void*>(buf.data()));
+  // An empty bucket names the next one in split order (0, 2, 1, 3).
+  EXPECT_EQ(h->buckets()[0].load().ref, 0x80000002u);
+  EXPECT_EQ(h->buckets()[2].load().ref, 0x80000001u);
+  EXPECT_EQ(h->buckets()[1].load().ref, 0x80000003u);
+  EXPECT_EQ(h->buckets()[3].load().ref, 0xFFFFFFFFu);
   std::string why;
   EXPECT_TRUE(h->validate(64, 7, &why)) << why;
   EXPECT_FALSE(h->validate(31, 7, &why));
@@ -191,17 +196,6 @@ TEST(BucketFileLayout, HeaderChecksInOrder) {
   h->magic[7] = 'X';
   EXPECT_FALSE(h->validate(64, 7, &why));
   EXPECT_EQ(why.rfind("BucketTable::validate() bad magic: 0x", 0), 0u);
-}
-
-TEST(BucketFileLayout, EmptyBucketsNameTheNextBucketInSplitOrder) {
-  // Split order of 4 buckets: 0, 2, 1, 3.
-  std::vector<uint64_t> buf(4 + 4);
-  BucketTable::format(buf.data(), 7, 4);
-  auto* h = static_cast<BucketTable::Header*>(static_cast<void*>(buf.data()));
-  EXPECT_EQ(h->buckets()[0].load().ref, 0x80000002u);
-  EXPECT_EQ(h->buckets()[2].load().ref, 0x80000001u);
-  EXPECT_EQ(h->buckets()[1].load().ref, 0x80000003u);
-  EXPECT_EQ(h->buckets()[3].load().ref, 0xFFFFFFFFu);
 }
 
 }  // namespace

@@ -94,18 +94,14 @@ Brume::TableConfig killConfig() {
   }
 }
 
-double killSeconds() {
-  const char* env = std::getenv("MROUTE_KILL_SECONDS");
-  return env != nullptr ? std::atof(env) : 0.0;
-}
-
 TEST(WriterKill, EveryKillLeavesTheJournalledEntriesAndARecoverableTable) {
   TempRoot dir("kill");
   void* mem = ::mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(mem, MAP_FAILED);
   auto* j = new (mem) Journal;
   std::mt19937 rng(20261123);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(killSeconds());
+  const char* env = std::getenv("MROUTE_KILL_SECONDS");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(env ? std::atof(env) : 0.0);
   unsigned long kills = 0, killedIn[kKinds] = {}, recovered = 0, wrong = 0;
   for (uint32_t round = 0; round < 120 || std::chrono::steady_clock::now() < end; ++round) {
     j->running.store(0);

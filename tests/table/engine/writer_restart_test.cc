@@ -10,7 +10,6 @@
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 #include "mroute/table/engine/internal/validator.h"
-#include "table/shm/shm_test_dir.h"
 #include "table/table_test_util.h"
 
 namespace {
@@ -19,7 +18,6 @@ using namespace TableTest;
 
 class WriterRestartTest : public ::testing::Test {
  protected:
-  void expectExactly(uint64_t from, uint64_t to, uint64_t version) { expectTable(dir_.root(), from, to, version); }
   // The deep validator's verdict on the files as they lie, without a writer.
   bool validFiles(std::string* why) {
     RawFile slots(dir_.file("slots"));
@@ -72,7 +70,7 @@ TEST_F(WriterRestartTest, ReformatReplacesFilesUnderAMappedReaderAndKeepsSequenc
   // The notification sequence goes on above what readers have seen.
   w.write(value(1, 3));
   EXPECT_GT(w.sequence(), sequence);
-  expectExactly(1, 2, 3);
+  expectTable(dir_.root(), 1, 2, 3);
 }
 
 TEST_F(WriterRestartTest, ChangedMaximumAndFlagsKeepSoundEntries) {
@@ -88,7 +86,7 @@ TEST_F(WriterRestartTest, ChangedMaximumAndFlagsKeepSoundEntries) {
   EXPECT_FALSE(sink_.contains("Mroute::Brume", "will be lost"));
   EXPECT_EQ(w.maxSize(), 1000u);
   // The header takes the new maximum under a valid checksum: readers attach.
-  expectExactly(0, 100, 1);
+  expectTable(dir_.root(), 0, 100, 1);
   RawFile slots(dir_.file("slots"));
   EXPECT_EQ(slots.at<Brume::SlotTable::Header>(0)->maxSlots, 1000u);
 }
@@ -110,7 +108,7 @@ class KilledWriterState : public WriterRestartTest {
     ASSERT_TRUE(w.attach());
     EXPECT_FALSE(sink_.contains("Mroute::Brume", "will be lost"));
     EXPECT_TRUE(sink_.contains("Mroute::Brume", "BrumeWriter::attach() recovered " + dir_.dir()));
-    expectExactly(0, 127, 1);
+    expectTable(dir_.root(), 0, 127, 1);
     for (uint64_t k = 127; k < 300; ++k) w.write(value(k));
     std::string why;
     EXPECT_TRUE(w.validate(&why)) << why;
@@ -188,7 +186,7 @@ TEST_F(KilledWriterState, InPlaceUpdateInterruptedAfterTheLookasideCopy) {
 }
 
 TEST_F(WriterRestartTest, FullFileSystemIsAnErrorAndKeepsWhatWasWritten) {
-  table_test::FailingFs fs;
+  TableTest::FailingFs fs;
   fs.noSpace = true;
   {
     Writer w(dir_.root(), config(8), fs);
@@ -206,10 +204,10 @@ TEST_F(WriterRestartTest, FullFileSystemIsAnErrorAndKeepsWhatWasWritten) {
   } catch (const Brume::TableFullException& e) {
     EXPECT_NE(std::string(e.what()).find("(the file system is full)"), std::string::npos) << e.what();
   }
-  expectExactly(0, 8, 1);
+  expectTable(dir_.root(), 0, 8, 1);
   fs.noSpace = false;
   w.write(value(8));
-  expectExactly(0, 9, 1);
+  expectTable(dir_.root(), 0, 9, 1);
 }
 
 TEST_F(WriterRestartTest, ShrinkGivesMemoryBackUnderAMappedReader) {

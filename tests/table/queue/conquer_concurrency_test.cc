@@ -35,7 +35,7 @@
 
 #include "mroute/table/queue/conquer_reader.h"
 #include "mroute/table/queue/conquer_writer.h"
-#include "table/shm/shm_test_dir.h"
+#include "table/table_test_util.h"
 
 namespace {
 
@@ -138,7 +138,7 @@ std::string runReader(Mem::ShmFs& fs, const std::string& dir, int ackFd) {
   return fault.str();
 }
 
-class ConquerConcurrencyTest : public table_test::ShmDirTest {
+class ConquerConcurrencyTest : public TableTest::ShmDirTest {
  protected:
   void start(Mem::ShmFs& fs) {
     control_ = Mem::ShmFile(fs);

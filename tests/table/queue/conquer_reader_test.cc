@@ -12,7 +12,7 @@
 #include "mroute/runtime/trace.h"
 #include "mroute/table/queue/conquer_writer.h"
 #include "mroute/table/shm/ember_file.h"
-#include "table/shm/shm_test_dir.h"
+#include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
 namespace {
@@ -26,7 +26,7 @@ using Deliveries = std::vector<std::pair<uint32_t, uint64_t>>;
 constexpr uint32_t kEmber = 0xE1;
 constexpr const char* kFac = "Mroute::Brume";
 
-class ConquerReaderTest : public table_test::ShmDirTest {
+class ConquerReaderTest : public TableTest::ShmDirTest {
  protected:
   // A writer for a table of numSlots slots and a reader of its queue.
   void start(uint32_t numSlots) {

@@ -9,7 +9,7 @@
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/trace.h"
-#include "table/shm/shm_test_dir.h"
+#include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 
 namespace {
@@ -22,7 +22,7 @@ constexpr uint32_t kEmber = 0xE1;
 constexpr uint32_t kTomb = Brume::ConquerTable::kTombstone;
 constexpr const char* kFac = "Mroute::Brume";
 
-class QueueTest : public table_test::ShmDirTest {
+class QueueTest : public TableTest::ShmDirTest {
  protected:
   void SetUp() override {
     ShmDirTest::SetUp();
@@ -227,7 +227,7 @@ TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {
   EXPECT_FALSE(w_->attachConquer(0x10000000u, kEmber));
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() " + dir_ + " initial size of 6442451016 bytes "
                                    "exceeds 2147483648 bytes for 536870912 notifications "));
-  table_test::FailingFs fs;
+  TableTest::FailingFs fs;
   w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{}, fs);
   fs.noSpace = true;
   EXPECT_FALSE(w_->attachConquer(16, kEmber));

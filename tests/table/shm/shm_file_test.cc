@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "table/shm/shm_test_dir.h"
+#include "table/table_test_util.h"
 #include "mroute/table/shm/writer_lock.h"
 #include "mroute/table/shm/versioned_ref.h"
 
@@ -18,7 +18,7 @@ namespace {
 using Mem::ShmAccess;
 using Mem::ShmFile;
 
-class ShmFileTest : public table_test::ShmDirTest {
+class ShmFileTest : public TableTest::ShmDirTest {
  protected:
   std::string path(const char* name) const { return Mem::joinPath(dir_, name); }
 };
@@ -58,7 +58,7 @@ TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
 }
 
 TEST_F(ShmFileTest, InjectedFailuresAreReportedAndKeepTheOldMapping) {
-  table_test::FailingFs fs;
+  TableTest::FailingFs fs;
   ShmFile f(fs);
   bool created;
   ASSERT_TRUE(f.openOrCreate(path("slots"), &created));

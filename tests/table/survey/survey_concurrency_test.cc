@@ -11,7 +11,7 @@
 #include <cstring>
 #include <thread>
 
-#include "../table_test_util.h"
+#include "table/table_test_util.h"
 #include "mroute/table/engine/internal/link.h"
 #include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/survey/table_survey.h"
