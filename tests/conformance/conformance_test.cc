@@ -241,14 +241,17 @@ SET_TRAITS(OrderedKeys, BFib::ModalRouteOrderedCollection, route, Route, Fib::Ip
            Fib::IpGenRouteKey());
 SET_TRAITS(BrumeUrls, BFib::MfibDirColl, brumeUrl, BrumeUrl, Kiv::String, "routing/a", "routing/b");
 
+// A fresh entity of traits T's type, watched by T's recorder.
 template <class T>
-class SetCollection : public testing::Test {
+class Traited : public testing::Test {
  protected:
   void SetUp() override { rec.notifierIs(entity); }
   Kiv::Ptr<typename T::Entity> entity = fresh<typename T::Entity>();
   typename T::Recorder rec;
 };
 
+template <class T>
+using SetCollection = Traited<T>;
 using Sets = testing::Types<CounterRoutes, VrfEnabled, VrfReady, BidirEnabled, MbrIntfs, VxlanIntfs, LocalSources,
                             SparseVrfs, PimVlans, AppIntfs, OrderedKeys, BrumeUrls>;
 TYPED_TEST_SUITE(SetCollection, Sets);
@@ -307,13 +310,7 @@ COUNTER_TRAITS(PamRxErrors, Orvet::Pam, rxErrors, RxErrors, uint64_t);
 COUNTER_TRAITS(UpcallsFiltered, Notify::MrtStockSocketPam, rxFiltered, RxFiltered, uint64_t);
 
 template <class T>
-class CounterShape : public testing::Test {
- protected:
-  void SetUp() override { rec.notifierIs(entity); }
-  Kiv::Ptr<typename T::Entity> entity = fresh<typename T::Entity>();
-  typename T::Recorder rec;
-};
-
+using CounterShape = Traited<T>;
 using Counters = testing::Types<AllocRequests, CounterSize, CounterActive, RequestIds, ResponseIds, WaitForDisabled,
                                 ClearMfib, UpcallsReceived, UpcallsInvalid, PamRxErrors, UpcallsFiltered>;
 TYPED_TEST_SUITE(CounterShape, Counters);

@@ -1,6 +1,7 @@
-// Scalar and constant attributes, reset/isDefault, ids, mount paths and
-// registration of a generated entity; counters and the shape shared by every
-// type are in the conformance suite.
+// Scalar and constant attributes, reset/isDefault, ids, mount paths,
+// registration and the generated notifiee classes of a generated entity;
+// counters and the shape shared by every type are in the conformance suite,
+// list order and detaching mid-delivery in kiv/entity_test.cc.
 #include <gtest/gtest.h>
 
 #include "recorder.h"
@@ -11,13 +12,7 @@ using EntityTest::Log;
 using EntityTest::Recorder;
 using Sample::Holder;
 
-class AttributeTest : public testing::Test {
- protected:
-  void SetUp() override { rec.notifierIs(holder); }
-  Kiv::Ptr<Holder> holder = Sample::HolderIs("h");
-  Log log;
-  Recorder rec{&log};
-};
+using AttributeTest = EntityTest::HolderTest;
 
 TEST_F(AttributeTest, SetterNotifiesOnlyOnChange) {
   holder->flagIs(true);
@@ -83,6 +78,36 @@ TEST(TypeRegistrationTest, EveryTypeIsRegisteredAtLoadInUnitOrder) {
   EXPECT_EQ(entries.capacity, 16u);
   EXPECT_EQ(entries.operations, "entriesIs entriesDel entriesNotify");
   EXPECT_EQ(tree->attributes[4].defaultText, "224.0.0.0/4");
+}
+
+TEST(NotifieeTest, NotifierIsMovesBetweenEntitiesAndTheDestructorDetaches) {
+  Kiv::Ptr<Holder> h1 = Sample::HolderIs("h1"), h2 = Sample::HolderIs("h2");
+  Log log;
+  Recorder r(&log);
+  r.notifierIs(h1);
+  r.notifierIs(h2);
+  EXPECT_TRUE(h1->notifieeList().empty());
+  h1->flagIs(false);
+  h2->flagIs(false);
+  EXPECT_EQ(log, (Log{"flag"}));
+  {
+    Recorder dead(&log);
+    dead.notifierIs(h2);
+  }
+  h2->flagIs(true);  // must not reach the dead notifiee
+  EXPECT_EQ(log, (Log{"flag", "flag"}));
+}
+
+TEST(NotifieeTest, ConstNotifieeWatchesConstEntity) {
+  Kiv::Ptr<const Holder> c = Sample::HolderIs("c");
+  struct Watcher : Holder::NotifieeConst {
+    void onMode() override { ++calls; }
+    int calls = 0;
+  } w;
+  w.notifierIs(c);
+  const_cast<Holder*>(c.ptr())->modeIs(Holder::Mode::off);
+  EXPECT_EQ(w.calls, 1);
+  EXPECT_EQ(w.notifier(), c);
 }
 
 }  // namespace

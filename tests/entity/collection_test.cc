@@ -6,16 +6,9 @@
 namespace {
 
 using EntityTest::Log;
-using EntityTest::Recorder;
 using Sample::Holder;
 
-class CollectionTest : public testing::Test {
- protected:
-  void SetUp() override { rec.notifierIs(holder); }
-  Kiv::Ptr<Holder> holder = Sample::HolderIs("h");
-  Log log;
-  Recorder rec{&log};
-};
+using CollectionTest = EntityTest::HolderTest;
 
 TEST_F(CollectionTest, IsCreatesReplacesIgnoresEqualValueAndDelIgnoresAbsentKey) {
   holder->itemIs(1, "a");

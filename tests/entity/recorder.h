@@ -1,5 +1,8 @@
-// A notifiee of the sample Holder that records every callback as text.
+// A notifiee of the sample Holder that records every callback as text, and
+// the fixture of a Holder watched by one.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -29,5 +32,13 @@ class Recorder : public Sample::Holder::Notifiee {
 };
 
 using Log = std::vector<std::string>;
+
+class HolderTest : public testing::Test {
+ protected:
+  void SetUp() override { rec.notifierIs(holder); }
+  Kiv::Ptr<Sample::Holder> holder = Sample::HolderIs("h");
+  Log log;
+  Recorder rec{&log};
+};
 
 }  // namespace EntityTest

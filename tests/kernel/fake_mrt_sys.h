@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "mroute/kernel/mrt_sys.h"
+#include "mroute/pam/pkt.h"
 #include "mroute/runtime/net/ip_addr.h"
 #include "mroute/runtime/net/ip_gen_addr.h"
 
@@ -65,6 +67,21 @@ inline std::string upcall6(uint8_t type, uint16_t mif, const Orvet::IpGenAddr& s
   std::memcpy(b.data() + 8, src.bytes(), 16);
   std::memcpy(b.data() + 24, grp.bytes(), 16);
   return b + tail;
+}
+
+// A packet of `pkts` holding `bytes`.
+inline Kiv::Ptr<Orvet::Pkt> pktOf(Orvet::PktManager& pkts, const std::string& bytes) {
+  Kiv::Ptr<Orvet::Pkt> p = pkts.newPkt(bytes.size());
+  p->dataIs(bytes);
+  return p;
+}
+
+// A clock that moves 1 ms each time it is read, so a read pass of N steps
+// reads at most N upcalls whatever the machine's speed.
+inline std::chrono::steady_clock::time_point steppingClock() {
+  static std::chrono::steady_clock::time_point t{};
+  t += std::chrono::milliseconds(1);
+  return t;
 }
 
 class FakeMrtSys : public MrtSys {

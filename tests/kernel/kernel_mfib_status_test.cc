@@ -45,8 +45,8 @@ TEST(KernelMfibStatusTest, UpcallVifIsMappedThroughThePublishedStatus) {
   Orvet::PktManager pkts(2048, 4);
   auto mgr = Routing::Multicast::Notify::MrtNotifyPamManager::MrtNotifyPamManagerIs(
       Orvet::ipv4(), "", loop, Routing::Multicast::Notify::MrtUpcallSource::deviceKernel, brevet);
-  Kiv::Ptr<Orvet::Pkt> pkt = pkts.newPkt(64);
-  pkt->dataIs(Routing::Multicast::Notify::fake::upcall(1, 3, {10, 0, 0, 1}, {239, 1, 1, 1}));
+  Kiv::Ptr<Orvet::Pkt> pkt = Routing::Multicast::Notify::fake::pktOf(
+      pkts, Routing::Multicast::Notify::fake::upcall(1, 3, {10, 0, 0, 1}, {239, 1, 1, 1}));
   mgr->readMrtMessage(pkt, vifs);
   EXPECT_EQ(mgr->noCacheMessage()->intfId(), IntfId("Ethernet7"));
   red->intfIdCollDel(3);

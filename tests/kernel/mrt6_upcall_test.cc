@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -23,6 +24,7 @@ namespace Routing::Multicast::Notify {
 namespace {
 
 using fake::FakeMrtSys;
+using fake::steppingClock;
 using fake::upcall6;
 using Orvet::IntfId;
 using Orvet::IpGenAddr;
@@ -49,14 +51,7 @@ class Mrt6Test : public ::testing::Test {
     sm_.reset();
     if (pam_) pam_->enabledIs(false);
   }
-  Kiv::Ptr<Orvet::Pkt> pkt(const std::string& bytes) {
-    Kiv::Ptr<Orvet::Pkt> p = pkts_.newPkt(bytes.size());
-    p->dataIs(bytes);
-    return p;
-  }
-  bool traced(const std::string& facility, const std::string& text) const {
-    return trace_.contains(facility, text);
-  }
+  Kiv::Ptr<Orvet::Pkt> pkt(const std::string& bytes) { return fake::pktOf(pkts_, bytes); }
 
   Mroute::Trace::CaptureSink trace_{"Mroute::MrtPam/0-9,Mroute::MrtNotify/0-9"};
   Mroute::Loop::EventLoop loop_;
@@ -79,14 +74,14 @@ TEST_F(Mrt6Test, OpensAndReopensAnIcmpv6SocketThatOwnsTheTableAndBlocksRealIcmpv
   EXPECT_EQ(sys_.calls, (Strings{kOpen, kInit, kFilter}));
   EXPECT_EQ(sys_.lastOptionBytes, std::string(32, '\xff')) << "every ICMPv6 type blocked";
   EXPECT_TRUE(
-      traced("Mroute::MrtPam",
+      trace_.contains("Mroute::MrtPam",
              "void Routing::Multicast::Notify::Mrt6SocketPam::enabledIs(bool)(1) NS:red Mrt pam is enabled"));
   pam_->optionsIs(mrt6WrongMif);
   EXPECT_EQ(sys_.calls.size(), 3u) << "the kernel is not told";
   sys_.calls.clear();
   pam_->netNsIs("blue");
   EXPECT_EQ(sys_.calls, (Strings{"close", "socket(10,3,58,blue)", kInit, kFilter}));
-  EXPECT_TRUE(traced("Mroute::MrtPam",
+  EXPECT_TRUE(trace_.contains("Mroute::MrtPam",
                      "void Routing::Multicast::Notify::Mrt6SocketPam::optionsIs(uint32_t)(1) NS:red "
                      "oldOptions=6newOptions=1"));
 }
@@ -129,7 +124,7 @@ TEST_F(Mrt6Test, ReceiveUsesTheIpv6LayoutAndFiltersWhatWasNotAskedFor) {
   EXPECT_EQ(pam_->rxIfIndex(), 9u);
   EXPECT_EQ(pam_->rxDstIp6Addr(), kGrp);
   EXPECT_TRUE(
-      traced("Mroute::MrtPam",
+      trace_.contains("Mroute::MrtPam",
              "void Routing::Multicast::Notify::Mrt6SocketPam::doGetRxPkt()() NS:red Packet arrived on "
              "interface index 9 with destination IP of ff0e::1:1"));
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(pam_->rxPktTake());
@@ -146,8 +141,8 @@ TEST_F(Mrt6Test, EachKindFillsTheSameMessageEntitiesAsIpv4) {
   EXPECT_EQ(nc.group(), kGrp);
   EXPECT_EQ(nc.intfId(), IntfId("Ethernet5"));
   EXPECT_EQ(mgr_->noCacheCounter(), 1u);
-  EXPECT_TRUE(traced("Mroute::MrtNotify", "sAddr: 2001:db8:2::2 gAddr: ff0e::1:1 mif 258"));
-  EXPECT_TRUE(traced("Mroute::MrtNotify", "mrt6msg type: 1"));
+  EXPECT_TRUE(trace_.contains("Mroute::MrtNotify", "sAddr: 2001:db8:2::2 gAddr: ff0e::1:1 mif 258"));
+  EXPECT_TRUE(trace_.contains("Mroute::MrtNotify", "mrt6msg type: 1"));
 
   mgr_->readMrtMessage(pkt(upcall6(2, 7, kGrp, kSrc)), vifs_);
   EXPECT_EQ(mgr_->wrongVifCounter(), 1u);
@@ -177,18 +172,8 @@ TEST_F(Mrt6Test, UnknownKindsAndNonUpcallsChangeNothing) {
   EXPECT_EQ(mgr_->noCacheCounter() + mgr_->wrongVifCounter() + mgr_->wholePktCounter(), 0u);
   EXPECT_EQ(mgr_->noCacheMessage()->source(), IpGenAddr());
   EXPECT_EQ(mgr_->truncated(), 2u);
-  int invalid = 0;
-  for (const auto& t : trace_.texts("Mroute::MrtNotify"))
-    invalid += t == "MrtNotify Rcv: Invalid mrt6msg Alert";
-  EXPECT_EQ(invalid, 2);
+  EXPECT_EQ(std::ranges::count(trace_.texts("Mroute::MrtNotify"), "MrtNotify Rcv: Invalid mrt6msg Alert"), 2);
   EXPECT_EQ(brevet_.written(), 0u);
-}
-
-// A clock that moves 1 ms each time it is read.
-std::chrono::steady_clock::time_point steppingClock() {
-  static std::chrono::steady_clock::time_point t{};
-  t += std::chrono::milliseconds(1);
-  return t;
 }
 
 TEST_F(Mrt6Test, FloodWithSkippedDatagramsIsReadInBoundedPassesWithoutLoss) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@ namespace Routing::Multicast::Notify {
 namespace {
 
 using fake::FakeMrtSys;
+using fake::steppingClock;
 using fake::upcall;
 using Orvet::IntfId;
 using Orvet::IpAddr;
@@ -36,11 +38,7 @@ class MrtNotifyReaderTest : public ::testing::Test {
     vifs_.intfIdCollIs(258, IntfId("Ethernet5"));
     vifs_.intfIdCollIs(1, IntfId("Register0"));
   }
-  Kiv::Ptr<Orvet::Pkt> pkt(const std::string& bytes) {
-    Kiv::Ptr<Orvet::Pkt> p = pkts_.newPkt(bytes.size());
-    p->dataIs(bytes);
-    return p;
-  }
+  Kiv::Ptr<Orvet::Pkt> pkt(const std::string& bytes) { return fake::pktOf(pkts_, bytes); }
 
   Mroute::Trace::CaptureSink trace_{"Mroute::MrtNotify/0-9"};
   Mroute::Loop::EventLoop loop_;
@@ -104,9 +102,7 @@ TEST_F(MrtNotifyReaderTest, UnknownTypesAndShortDatagramsChangeNothing) {
   EXPECT_EQ(mgr_->noCacheCounter() + mgr_->wrongVifCounter() + mgr_->wholePktCounter(), 0u);
   EXPECT_EQ(mgr_->noCacheMessage()->source(), Orvet::IpGenAddr());
   EXPECT_EQ(mgr_->truncated(), 2u);
-  int invalid = 0;
-  for (const auto& t : trace_.texts("Mroute::MrtNotify")) invalid += t == "MrtNotify Rcv: Invalid igmp Alert";
-  EXPECT_EQ(invalid, 2);
+  EXPECT_EQ(std::ranges::count(trace_.texts("Mroute::MrtNotify"), "MrtNotify Rcv: Invalid igmp Alert"), 2);
   EXPECT_EQ(brevet_.written(), 0u);
 }
 
@@ -137,13 +133,6 @@ TEST_F(MrtNotifyReaderTest, AddressFamilies) {
   auto bad = MrtNotifyPamManager::MrtNotifyPamManagerIs(Orvet::afUnknown(), "", loop_);
   EXPECT_ASSERTION(bad->handlePamInit(), "0 && \"Unsupported address family.\"");
   EXPECT_ASSERTION(bad->readMrtMessage(pkt("x"), vifs_), "0 && \"Unknown address family not supported\"");
-}
-
-// A clock that moves 1 ms each time it is read.
-std::chrono::steady_clock::time_point steppingClock() {
-  static std::chrono::steady_clock::time_point t{};
-  t += std::chrono::milliseconds(1);
-  return t;
 }
 
 class MrtNotifySmTest : public MrtNotifyReaderTest {

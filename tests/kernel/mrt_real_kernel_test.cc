@@ -15,11 +15,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "kernel/fake_mrt_sys.h"
 #include "kernel/netns_lab.h"
 #include "mroute/kernel/mrt6_socket_pam.h"
 #include "mroute/kernel/mrt_notify_pam_manager.h"
@@ -29,6 +31,7 @@
 #include "mroute/pam/socket_at.h"
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/loop/event_loop.h"
+#include "testing/shm_root_scope.h"
 
 namespace Routing::Multicast::Notify {
 namespace {
@@ -202,12 +205,7 @@ class MrtRealKernelTest : public ::testing::Test {
     ASSERT_EQ(F::addMfc(fd_, F::host(0), group, 0, 2), 0) << std::strerror(errno);
   }
 
-  template <typename Pred>
-  bool runUntil(Pred done) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (!done() && std::chrono::steady_clock::now() < end) loop_.runOnce(std::chrono::milliseconds(20));
-    return done();
-  }
+  bool runUntil(const std::function<bool()>& done) { return Testing::runUntil(loop_, done); }
 
   lab::NetnsLab lab_;
   Mroute::Loop::EventLoop loop_;
@@ -290,14 +288,6 @@ TYPED_TEST(MrtRealKernelTest, WholePacketThroughRegisterVifAndFilteringByOptions
   EXPECT_EQ(pkt->view().substr(TypeParam::kIpHeader + 8), payload);
 }
 
-// Each read costs one step of this clock, so a pass of 20 steps reads at
-// most 20 upcalls whatever the machine's speed.
-std::chrono::steady_clock::time_point steppingClock() {
-  static std::chrono::steady_clock::time_point t{};
-  t += std::chrono::milliseconds(1);
-  return t;
-}
-
 TYPED_TEST(MrtRealKernelTest, FloodIsReadAcrossBoundedPassesWithoutLoss) {
   this->start(igmpWholePkt);
   int rcvbuf = 8 << 20;
@@ -305,7 +295,7 @@ TYPED_TEST(MrtRealKernelTest, FloodIsReadAcrossBoundedPassesWithoutLoss) {
   const IpGenAddr group = TypeParam::group(4);
   this->registerRoute(group);
   if (this->IsSkipped() || this->HasFatalFailure()) return;
-  this->sm_->nowIs(steppingClock);
+  this->sm_->nowIs(fake::steppingClock);  // a pass of 20 steps reads at most 20 upcalls
   this->sm_->loopQuantumIs(0.0205);
   constexpr uint32_t kFlood = 400;
   Sender<TypeParam> s(this->lab_.host(), "ha");

@@ -46,14 +46,22 @@ TEST(EntityTest, TypeRegistryFindsOnlyRegisteredNamesOnce) {
                    "r.byName.find(name) == r.byName.end()");
 }
 
-TEST(NotifieeListTest, DeliversInListOrder) {
+// Listeners that record their number in `order` when they hear `p`.
+class NotifieeListTest : public testing::Test {
+ protected:
+  void listen(Listener& l, int i) {
+    l.attach(p.ptr());
+    l.onEvent = [this, i] { order.push_back(i); };
+  }
   Kiv::Ptr<Plain> p = new Plain("p");
   std::vector<int> order;
+};
+
+TEST_F(NotifieeListTest, DeliversInListOrder) {
   Listener a, b, c;
-  for (auto [l, i] : {std::pair{&a, 1}, {&b, 2}, {&c, 3}}) {
-    l->attach(p.ptr());
-    l->onEvent = [&order, i = i] { order.push_back(i); };
-  }
+  listen(a, 1);
+  listen(b, 2);
+  listen(c, 3);
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
   EXPECT_EQ(p->notifieeList().attrInDelivery(), Kiv::kNoAttrId);
@@ -61,16 +69,12 @@ TEST(NotifieeListTest, DeliversInListOrder) {
 
 // A notifiee that detaches itself, or a later one, mid-delivery: the walk
 // skips the removed ones and the list is whole again afterwards.
-TEST(NotifieeListTest, DetachDuringDeliverySkipsRemoved) {
-  Kiv::Ptr<Plain> p = new Plain("p");
-  std::vector<int> order;
+TEST_F(NotifieeListTest, DetachDuringDeliverySkipsRemoved) {
   Listener a, b, c;
-  a.attach(p.ptr());
-  b.attach(p.ptr());
-  c.attach(p.ptr());
+  listen(a, 1);
+  listen(b, 2);
+  listen(c, 3);
   a.onEvent = [&] { order.push_back(1); a.attach(nullptr); c.isRegisteredNotifieeIs(false); };
-  b.onEvent = [&] { order.push_back(2); };
-  c.onEvent = [&] { order.push_back(3); };
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
   EXPECT_EQ(p->notifieeList().size(), 1u);
@@ -82,20 +86,17 @@ TEST(NotifieeListTest, DetachDuringDeliverySkipsRemoved) {
   EXPECT_EQ(order, (std::vector<int>{2, 3}));
 }
 
-TEST(NotifieeListTest, AddedDuringDeliveryHearsNextTime) {
-  Kiv::Ptr<Plain> p = new Plain("p");
-  std::vector<int> order;
+TEST_F(NotifieeListTest, AddedDuringDeliveryHearsNextTime) {
   Listener a, late;
-  a.attach(p.ptr());
-  a.onEvent = [&] { order.push_back(1); late.attach(p.ptr()); };
-  late.onEvent = [&] { order.push_back(2); };
+  listen(a, 1);
+  a.onEvent = [&] { order.push_back(1); listen(late, 2); };
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1}));
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1, 1, 2}));
 }
 
-TEST(NotifieeListTest, NotifieeKeepsItsNotifierAlive) {
+TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAlive) {
   bool sawZero = false;
   {
     Listener l;
@@ -110,7 +111,7 @@ TEST(NotifieeListTest, NotifieeKeepsItsNotifierAlive) {
   EXPECT_TRUE(sawZero);  // the destructor detached and dropped the reference
 }
 
-TEST(NotifieeListTest, RegisteringWithoutNotifierAsserts) {
+TEST(NotifieeLifetimeTest, RegisteringWithoutNotifierAsserts) {
   Listener l;
   EXPECT_ASSERTION(l.isRegisteredNotifieeIs(true), "!on || notifier_");
 }

@@ -16,10 +16,14 @@ struct Derived : Counted {
   using Counted::Counted;
 };
 
-TEST(PtrTest, LastReferenceDestroys) {
+TEST(PtrTest, SelfAssignmentKeepsAndLastReferenceDestroys) {
   int alive = 0;
   {
     Kiv::Ptr<Counted> a = new Counted(&alive);
+    Kiv::Ptr<Counted>& same = a;
+    a = same;  // self-assignment keeps the object
+    EXPECT_EQ(alive, 1);
+    EXPECT_EQ(a->references(), 1u);
     Kiv::Ptr<Counted> b = a;
     EXPECT_EQ(a->references(), 2u);
     a = nullptr;
@@ -41,15 +45,6 @@ TEST(PtrTest, MoveAndConversionKeepOneCount) {
   d = nullptr;
   moved = nullptr;
   EXPECT_EQ(alive, 0);
-}
-
-TEST(PtrTest, SelfAssignmentKeepsObject) {
-  int alive = 0;
-  Kiv::Ptr<Counted> a = new Counted(&alive);
-  Kiv::Ptr<Counted>& same = a;
-  a = same;
-  EXPECT_EQ(alive, 1);
-  EXPECT_EQ(a->references(), 1u);
 }
 
 // With the process-wide switch on, counts survive concurrent copies.

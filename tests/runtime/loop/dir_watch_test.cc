@@ -35,11 +35,12 @@ class DirWatchTest : public ::testing::Test {
     std::fclose(f);
   }
   // Drains the loop until no more events arrive.
-  void settle(EventLoop& loop) {
+  void settle() {
     while (loop.runOnce(milliseconds(20)) > 0) {
     }
   }
 
+  EventLoop loop;
   std::string dir_;
   std::vector<std::string> seen_;
   DirWatch::Callback recorder() {
@@ -50,28 +51,25 @@ class DirWatchTest : public ::testing::Test {
 };
 
 TEST_F(DirWatchTest, CreateModifyDeleteCarryTheName) {
-  EventLoop loop;
   DirWatch w(loop, dir_, recorder());
   touch("ember");
   touch("ember", "v2");
   fs::remove(dir_ + "/ember");
-  settle(loop);
+  settle();
   EXPECT_EQ(seen_, (std::vector<std::string>{"created:ember", "modified:ember", "deleted:ember"}));
 }
 
 TEST_F(DirWatchTest, DirectoryRemovedReportsGone) {
-  EventLoop loop;
   std::string sub = dir_ + "/sub";
   fs::create_directory(sub);
   DirWatch w(loop, sub, recorder());
   fs::remove(sub);
-  settle(loop);
+  settle();
   ASSERT_FALSE(seen_.empty());
   EXPECT_EQ(seen_.back(), "dirGone:");
 }
 
 TEST_F(DirWatchTest, DestroyedInsideCallbackDropsTheRest) {
-  EventLoop loop;
   int calls = 0;
   std::unique_ptr<DirWatch> w;
   w = std::make_unique<DirWatch>(loop, dir_, [&](DirEvent, std::string_view) {
@@ -80,13 +78,12 @@ TEST_F(DirWatchTest, DestroyedInsideCallbackDropsTheRest) {
   });
   touch("a");
   touch("b");
-  settle(loop);
+  settle();
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(loop.watchCount(), 0u);
 }
 
 TEST_F(DirWatchTest, MissingDirectoryThrowsNamingThePath) {
-  EventLoop loop;
   std::string missing = dir_ + "/missing";
   EXPECT_THROW_TEXT(DirWatch(loop, missing, recorder()), ErrnoException,
                     "inotify_add_watch(" + missing + "): No such file or directory");

@@ -5,18 +5,14 @@
 
 #include <memory>
 
+#include "testing/shm_root_scope.h"
+
 namespace Mroute::Loop {
 namespace {
 
 using std::chrono::milliseconds;
 
-// Runs the loop until `done` or the time limit; returns whether done.
-template <typename Pred>
-bool runUntil(EventLoop& loop, Pred done, milliseconds limit = milliseconds(2000)) {
-  auto end = EventLoop::Clock::now() + limit;
-  while (!done() && EventLoop::Clock::now() < end) loop.runOnce(milliseconds(10));
-  return done();
-}
+using Testing::runUntil;
 
 TEST(TimerTest, OneShotFiresOnceAndDisarms) {
   EventLoop loop;
