@@ -105,10 +105,11 @@ def entry(t, m, enums):
     ret = 'void' if kind == 'children' else m.type
     delete = 'static_cast<%s (%s::*)(%s)>(&%s::%sDel)' % (ret, E, param(m.key, enums), E, x)
     if kind == 'children':
-        return 'Kiv::logChildren<%s, %s, %s::%sMap, %s, &%s::%sIs, %s>(k%sId, "%s")' % (
-            E, m.type, E, X, get, E, x, delete, X, x)
+        return 'Kiv::logChildren<%s, %s, %s::%sMap, %s, &%s::%sIs, %s, &%s::%sDelAll>(k%sId, "%s")' % (
+            E, m.type, E, X, get, E, x, delete, E, x, X, x)
     fn = 'logColl' if kind == 'coll' else 'logRecordColl'
-    return 'Kiv::%s<%s, %s::%sMap, %s, &%s::%sIs, %s>(k%sId, "%s")' % (fn, E, E, X, get, E, x, delete, X, x)
+    return 'Kiv::%s<%s, %s::%sMap, %s, &%s::%sIs, %s, &%s::%sDelAll>(k%sId, "%s")' % (
+        fn, E, E, X, get, E, x, delete, E, x, X, x)
 
 
 def logged_members(t):

@@ -193,9 +193,9 @@ const Kiv::AttrLogType& Holder::KivNboAttrLogSa::logType() {
       Kiv::logScalar<Holder, Mode, &Holder::mode, &Holder::modeIs>(kModeId, "mode"),
       Kiv::logSkipped(kFlagDefaultId, "flagDefault"),
       Kiv::logScalar<Holder, uint8_t, &Holder::ticks, &Holder::ticksIs>(kTicksId, "ticks"),
-      Kiv::logColl<Holder, Holder::ItemMap, static_cast<const Holder::ItemMap& (Holder::*)() const>(&Holder::item), &Holder::itemIs, static_cast<Kiv::String (Holder::*)(uint32_t)>(&Holder::itemDel)>(kItemId, "item"),
-      Kiv::logColl<Holder, Holder::SortedMap, static_cast<const Holder::SortedMap& (Holder::*)() const>(&Holder::sorted), &Holder::sortedIs, static_cast<bool (Holder::*)(const Kiv::Name&)>(&Holder::sortedDel)>(kSortedId, "sorted"),
-      Kiv::logChildren<Holder, Leaf, Holder::LeafMap, static_cast<const Holder::LeafMap& (Holder::*)() const>(&Holder::leaf), &Holder::leafIs, static_cast<void (Holder::*)(const Kiv::Name&)>(&Holder::leafDel)>(kLeafId, "leaf"),
+      Kiv::logColl<Holder, Holder::ItemMap, static_cast<const Holder::ItemMap& (Holder::*)() const>(&Holder::item), &Holder::itemIs, static_cast<Kiv::String (Holder::*)(uint32_t)>(&Holder::itemDel), &Holder::itemDelAll>(kItemId, "item"),
+      Kiv::logColl<Holder, Holder::SortedMap, static_cast<const Holder::SortedMap& (Holder::*)() const>(&Holder::sorted), &Holder::sortedIs, static_cast<bool (Holder::*)(const Kiv::Name&)>(&Holder::sortedDel), &Holder::sortedDelAll>(kSortedId, "sorted"),
+      Kiv::logChildren<Holder, Leaf, Holder::LeafMap, static_cast<const Holder::LeafMap& (Holder::*)() const>(&Holder::leaf), &Holder::leafIs, static_cast<void (Holder::*)(const Kiv::Name&)>(&Holder::leafDel), &Holder::leafDelAll>(kLeafId, "leaf"),
       Kiv::logScalar<Holder, Span, &Holder::span, &Holder::spanIs>(kSpanId, "span")
   }, &Kiv::newKivNboAttrLogSa<Holder>);
   return type;
@@ -444,9 +444,9 @@ const Kiv::AttrLogType& Tree::KivNboAttrLogSa::logType() {
       Kiv::logSkipped(kPrefixGroupId, "prefixGroup"),
       Kiv::logScalar<Tree, uint32_t, &Tree::rings, &Tree::ringsIs>(kRingsId, "rings"),
       Kiv::logScalar<Tree, bool, &Tree::late, &Tree::lateIs>(kLateId, "late"),
-      Kiv::logRecordColl<Tree, Tree::EntryMap, static_cast<const Tree::EntryMap& (Tree::*)() const>(&Tree::entry), &Tree::entryIs, static_cast<Entry (Tree::*)(uint32_t)>(&Tree::entryDel)>(kEntryId, "entry"),
-      Kiv::logChildren<Tree, Leaf, Tree::ByVlanMap, static_cast<const Tree::ByVlanMap& (Tree::*)() const>(&Tree::byVlan), &Tree::byVlanIs, static_cast<void (Tree::*)(const Bridging::VlanId&)>(&Tree::byVlanDel)>(kByVlanId, "byVlan"),
-      Kiv::logChildren<Tree, Leaf, Tree::SortedLeafMap, static_cast<const Tree::SortedLeafMap& (Tree::*)() const>(&Tree::sortedLeaf), &Tree::sortedLeafIs, static_cast<void (Tree::*)(const Kiv::Name&)>(&Tree::sortedLeafDel)>(kSortedLeafId, "sortedLeaf"),
+      Kiv::logRecordColl<Tree, Tree::EntryMap, static_cast<const Tree::EntryMap& (Tree::*)() const>(&Tree::entry), &Tree::entryIs, static_cast<Entry (Tree::*)(uint32_t)>(&Tree::entryDel), &Tree::entryDelAll>(kEntryId, "entry"),
+      Kiv::logChildren<Tree, Leaf, Tree::ByVlanMap, static_cast<const Tree::ByVlanMap& (Tree::*)() const>(&Tree::byVlan), &Tree::byVlanIs, static_cast<void (Tree::*)(const Bridging::VlanId&)>(&Tree::byVlanDel), &Tree::byVlanDelAll>(kByVlanId, "byVlan"),
+      Kiv::logChildren<Tree, Leaf, Tree::SortedLeafMap, static_cast<const Tree::SortedLeafMap& (Tree::*)() const>(&Tree::sortedLeaf), &Tree::sortedLeafIs, static_cast<void (Tree::*)(const Kiv::Name&)>(&Tree::sortedLeafDel), &Tree::sortedLeafDelAll>(kSortedLeafId, "sortedLeaf"),
       Kiv::logTable<Tree, Tree::EntriesTable, static_cast<Tree::EntriesTable& (Tree::*)()>(&Tree::entries), &Tree::entriesNotify, &Tree::entriesNotifyCollection>(kEntriesId, "entries")
   }, &Kiv::newKivNboAttrLogSa<Tree>);
   return type;

@@ -44,6 +44,12 @@ class NotifieeBase {
   // stays. REQUIRES: a notifier when `on` is true (asserted).
   void isRegisteredNotifieeIs(bool on);
 
+  // Heard before the attribute's own callback, for every notification this
+  // notifiee hears, with the attribute's id (negative: the collection-level
+  // form). A notifiee that treats every change alike (a change printer, a
+  // dirty mark) overrides this one instead of each onX.
+  virtual void onNotification(AttrId) {}
+
  protected:
   NotifieeBase() = default;
   virtual ~NotifieeBase();  // detaches
@@ -150,7 +156,10 @@ class Entity : public PtrInterface {
   void notify(AttrId id, F&& each) const {
     if (notifiees_.empty()) return;
     notifiees_.deliver(id, [&](NotifieeBase& n) {
-      if (N* typed = dynamic_cast<N*>(&n)) each(*typed);
+      if (N* typed = dynamic_cast<N*>(&n)) {
+        typed->onNotification(id);
+        each(*typed);
+      }
     });
   }
 

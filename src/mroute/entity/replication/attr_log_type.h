@@ -3,10 +3,10 @@
 // collection how to walk, write, apply and delete its members. Generated
 // code builds the table with one call per attribute:
 //   Kiv::logScalar<Config, bool, &Config::routing, &Config::routingIs>(kRoutingId, "routing")
-//   Kiv::logColl<Config, Config::CounterRouteMap, <getter>, &Config::counterRouteIs, <xDel(key)>>(
-//       kCounterRouteId, "counterRoute")
-//   Kiv::logChildren<VrfConfig, Config, VrfConfig::ConfigMap, <getter>, &VrfConfig::configIs, <xDel(key)>>(
-//       kConfigId, "config")
+//   Kiv::logColl<Config, Config::CounterRouteMap, <getter>, &Config::counterRouteIs, <xDel(key)>,
+//                &Config::counterRouteDelAll>(kCounterRouteId, "counterRoute")
+//   Kiv::logChildren<VrfConfig, Config, VrfConfig::ConfigMap, <getter>, &VrfConfig::configIs, <xDel(key)>,
+//                    &VrfConfig::configDelAll>(kConfigId, "config")
 //   Kiv::logRef<Tree, Leaf, &Tree::root, &Tree::rootIs>(kRootId, "root")   // Kiv::Ptr attributes
 //   Kiv::logCtor<RouteStatus, IpGenRouteKey, &RouteStatus::key>(kKeyId, "key")
 //   Kiv::logTable<Tree, Tree::EntriesTable, <mutable getter>, &Tree::entriesNotify,
@@ -56,6 +56,8 @@ struct AttrLogAttr {
   // Reads the key (into `key`), the presence byte and the value.
   Applier (*readMember)(NboAttrLog::WireReader&, std::string& key) = nullptr;
   void (*delMember)(Entity&, std::string_view key) = nullptr;
+  // The entity's own xDelAll(): every member removed, each with its notification.
+  void (*delAll)(Entity&) = nullptr;
   // Shared tables: calls `changed` after each later mount or unmount (null
   // removes the watcher of `token`), so the new path goes out as a change.
   void (*watchMount)(Entity&, const void* token, std::function<void()> changed) = nullptr;
@@ -207,7 +209,7 @@ AttrLogAttr logTable(AttrId id, const char* name) {
 
 namespace attr_log_internal {
 // What value collections and record collections share: all but applying.
-template <class E, class Map, auto get, auto del>
+template <class E, class Map, auto get, auto del, auto delAll>
 AttrLogAttr collBase(AttrId id, const char* name) {
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
@@ -223,6 +225,7 @@ AttrLogAttr collBase(AttrId id, const char* name) {
     return v != nullptr;
   };
   a.delMember = [](Entity& e, std::string_view key) { (static_cast<E&>(e).*del)(attr_log_internal::key<K>(key)); };
+  a.delAll = [](Entity& e) { (static_cast<E&>(e).*delAll)(); };
   a.keyText = [](std::string_view bytes) { return textOf(attr_log_internal::key<K>(bytes)); };
   a.memberText = [](const Entity& e, std::string_view bytes) {
     const V* v = (static_cast<const E&>(e).*get)().lookup(attr_log_internal::key<K>(bytes));
@@ -235,11 +238,11 @@ AttrLogAttr collBase(AttrId id, const char* name) {
 namespace attr_log_internal {
 // A member arrives as its key and a present flag, then the value: xIs(key,
 // value) for a plain collection, xIs(record) for records filed under their key.
-template <class E, class Map, auto get, auto set, auto del, bool wholeRecord>
+template <class E, class Map, auto get, auto set, auto del, auto delAll, bool wholeRecord>
 AttrLogAttr logMembers(AttrId id, const char* name) {
   using K = typename Map::key_type;
   using V = typename Map::mapped_type;
-  AttrLogAttr a = collBase<E, Map, get, del>(id, name);
+  AttrLogAttr a = collBase<E, Map, get, del, delAll>(id, name);
   a.readMember = [](NboAttrLog::WireReader& r, std::string& keyBytes) -> Applier {
     K k = NboAttrLog::Wire<K>::read(r);
     keyBytes = NboAttrLog::wireBytes(k);
@@ -258,17 +261,17 @@ AttrLogAttr logMembers(AttrId id, const char* name) {
 }
 }  // namespace attr_log_internal
 
-template <class E, class Map, auto get, auto set, auto del>
+template <class E, class Map, auto get, auto set, auto del, auto delAll>
 AttrLogAttr logColl(AttrId id, const char* name) {
-  return attr_log_internal::logMembers<E, Map, get, set, del, false>(id, name);
+  return attr_log_internal::logMembers<E, Map, get, set, del, delAll, false>(id, name);
 }
 
-template <class E, class Map, auto get, auto set, auto del>
+template <class E, class Map, auto get, auto set, auto del, auto delAll>
 AttrLogAttr logRecordColl(AttrId id, const char* name) {
-  return attr_log_internal::logMembers<E, Map, get, set, del, true>(id, name);
+  return attr_log_internal::logMembers<E, Map, get, set, del, delAll, true>(id, name);
 }
 
-template <class E, class C, class Map, auto get, auto is, auto del>
+template <class E, class C, class Map, auto get, auto is, auto del, auto delAll>
 AttrLogAttr logChildren(AttrId id, const char* name) {
   using K = typename Map::key_type;
   AttrLogAttr a = logSkipped(id, name);
@@ -288,6 +291,7 @@ AttrLogAttr logChildren(AttrId id, const char* name) {
     return [k = std::move(k)](Entity& e) { (static_cast<E&>(e).*is)(k); };
   };
   a.delMember = [](Entity& e, std::string_view key) { (static_cast<E&>(e).*del)(attr_log_internal::key<K>(key)); };
+  a.delAll = [](Entity& e) { (static_cast<E&>(e).*delAll)(); };
   a.child = [](const Entity& e, std::string_view key) -> Entity* {
     const Ptr<C>* c = (static_cast<const E&>(e).*get)().lookup(attr_log_internal::key<K>(key));
     return c ? c->ptr() : nullptr;
