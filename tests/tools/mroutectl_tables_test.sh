@@ -124,7 +124,14 @@ expect_error 3 "^mroutectl follow: no table 'no/such'.*--wait" follow no/such --
 expect_error 3 "^mroutectl lookup: no entry for (\*,239.9.9.9) in $table$" lookup "$table" '(*,239.9.9.9)'
 expect_error 2 "^mroutectl dump: '\.\./demo/route' is not a table name: .*'\.\.'" dump ../demo/route
 expect_error 2 "^mroutectl follow: 'route' is not a table name" follow route
-expect_error 2 "^mroutectl dump: .*--bogus.* (see mroutectl dump --help)$" dump "$table" --bogus
+# An unknown option is named before a missing argument, by every subcommand.
+subs=$("$mroutectl" --help | sed -n '/^Subcommands:/,$s/^  \([a-z-]*\)[ ,].*/\1/p')
+[ "$(echo "$subs" | wc -l)" -ge 14 ] || fail "subcommand list: $subs"
+for sub in $subs; do
+  expect_error 2 "^mroutectl $sub: .*--bogus.* (see mroutectl $sub --help)$" $sub --bogus
+done
+expect_error 2 "^mroutectl dump: .*--bogus" dump "$table" --bogus
+expect_error 2 "^mroutectl: unknown command 'bogus'" bogus
 expect_error 2 "^mroutectl lookup: bad group '10.0.0.1': not a multicast group" lookup "$table" '(*,10.0.0.1)'
 expect_error 2 "^mroutectl dump: bad group prefix 'x'" dump "$table" --group x
 MROUTE_SHM_ROOT=relative/root expect_error 3 "^mroutectl tables: .*must be an absolute path" tables
