@@ -43,6 +43,20 @@ key=$(echo "$dump" | json 'j["entries"][0]["key"]')
 [ "$("$mroutectl" lookup "$table" "$key" --json | json 'j["text"]')" = "$(echo "$dump" | json 'j["entries"][0]["text"]')" ] \
   || fail "lookup $key"
 
+# Health: the demo's reader is on the writer's board, gone, caught up; a
+# damaged or short health file is reported, never trusted.
+stat=$("$mroutectl" stat "$table" --json) || fail "stat exited $?"
+[ "$(echo "$stat" | json '[(r["state"], r["lag"], r["lastAck"] == j["queue"]["newestSequence"], r["goneAt"] is not None) for r in j["health"]["readers"]]')" = \
+  "[('gone', 0, True, True)]" ] || fail "stat --json health: $stat"
+"$mroutectl" tables --verbose | grep -q "^$table  *[0-9]*  *gone  *0 " || fail "tables --verbose readers: $("$mroutectl" tables -v)"
+cp "$dir/health" "$MROUTE_SHM_ROOT/health.keep"
+printf 'XXXXXXXX' | dd of="$dir/health" bs=1 conv=notrunc 2>/dev/null
+[ "$("$mroutectl" stat "$table" --json | json 'j["health"]')" = "{'problem': 'health file has a bad magic or version'}" ] \
+  || fail "damaged health file"
+head -c 100 "$MROUTE_SHM_ROOT/health.keep" >"$dir/health"
+"$mroutectl" stat "$table" | grep -q '^health.problem: "health file too short"$' || fail "short health file"
+cp "$MROUTE_SHM_ROOT/health.keep" "$dir/health"
+
 # --limit and the key filters.
 [ "$("$mroutectl" dump "$table" --limit 2 2>/dev/null | wc -l)" = 2 ] || fail "dump --limit"
 "$mroutectl" dump "$table" --limit 2 2>&1 >/dev/null | grep -q "^mroutectl dump: 2 of $n entries shown" || fail "limit note"
@@ -124,7 +138,14 @@ expect_error 3 "^mroutectl follow: no table 'no/such'.*--wait" follow no/such --
 expect_error 3 "^mroutectl lookup: no entry for (\*,239.9.9.9) in $table$" lookup "$table" '(*,239.9.9.9)'
 expect_error 2 "^mroutectl dump: '\.\./demo/route' is not a table name: .*'\.\.'" dump ../demo/route
 expect_error 2 "^mroutectl follow: 'route' is not a table name" follow route
-expect_error 2 "^mroutectl dump: .*--bogus.* (see mroutectl dump --help)$" dump "$table" --bogus
+# An unknown option is named before a missing argument, by every subcommand.
+subs=$("$mroutectl" --help | sed -n '/^Subcommands:/,$s/^  \([a-z-]*\)[ ,].*/\1/p')
+[ "$(echo "$subs" | wc -l)" -ge 14 ] || fail "subcommand list: $subs"
+for sub in $subs; do
+  expect_error 2 "^mroutectl $sub: .*--bogus.* (see mroutectl $sub --help)$" $sub --bogus
+done
+expect_error 2 "^mroutectl dump: .*--bogus" dump "$table" --bogus
+expect_error 2 "^mroutectl: unknown command 'bogus'" bogus
 expect_error 2 "^mroutectl lookup: bad group '10.0.0.1': not a multicast group" lookup "$table" '(*,10.0.0.1)'
 expect_error 2 "^mroutectl dump: bad group prefix 'x'" dump "$table" --group x
 MROUTE_SHM_ROOT=relative/root expect_error 3 "^mroutectl tables: .*must be an absolute path" tables

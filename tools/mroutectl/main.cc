@@ -13,6 +13,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "command.h"
 #include "mroute/runtime/assert.h"
@@ -39,6 +40,23 @@ namespace {
 std::string commandName(const CLI::App& app) {
   for (const CLI::App* sub : app.get_subcommands()) return "mroutectl " + sub->get_name();
   return "mroutectl";
+}
+
+// The parser checks required arguments before it complains about arguments
+// it did not know, so "dump --bogus" would be told that the table is
+// missing. An unknown option is the likelier mistake: it is named first.
+std::string parseMessage(const CLI::App& app, const CLI::ParseError& e) {
+  for (const CLI::App* sub : app.get_subcommands()) {
+    for (const std::string& arg : sub->remaining()) {
+      if (arg.size() > 1 && arg[0] == '-') return "The following argument was not expected: " + arg;
+    }
+  }
+  const std::vector<std::string> rest = app.remaining();
+  if (app.get_subcommands().empty() && !rest.empty()) {
+    const bool option = rest[0].size() > 1 && rest[0][0] == '-';
+    return (option ? "unknown option '" : "unknown command '") + rest[0] + "'";
+  }
+  return e.what();
 }
 
 int run(int argc, char** argv) {
@@ -70,7 +88,7 @@ int run(int argc, char** argv) {
     if (e.get_exit_code() == 0) return app.exit(e);
     const std::string name = commandName(app);
     std::cout.flush();
-    std::cerr << name << ": " << e.what() << " (see " << name << " --help)\n";
+    std::cerr << name << ": " << parseMessage(app, e) << " (see " << name << " --help)\n";
     return kExitUsage;
   } catch (const CommandError& e) {
     std::cout.flush();

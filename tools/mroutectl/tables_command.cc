@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <ctime>
 #include <iomanip>
 #include <memory>
 #include <ostream>
@@ -22,6 +23,50 @@ namespace {
 
 // Sequences the slowest connected reader has yet to acknowledge.
 uint64_t lag(const TableStat& s) { return s.newestSequence > s.oldestNeeded ? s.newestSequence - s.oldestNeeded : 0; }
+
+// A time from the health file as UTC text; null when never.
+Json timeJson(uint64_t ns) {
+  if (ns == 0) return nullptr;
+  const std::time_t t = static_cast<std::time_t>(ns / 1000000000u);
+  std::tm tm{};
+  if (gmtime_r(&t, &tm) == nullptr) return nullptr;
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+  return std::string(buf);
+}
+
+Json healthJson(const TableStat& s) {
+  if (!s.health) return s.healthProblem.empty() ? Json(nullptr) : Json{{"problem", s.healthProblem}};
+  const TableStat::Health& h = *s.health;
+  Json j;
+  j["writerPid"] = h.writerPid;
+  j["compactions"] = h.compactions;
+  j["lastCompaction"] = h.lastCompactionNs == 0
+                            ? Json(nullptr)
+                            : Json{{"time", timeJson(h.lastCompactionNs)}, {"entries", h.lastCompactionKept}};
+  j["corruptionReports"] = h.corruptionReports;
+  j["lastCorruptionReport"] =
+      h.lastReportNs == 0 ? Json(nullptr) : Json{{"time", timeJson(h.lastReportNs)}, {"text", h.lastReport}};
+  j["readersDropped"] = h.readersDropped;
+  j["readersUnlisted"] = h.unlisted;
+  Json readers = Json::array();
+  for (const TableStat::Reader& r : h.readers) {
+    Json o;
+    o["pid"] = r.pid;
+    o["state"] = r.state;
+    o["since"] = timeJson(r.connectedNs);
+    o["goneAt"] = timeJson(r.goneNs);
+    o["lastAck"] = r.acked ? Json(r.lastAck) : Json(nullptr);
+    // The reader's own claim may run ahead of the queue (an older writer).
+    o["lag"] = r.acked ? Json(s.newestSequence > r.lastAck ? s.newestSequence - r.lastAck : 0) : Json(nullptr);
+    o["restarts"] = r.restarts;
+    o["lookasideReads"] = r.lookasideReads;
+    o["resyncs"] = r.resyncs;
+    readers.push_back(o);
+  }
+  j["readers"] = readers;
+  return j;
+}
 
 }  // namespace
 
@@ -54,6 +99,7 @@ Json statJson(const TableStat& s) {
   q["shrinking"] = s.shrinking;
   j["queue"] = q;
   j["corruptionReported"] = s.corruptionReported;
+  j["health"] = healthJson(s);
   return j;
 }
 
@@ -90,9 +136,15 @@ std::vector<std::string> row(const TableStat& s, bool verbose) {
   }
   if (verbose) {
     const bool readers = running && s.readers != 0;
+    const bool h = s.health.has_value();
     r.insert(r.end() - 1, {s.queueFile.empty() ? "-" : s.queueFile, std::to_string(s.newestSequence),
                            readers ? std::to_string(lag(s)) : "-",
-                           hex(s.fileEmber)});
+                           hex(s.fileEmber),
+                           h && timeJson(s.health->lastCompactionNs).is_string()
+                               ? timeJson(s.health->lastCompactionNs).get<std::string>() + " (" +
+                                     std::to_string(s.health->lastCompactionKept) + ")"
+                               : "-",
+                           h ? std::to_string(s.health->corruptionReports) : "-"});
   }
   return r;
 }
@@ -134,9 +186,26 @@ void runTables(bool verbose, Context& ctx) {
   }
   std::vector<std::vector<std::string>> rows = {
       {"TABLE", "VALUE TYPE", "ENTRIES", "CAPACITY", "WRITER", "READERS", "NOTES"}};
-  if (verbose) rows[0].insert(rows[0].end() - 1, {"QUEUE", "NEWEST SEQ", "LAG", "INCARNATION"});
-  for (const std::string& t : tables) rows.push_back(row(Brume::Survey::statTable(t), verbose));
+  if (verbose) {
+    rows[0].insert(rows[0].end() - 1, {"QUEUE", "NEWEST SEQ", "LAG", "INCARNATION", "LAST COMPACTION (KEPT)", "REPORTS"});
+  }
+  std::vector<std::vector<std::string>> readerRows = {
+      {"TABLE", "READER PID", "STATE", "LAG", "RESTARTS", "LOOKASIDE READS", "RESYNCS"}};
+  for (const std::string& t : tables) {
+    const TableStat s = Brume::Survey::statTable(t);
+    rows.push_back(row(s, verbose));
+    if (!verbose || !s.health) continue;
+    for (const TableStat::Reader& r : s.health->readers) {
+      const uint64_t l = s.newestSequence > r.lastAck ? s.newestSequence - r.lastAck : 0;
+      readerRows.push_back({t, std::to_string(r.pid), r.state, r.acked ? std::to_string(l) : "-",
+                            std::to_string(r.restarts), std::to_string(r.lookasideReads), std::to_string(r.resyncs)});
+    }
+  }
   printRows(std::move(rows), ctx.out);
+  if (readerRows.size() > 1) {
+    ctx.out << "\n";
+    printRows(std::move(readerRows), ctx.out);
+  }
 }
 
 void runStat(const std::string& table, Context& ctx) {
@@ -154,6 +223,11 @@ void runStat(const std::string& table, Context& ctx) {
   for (const auto& [field, value] : j.items()) {
     if (field == "queue") {
       for (const auto& [qf, qv] : value.items()) ctx.out << "queue." << qf << ": " << jsonText(qv) << "\n";
+    } else if (field == "health" && value.is_object()) {
+      for (const auto& [hf, hv] : value.items()) {
+        if (hf != "readers") ctx.out << "health." << hf << ": " << jsonText(hv) << "\n";
+      }
+      for (const auto& r : value.value("readers", Json::array())) ctx.out << "health.reader: " << jsonText(r) << "\n";
     } else {
       ctx.out << field << ": " << (value.is_string() ? value.get<std::string>() : jsonText(value)) << "\n";
     }

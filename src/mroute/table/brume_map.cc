@@ -132,7 +132,11 @@ void BrumeMapBase::mountWriter() {
     }
   }
   ember_ = writerEmber();
+  // Without its health file the table works on; operators see no readers.
+  board_.open(root_.dir(), ember_);
+  writerQueue()->compactedIs([this](uint64_t kept) { board_.compacted(kept); });
   server_ = std::make_unique<NotifyServer>(loop_, root_.dir(), options_.ackTimeout);
+  server_->boardIs(&board_);
   server_->queueIs(writerQueue());
   if (!server_->open()) {
     MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " readers will not be woken");
@@ -155,9 +159,10 @@ void BrumeMapBase::unmount() {
   client_.close();
   if (server_ != nullptr) {
     server_->queueIs(nullptr);
-    server_->close();
+    server_->close();  // every reader's record is marked gone
     server_.reset();
   }
+  board_.close();
   if (mode_ == BrumeType::writer) {
     writerDetach();
   } else if (attachState_ != 0) {
@@ -175,6 +180,7 @@ void BrumeMapBase::cleanupBase() {
     server_->close();
     server_.reset();
   }
+  board_.cleanup(root_.dir());
   writerCleanup();
   unmount();
 }
@@ -236,7 +242,8 @@ void BrumeMapBase::connect() {
     clientWatch_ = std::make_unique<Mroute::Loop::FdWatch>(loop_, client_.fd());
     clientWatch_->onReadableIs([this] { onChannel(); });
     // Tell the writer where this reader stands, then catch up.
-    client_.ack(lastSequence());
+    reported_ = ReaderHealth{};
+    ack(lastSequence());
     walk();
     return;
   }
@@ -244,6 +251,13 @@ void BrumeMapBase::connect() {
     reconnectTimer_ = std::make_unique<Mroute::Loop::Timer>(loop_, [this] { connect(); });
     reconnectTimer_->startPeriodic(options_.reconnectPeriod);
   }
+}
+
+void BrumeMapBase::ack(uint64_t seq) {
+  if (!client_.ack(seq)) return;
+  // Sent at most once a walk, never from a look-up.
+  const ReaderHealth now = readerHealth();
+  if (now != reported_ && client_.report(now)) reported_ = now;
 }
 
 void BrumeMapBase::onChannel() {
@@ -268,6 +282,8 @@ void BrumeMapBase::onDirEvent(Mroute::Loop::DirEvent event, std::string_view nam
     const bool report = name == kCorruptionMarkerName &&
                         (event == Mroute::Loop::DirEvent::created || event == Mroute::Loop::DirEvent::modified);
     if (!report || writerMounter_ == nullptr) return;
+    // Counted before the check, which may throw to the owner.
+    if (const std::string text = writerMounter_->readMarker(); !text.empty()) board_.corruptionReported(text);
     writerMounter_->notify(name);
     // The report was answered; a new finding writes a new marker.
     removeCorruptionMarker(Mem::systemShmFs(), root_);

@@ -252,6 +252,10 @@ class BrumeMap : public BrumeMapBase {
     return true;
   }
   uint64_t lastSequence() const override { return queue_->lastSequence(); }
+  ReaderHealth readerHealth() const override {
+    const ReaderCounters& c = reader_->readerCounters();
+    return {c.restarts, c.lookasideReads, queue_->counters().resyncs};
+  }
 
   bool writerAttach() override { return writer_->attach(); }
   void writerDetach() override {

@@ -91,6 +91,7 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   ReaderMounter* readerMounter() { return readerMounter_.get(); }
   WriterMounter* writerMounter() { return writerMounter_.get(); }
   NotifyServer* notifyServer() { return server_.get(); }
+  HealthBoard& healthBoard() { return board_; }
   // Readers connected to a writer front.
   uint32_t numReaders() const { return server_ != nullptr ? server_->readers() : 0; }
 
@@ -123,6 +124,8 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   // files were found corrupt and the front detached itself.
   virtual bool reattachQueue() = 0;
   virtual uint64_t lastSequence() const = 0;
+  // The counters this reader reports to its writer's health board.
+  virtual ReaderHealth readerHealth() const = 0;
 
   // Writer hooks.
   virtual bool writerAttach() = 0;
@@ -132,8 +135,9 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   virtual ConquerWriter* writerQueue() = 0;
   virtual bool writerValidate(std::string* why) = 0;
 
-  // The acknowledgement of a walk.
-  void ack(uint64_t seq) { client_.ack(seq); }
+  // The acknowledgement of a walk, followed by the reader's counters when
+  // they moved since the writer last heard them.
+  void ack(uint64_t seq);
   // A walk found the files corrupt: detach and let the remount timer retry.
   void corruptionFound();
   Mroute::Loop::EventLoop& loop() { return loop_; }
@@ -174,7 +178,9 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   std::unique_ptr<ReaderMounter> readerMounter_;
   std::unique_ptr<WriterMounter> writerMounter_;
   std::unique_ptr<NotifyServer> server_;
+  HealthBoard board_;  // writer: what operators see of its readers
   NotifyClient client_;
+  ReaderHealth reported_;  // reader: the counters its writer last heard
   std::unique_ptr<Mroute::Loop::FdWatch> clientWatch_;
   std::unique_ptr<Mroute::Loop::Timer> reconnectTimer_;
   std::unique_ptr<Mroute::Loop::Timer> attachLockTimer_;

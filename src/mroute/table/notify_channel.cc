@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -128,6 +129,13 @@ void NotifyServer::accept() {
     auto c = std::make_unique<Conn>();
     c->fd = fd;
     c->since = Clock::now();
+    if (board_ != nullptr) {
+      // The kernel's word for who connected, not anything the reader says.
+      ucred cred{};
+      socklen_t len = sizeof cred;
+      const bool known = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+      c->record = board_->readerConnected(known ? static_cast<uint32_t>(cred.pid) : 0);
+    }
     c->watch = std::make_unique<Mroute::Loop::FdWatch>(loop_, fd);
     c->watch->onReadableIs([this, fd] { receive(fd); });
     conns_[fd] = std::move(c);
@@ -163,18 +171,28 @@ void NotifyServer::receive(int fd) {
   if (it == conns_.end()) return;
   Conn& c = *it->second;
   for (;;) {
-    channel::Message m;
-    const ssize_t n = ::recv(fd, &m, sizeof m, MSG_DONTWAIT);
+    // Room for the largest message; a longer datagram is cut and ignored.
+    alignas(8) unsigned char buf[sizeof(channel::HealthMessage) + 8];
+    const ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (n <= 0) {
       drop(fd, false);
       return;
+    }
+    channel::Message m{};
+    std::memcpy(&m, buf, std::min(sizeof m, static_cast<size_t>(n)));
+    if (n == sizeof(channel::HealthMessage) && m.type == static_cast<uint32_t>(channel::MessageType::health)) {
+      channel::HealthMessage h;
+      std::memcpy(&h, buf, sizeof h);
+      if (board_ != nullptr) board_->readerReported(c.record, {h.restarts, h.lookasideReads, h.resyncs});
+      continue;
     }
     if (n != sizeof m || m.type != static_cast<uint32_t>(channel::MessageType::ack)) continue;
     ++counters_.acks;
     const uint64_t prev = c.lastAck;
     c.lastAck = m.value;
     c.kicked = false;
+    if (board_ != nullptr) board_->readerAcked(c.record, m.value);
     if (queue_ == nullptr) continue;
     queue_->updateSequence(prev, m.value);
     send(c, channel::MessageType::minSeq, queue_->minSeq());
@@ -198,6 +216,7 @@ void NotifyServer::drop(int fd, bool silent) {
   }
   c->watch->remove();
   ::close(c->fd);
+  if (board_ != nullptr) board_->readerLeft(c->record, silent);
   if (queue_ != nullptr) {
     if (c->lastAck != kNoAck) queue_->readerGone(c->lastAck);
     queue_->updateNumReaders(readers());
@@ -266,6 +285,14 @@ bool NotifyClient::ack(uint64_t seq) {
   const ssize_t n = ::send(fd_, &m, sizeof m, MSG_DONTWAIT | MSG_NOSIGNAL);
   // EAGAIN: the writer is behind on reading; a later ack carries more.
   return n == sizeof m || (n < 0 && errno == EAGAIN);
+}
+
+bool NotifyClient::report(const ReaderHealth& health) {
+  if (fd_ < 0) return false;
+  const channel::HealthMessage m{static_cast<uint32_t>(channel::MessageType::health), 0, health.restarts,
+                                 health.lookasideReads, health.resyncs};
+  // EAGAIN: dropped; the next report after a walk carries the counters again.
+  return ::send(fd_, &m, sizeof m, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof m;
 }
 
 }  // namespace Brume

@@ -16,6 +16,13 @@
 //   offset 4  u32  reserved, 0
 //   offset 8  u64  value
 //
+// except the reader's health report (type 4, reader -> writer, 32 bytes:
+// type, reserved, then u64 restarts, lookasideReads, resyncs), which it
+// sends after an acknowledgement when its counters moved. The writer keeps
+// each reader's acknowledgements and report on its health board
+// (queue/health_board.h) for operators; a datagram of any other size or
+// type is ignored.
+//
 // A reader is kicked once and not again until it acknowledges, so a slow
 // reader costs the writer one datagram per walk, and a full socket buffer
 // only means a kick is already pending. The writer is never held back by a
@@ -39,10 +46,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 
 #include "mroute/runtime/loop/event_loop.h"
 #include "mroute/runtime/loop/timer.h"
+#include "mroute/table/queue/health_board.h"
 
 namespace Brume {
 
@@ -53,7 +62,7 @@ inline constexpr const char* kNotifySocketName = "notify.sock";
 namespace channel {
 
 // Do not renumber: the values travel between processes.
-enum class MessageType : uint32_t { kick = 1, ack = 2, minSeq = 3 };
+enum class MessageType : uint32_t { kick = 1, ack = 2, minSeq = 3, health = 4 };
 
 struct Message {
   uint32_t type;
@@ -62,6 +71,17 @@ struct Message {
 };
 static_assert(sizeof(Message) == 16);
 static_assert(offsetof(Message, value) == 8);
+
+struct HealthMessage {
+  uint32_t type;
+  uint32_t reserved;
+  uint64_t restarts;
+  uint64_t lookasideReads;
+  uint64_t resyncs;
+};
+static_assert(sizeof(HealthMessage) == 32);
+static_assert(offsetof(HealthMessage, restarts) == 8);
+static_assert(std::is_trivially_copyable_v<HealthMessage>);
 
 }  // namespace channel
 
@@ -97,6 +117,9 @@ class NotifyServer {
   void queueIs(ConquerWriter* queue);
   // Kicks every reader that has acknowledged everything before.
   void news(uint64_t sequence);
+  // Where readers' connections, acknowledgements and reports are recorded
+  // for operators; null records nothing.
+  void boardIs(HealthBoard* board) { board_ = board; }
 
   uint32_t readers() const { return static_cast<uint32_t>(conns_.size()); }
   const Counters& counters() const { return counters_; }
@@ -109,6 +132,7 @@ class NotifyServer {
     uint64_t lastAck = kNoAck;
     bool kicked = false;       // a kick is unacknowledged
     Clock::time_point since;   // when the kick (or the connection) began waiting
+    uint32_t record = HealthBoard::kNoRecord;  // on the health board
   };
 
   void accept();
@@ -127,6 +151,7 @@ class NotifyServer {
   std::unique_ptr<Mroute::Loop::Timer> silentTimer_;
   std::unordered_map<int, std::unique_ptr<Conn>> conns_;
   ConquerWriter* queue_ = nullptr;
+  HealthBoard* board_ = nullptr;
   Counters counters_;
 };
 
@@ -157,6 +182,8 @@ class NotifyClient {
   // Tells the writer that everything up to seq was seen. False when the
   // connection is gone.
   bool ack(uint64_t seq);
+  // Tells the writer this reader's counters (for its health board).
+  bool report(const ReaderHealth& health);
 
  private:
   std::string directory_;

@@ -50,11 +50,10 @@ class WriterMounter {
   const std::string& markerPath() const { return markerPath_; }
   // The text of the last corruption report seen ("" before the first).
   const std::string& lastReport() const { return lastReport_; }
-
- private:
   // The marker's text without its line end; "" when it is missing.
   std::string readMarker() const;
 
+ private:
   Front& front_;
   std::string emberPath_;
   std::string markerPath_;

@@ -428,6 +428,7 @@ void ConquerWriter::compact(uint64_t minSeq) {
   MROUTE_TRACE(brumeTrace(), kTraceInfo,
                "ConquerWriter::compact() switched to " << paths_[dst] << " live:" << n << " notifications:"
                                                        << capacityOf(dst));
+  if (compacted_) compacted_(n);
   adjustCorral();
 }
 

@@ -137,6 +137,9 @@ class ConquerWriter {
   // Called when the notifications of the last shrink need no more protection
   // (every reader acknowledged them, or the shrink posted none).
   void shrinkCompleteIs(std::function<void()> callback) { shrinkComplete_ = std::move(callback); }
+  // Called after each compaction with the live notifications it kept (the
+  // writer's health board records it).
+  void compactedIs(std::function<void(uint64_t kept)> callback) { compacted_ = std::move(callback); }
   // Called after each notify(); the reader connection wakes readers with it.
   void newsIs(std::function<void(uint64_t sequence)> callback) { news_ = std::move(callback); }
 
@@ -209,6 +212,7 @@ class ConquerWriter {
   bool waitingForReaders_ = false;
   std::function<void()> shrinkComplete_;
   std::function<void(uint64_t)> news_;
+  std::function<void(uint64_t)> compacted_;
   Counters counters_;
 };
 

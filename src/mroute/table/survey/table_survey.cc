@@ -16,6 +16,7 @@
 #include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/notify_channel.h"
 #include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/queue/internal/health_file.h"
 #include "mroute/table/shm/ember_file.h"
 #include "mroute/table/shm/shm_file.h"
 #include "mroute/table/shm/writer_lock.h"
@@ -172,6 +173,63 @@ void statQueue(const Mem::RootPath& root, TableStat* s) {
   }
 }
 
+// The writer's health file, every field read as bytes another process wrote:
+// its size, magic and version checked, records bounded by the file, a block
+// that stays torn after a few tries reported instead of shown.
+void statHealth(const Mem::RootPath& root, TableStat* s) {
+  Mapped f;
+  if (!f.file.open(root.file(kHealthFileName), Mem::ShmAccess::readOnly)) return;
+  const int64_t size = f.file.fileSize();
+  if (size < static_cast<int64_t>(sizeof(HealthFile::Header)) || !f.file.map(static_cast<size_t>(size))) {
+    s->healthProblem = "health file too short";
+    return;
+  }
+  constexpr int kTries = 100;
+  const auto& raw = *reinterpret_cast<const HealthFile::Header*>(f.file.base());
+  HealthFile::Header h{};
+  bool whole = false;
+  for (int i = 0; i < kTries && !whole; ++i) whole = health::readBlock(raw, raw.generation, &h);
+  if (!whole) {
+    s->healthProblem = "health file kept changing while read";
+    return;
+  }
+  if (std::memcmp(h.magic, HealthFile::kMagic, sizeof h.magic) != 0 || h.version != HealthFile::kVersion) {
+    s->healthProblem = "health file has a bad magic or version";
+    return;
+  }
+  TableStat::Health out;
+  out.writerPid = h.writerPid;
+  out.compactions = h.compactions;
+  out.lastCompactionNs = h.lastCompactionNs;
+  out.lastCompactionKept = h.lastCompactionKept;
+  out.corruptionReports = h.corruptionReports;
+  out.lastReportNs = h.lastReportNs;
+  out.lastReport.assign(h.lastReport, strnlen(h.lastReport, sizeof h.lastReport));
+  out.readersDropped = h.readersDropped;
+  out.unlisted = h.unlisted;
+  const uint64_t fits = (static_cast<uint64_t>(size) - sizeof(HealthFile::Header)) / sizeof(HealthFile::Reader);
+  const uint64_t records = std::min<uint64_t>({h.records, fits, HealthFile::kMaxReaders});
+  for (uint32_t i = 0; i < records; ++i) {
+    const HealthFile::Reader& rr = *HealthFile::reader(f.file.base(), i);
+    HealthFile::Reader r{};
+    whole = false;
+    for (int t = 0; t < kTries && !whole; ++t) whole = health::readBlock(rr, rr.generation, &r);
+    if (!whole) continue;
+    const char* state = nullptr;
+    switch (static_cast<HealthFile::ReaderState>(r.state)) {
+      case HealthFile::ReaderState::connected: state = "connected"; break;
+      case HealthFile::ReaderState::gone: state = "gone"; break;
+      case HealthFile::ReaderState::dropped: state = "dropped"; break;
+      default: break;
+    }
+    if (state == nullptr) continue;  // free, or a state this tool does not know
+    out.readers.push_back({r.pid, state, r.connectedNs, r.goneNs, r.lastAck != HealthFile::kNoAck,
+                           r.lastAck == HealthFile::kNoAck ? 0 : r.lastAck, r.restarts, r.lookasideReads,
+                           r.resyncs});
+  }
+  s->health = std::move(out);
+}
+
 }  // namespace
 
 TableStat statTable(const std::string& table) {
@@ -197,6 +255,7 @@ TableStat statTable(const std::string& table) {
     s.shrinks = (h->config & kConfigShrinkSlots) != 0;
   }
   statQueue(root, &s);
+  statHealth(root, &s);
   s.writerPid = writerPid(s.dir);
   return s;
 }

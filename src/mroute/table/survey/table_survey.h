@@ -74,6 +74,34 @@ struct TableStat {
   // A slot-table shrink in progress holds back the queue (the corral).
   bool shrinking = false;
   bool corruptionReported = false;  // a reader left the corruption marker
+
+  // The writer's health file. Its numbers are what the writer (and, for the
+  // reader counters, each reader) claimed: displayed, never acted on.
+  struct Reader {
+    uint32_t pid = 0;
+    std::string state;  // "connected", "gone", "dropped" (not acknowledging)
+    uint64_t connectedNs = 0;
+    uint64_t goneNs = 0;  // 0 while connected
+    bool acked = false;
+    uint64_t lastAck = 0;
+    uint64_t restarts = 0;
+    uint64_t lookasideReads = 0;
+    uint64_t resyncs = 0;
+  };
+  struct Health {
+    uint32_t writerPid = 0;
+    uint64_t compactions = 0;
+    uint64_t lastCompactionNs = 0;  // wall clock; 0 never
+    uint64_t lastCompactionKept = 0;
+    uint64_t corruptionReports = 0;
+    uint64_t lastReportNs = 0;
+    std::string lastReport;
+    uint64_t readersDropped = 0;
+    uint32_t unlisted = 0;  // connected readers without a record
+    std::vector<Reader> readers;
+  };
+  std::optional<Health> health;  // none: no health file
+  std::string healthProblem;     // why the file could not be read ("" when read)
 };
 
 // REQUIRES: `table` is "<mount path>/<name>" (as listTables gives them).
