@@ -104,6 +104,11 @@ COLL_CALLBACKS = '''  virtual void on{{X}}(const {{K}}&) {}
   virtual void on{{X}}() {}'''
 
 
+def table_init(m):
+    """The constructor's initializer of table member m."""
+    return '%s_("%s", %d)' % (m.name, m.name, m.capacity)
+
+
 def emit_collection(t, m, enums, holes, out):
     decls, defs, callbacks, storage, attrs = out
     holes.update(K=m.key, KP=param(m.key, enums), V=m.type, VP=param(m.type, enums), C=m.type)
@@ -125,7 +130,9 @@ def emit_collection(t, m, enums, holes, out):
     else:
         decls.append(fill(TABLE_DECL, **holes))
         defs.append(fill(TABLE_DEF, **holes))
-        storage.append('  %sTable %s_{"%s", %d};' % (holes['X'], m.name, m.name, m.capacity))
+        # Named and sized in the constructor (table_init), not here: an initializer in the class would build
+        # the table front in every unit that includes the header.
+        storage.append('  %sTable %s_;' % (holes['X'], m.name))
     callbacks.append(fill(COLL_CALLBACKS, **holes))
     # The operations the attribute log knows the member by.
     ops = ' '.join(op % m.name for op in ('%sIs', '%sDel', '%sNotify'))

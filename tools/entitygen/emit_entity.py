@@ -2,7 +2,7 @@
 (attr, counter, const, ref, backptr). Collections come from emit_collections."""
 
 from emit_attr_log import emit_attr_log
-from emit_collections import emit_collection
+from emit_collections import emit_collection, table_init
 from emit_common import attr_record, cstring, doc_comment, fill, param
 from emit_enum import emit_enum
 from model import DescriptionError, cap
@@ -15,7 +15,7 @@ ENTITY_DECL = '''
   class NotifieeConst;
   class Notifiee;
 
-  explicit {{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}});
+  explicit {{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}});{{DTOR_DECL}}
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
 {{MOUNT}}{{MEMBERS}}
@@ -40,7 +40,7 @@ DERIVED_NOTIFIER = '''
   void notifierIs(const Kiv::Ptr<const {{NAME}}>& e) { notifierEntityIs(const_cast<{{NAME}}*>(e.ptr())); }'''
 
 ENTITY_DEFS = '''
-{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName{{BASE_ARGS}}){{CTOR_INITS}} {{{CALL_INIT}}}
+{{NAME}}::{{NAME}}(const Kiv::Name& entityName{{CTOR_PARAMS}}) : {{BASE}}(entityName{{BASE_ARGS}}){{CTOR_INITS}} {{{CALL_INIT}}}{{DTOR_DEF}}
 
 const Kiv::TypeRecord& {{NAME}}::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("{{NS}}::{{NAME}}", Kiv::TypeKind::entity, {}, {{ATTR_LIST}});
@@ -266,7 +266,9 @@ def emit_entity(ns, t, enums):
         else:
             emit_scalar(t, m, enums, holes, out)
     by_name = {m.name: m for m in t.members}
-    ctor_inits = ''.join(', %s_(%s)' % (m.name, m.name) for m in ctor_members(t))
+    taken = ctor_members(t)
+    ctor_inits = ''.join(', %s_(%s)' % (m.name, m.name) if m in taken else ', ' + table_init(m)
+                         for m in t.members if m in taken or m.kind == 'table')
     params = ctor_params(t, enums)
     reset, is_default = reset_lines(t)
     if t.mount:
@@ -288,14 +290,18 @@ def emit_entity(ns, t, enums):
     decls.append(log_members)
     base = t.parent or 'Kiv::Entity'
     factory_decl, factory_def = factories(t, by_name, enums)
-    decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls,
+    # An entity with tables destroys them in its own unit: an implicit destructor would be defined, with the
+    # whole table front behind it, in every unit that includes the header.
+    dtor_decl = '\n  ~%s() override;' % t.name if tables else ''
+    dtor_def = '\n%s::~%s() = default;' % (t.name, t.name) if tables else ''
+    decl = fill(ENTITY_DECL, DOC=doc_comment(t.doc), NAME=t.name, BASE=base, ENUMS=enum_decls, DTOR_DECL=dtor_decl,
                 IDS='\n'.join(ids), CTOR_PARAMS=params, PROTECTED='\n protected:' + protected + '\n' if protected else '', MOUNT=mount, MEMBERS='\n'.join(decls),
                 INIT='\n  void doInit();' if t.init else '', STORAGE='\n'.join(storage),
                 NOTIFIEE_BASE=('%s::NotifieeConst' % t.parent) if t.parent else 'Kiv::NotifieeConstOf<%s>' % t.name,
                 NOTIFIER=fill(DERIVED_NOTIFIER, NAME=t.name) if t.parent else '',
                 CALLBACKS='\n'.join(callbacks), FACTORY=factory_decl) + log_class
     init_def = '\nvoid %s::doInit() { %s }\n' % (t.name, t.init) if t.init else ''
-    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base,
+    definition = fill(ENTITY_DEFS, NS=ns, NAME=t.name, BASE=base, DTOR_DEF=dtor_def,
                       BASE_ARGS=', %s' % t.parent_args if t.parent_args else '', CTOR_PARAMS=params.replace(' = {}', ''),
                       CTOR_INITS=ctor_inits,
                       CALL_INIT=''.join(' %s' % c for c in ctor_checks + (['doInit();'] if t.init else []))

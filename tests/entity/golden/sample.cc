@@ -345,7 +345,8 @@ namespace {
 [[maybe_unused]] const bool kivMountableBranch = Kiv::NboAttrLog::mountableTypeIs<Branch>({});
 }  // namespace
 
-Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root) { grown(height_, late_); }
+Tree::Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root) : Kiv::Entity(entityName), height_(height), root_(root), entries_("entries", 16) { grown(height_, late_); }
+Tree::~Tree() = default;
 
 const Kiv::TypeRecord& Tree::type() {
   static const Kiv::TypeRecord& record = Kiv::registerType("Sample::Tree", Kiv::TypeKind::entity, {}, {{"height", 258, "ctor", "uint32_t", "", 0, ""}, {"root", 259, "validref", "Leaf", "", 0, ""}, {"shade", 260, "ref", "Holder", "", 0, ""}, {"forest", 261, "backptr", "Holder", "", 0, ""}, {"prefixGroup", 262, "const", "Orvet::IpGenPrefix", "224.0.0.0/4", 0, ""}, {"rings", 263, "counter", "uint32_t", "0", 0, ""}, {"late", 270, "attr", "bool", "false", 0, ""}, {"entry", 271, "coll", "uint32_t -> Entry", "", 0, "entryIs entryDel entryNotify"}, {"byVlan", 272, "child", "Bridging::VlanId -> Leaf", "", 0, "byVlanIs byVlanDel byVlanNotify"}, {"sortedLeaf", 273, "child", "Kiv::Name -> Leaf", "", 0, "sortedLeafIs sortedLeafDel sortedLeafNotify"}, {"entries", 274, "table", "uint32_t -> Entry", "", 16, "entriesIs entriesDel entriesNotify"}});

@@ -543,6 +543,7 @@ class Tree : public Kiv::Entity {
   class Notifiee;
 
   explicit Tree(const Kiv::Name& entityName, uint32_t height, const Kiv::ValidPtr<Leaf>& root);
+  ~Tree() override;
   static const Kiv::TypeRecord& type();
   const Kiv::TypeRecord& fwkType() const override { return type(); }
   static std::string mountPath(Orvet::AddressFamily af, const L3::VrfName& vrf, const Kiv::Name& application) {
@@ -651,7 +652,7 @@ class Tree : public Kiv::Entity {
   EntryMap entry_;
   ByVlanMap byVlan_;
   SortedLeafMap sortedLeaf_;
-  EntriesTable entries_{"entries", 16};
+  EntriesTable entries_;
 };
 
 class Tree::NotifieeConst : public Kiv::NotifieeConstOf<Tree> {
