@@ -49,6 +49,28 @@ TEST_F(QueueTest, RewritingASlotLeavesOnlyTheNewestEntryLive) {
   EXPECT_TRUE(w_->validate(&why)) << why;
 }
 
+// Without per-operation tracing notify() takes its short path: the same
+// entries, positions and counters, and a corrupt entry still goes to the
+// full path's report.
+TEST_F(QueueTest, UntracedNotifyKeepsTheSameQueue) {
+  CaptureSink quiet{"Mroute::Brume/0-8"};
+  ASSERT_FALSE(Brume::brumeTrace().enabled(Brume::kTraceDetail));
+  for (uint32_t slot : {5, 7, 5, 5}) w_->notify(slot);
+  EXPECT_EQ(entries(), (Entries{{1, kTomb}, {2, 7}, {3, kTomb}, {4, 5}}));
+  EXPECT_EQ(w_->position(5), 3u);
+  EXPECT_EQ(w_->counters().uniqueNotifications, 2u);
+  EXPECT_EQ(w_->counters().tombstones, 2u);
+  EXPECT_EQ(w_->counters().notifications, 4u);
+  EXPECT_EQ(w_->sequence(), 4u);
+  std::string why;
+  EXPECT_TRUE(w_->validate(&why)) << why;
+  Raw raw;
+  openRaw(0, &raw);
+  raw.entry(1).slot = 9;
+  EXPECT_THROW_TEXT(w_->notify(7), Pavo::CorruptionDetectedException,
+                    "ConquerWriter::tombstone() conquer slot mismatch, slot:7 index:1");
+}
+
 TEST_F(QueueTest, CorralEntriesAreNeverTombstonedOlderOnesAre) {
   int completed = 0;
   w_->shrinkCompleteIs([&] { ++completed; });

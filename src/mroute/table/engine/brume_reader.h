@@ -27,6 +27,13 @@
 //       (W3), so under R2 the rhash and next it read belong to one chain
 //       state. Only a slot that may hold the key, or end the search, is read
 //       by R1.
+//   R6. A lookup's first attempt takes the bucket count as this reader last
+//       loaded it (count_) instead of loading it again, and compares the
+//       whole count word (version and ref) with it before answering. Every
+//       store of the count advances its version, so an equal word proves no
+//       store happened since that earlier acquire load, which is all R3's
+//       load at the start of the attempt proved. A mismatch hands the lookup
+//       to the full loop, which loads the count afresh.
 //
 // Thread-safety: a reader object is used by one thread; any number of
 // readers in any processes run concurrently with the writer.
@@ -109,6 +116,7 @@ class BrumeReader {
   void afterCountLoadIs(void (*hook)(void* context), void* context) {
     afterCountLoad_ = hook;
     afterCountLoadContext_ = context;
+    fastLookup_ = numBuckets_ != 0 && hook == nullptr;
   }
 
  private:
@@ -120,8 +128,18 @@ class BrumeReader {
   Mem::VersionedRef::Value loadNumBuckets() {
     const Mem::VersionedRef::Value v = buckets_.header()->numBuckets.load();
     if (v.ref != numBuckets_) [[unlikely]] numBucketsChanged(v.ref);
+    count_ = v;
     return v;
   }
+  // The outcome of one lookup attempt; retry hands over to the full loop.
+  enum class Attempt : uint8_t { absent, found, retry };
+  // The common case of doLookup() in one attempt (R6), with no restart, no
+  // remap and no report: whatever it cannot settle it leaves to lookupLoop().
+  [[gnu::always_inline]] Attempt lookupOnce(const Key& key, uint32_t h, uint32_t r, Stored& out);
+  // The full lookup: restarts, remaps and corruption reports.
+  [[gnu::noinline]] bool lookupLoop(const Key& key, uint32_t h, uint32_t r, Stored& out);
+  // doLookup() while detached or with the test seam set.
+  [[gnu::noinline]] bool lookupSlow(const Key& key, Stored& out);
   void numBucketsChanged(uint32_t n);
   // Whether a slot of reversed hash rh may stand in the chain of the bucket
   // whose reversed index is rb: it picks that bucket with numBuckets, half or
@@ -137,6 +155,7 @@ class BrumeReader {
   // Takes n (a power of two, or 0 when detached) as the local bucket count.
   void useNumBuckets(uint32_t n) {
     numBuckets_ = n;
+    fastLookup_ = n != 0 && afterCountLoad_ == nullptr;
     const uint32_t k = n == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(n));
     bits_.own = topBits(k);
     // Where a half or double count does not exist, the own mask stands in:
@@ -175,6 +194,10 @@ class BrumeReader {
   BucketReaderTable buckets_;
   uint32_t ember_ = 0;
   uint32_t numBuckets_ = 0;  // local view; 0 while detached
+  // The count word as this reader last loaded it from this file (R6).
+  Mem::VersionedRef::Value count_{};
+  // Attached and no test seam set: doLookup() may try lookupOnce().
+  bool fastLookup_ = false;
   // The top log2(numBuckets_) bits, and those of half and twice the count:
   // the bits of a reversed hash that pick its bucket.
   BucketBits bits_;

@@ -279,7 +279,7 @@ void ConquerWriter::growPositions(uint32_t slot) {
   positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
 }
 
-uint64_t ConquerWriter::notify(uint32_t slot) {
+uint64_t ConquerWriter::notifySlow(uint32_t slot) {
   MROUTE_ASSERT(attached());
   MROUTE_ASSERT(slot < 0x80000000u);
   uint32_t cap = capacityOf(cur_);

@@ -59,6 +59,7 @@
 #include <vector>
 
 #include "mroute/table/queue/internal/conquer_file.h"
+#include "mroute/table/shm/brume_trace.h"
 #include "mroute/table/shm/shm_file.h"
 
 namespace Brume {
@@ -110,7 +111,36 @@ class ConquerWriter {
   // Returns the sequence. Raises Pavo::CorruptionDetectedException when the
   // queue is corrupt or cannot make room.
   // REQUIRES: attached() && slot < 0x80000000
-  uint64_t notify(uint32_t slot);
+  uint64_t notify(uint32_t slot) {
+    // Inline for the common case: room in the file, a slot seen before, no
+    // corral and no per-operation tracing. notifySlow() does the rest, and
+    // all the reporting.
+    const uint32_t pos = currentPos_;
+    uint8_t* const base = files_[cur_].base();  // read once: the stores below cannot move it
+    if (!attached() || slot >= positions_.size() || pos >= ConquerTable::header(base)->notifications.loadRelaxed().ref ||
+        corralStart_ != 0 || trace_->enabled(kTraceDetail)) [[unlikely]] {
+      return notifySlow(slot);
+    }
+    uint32_t& position = positions_[slot];
+    if (position != kNoPosition) {
+      ConquerTable::Entry& e = *ConquerTable::entry(base, position);
+      if (position >= pos || conquer::loadSlot(e) != slot) [[unlikely]] return notifySlow(slot);
+      // QW1: one 32-bit store, as tombstoneAt() makes it.
+      conquer::storeWord(e.slot, ConquerTable::kTombstone);
+      ++counters_.tombstones;
+    } else {
+      ++counters_.uniqueNotifications;
+    }
+    const uint64_t seq = sequence_ + 1;
+    sequence_ = seq;
+    conquer::storeEntry(*ConquerTable::entry(base, pos), seq, slot);
+    position = pos;
+    currentPos_ = pos + 1;
+    conquer::storeCurrentPos(*ConquerTable::header(base), pos + 1);  // QW1: publishes the entry
+    ++counters_.notifications;
+    if (news_) news_(seq);
+    return seq;
+  }
   // Turns the slot's live entry into a tombstone unless it lies in the
   // corral. Returns whether an entry was tombstoned.
   bool tombstone(uint32_t slot);
@@ -176,6 +206,7 @@ class ConquerWriter {
   const std::string& path(uint32_t table) const { return paths_[table]; }
 
  private:
+  uint64_t notifySlow(uint32_t slot);
   ConquerTable::Header& header(uint32_t t) const { return *ConquerTable::header(files_[t].base()); }
   ConquerTable::Entry& entryAt(uint32_t t, uint32_t pos) const { return *ConquerTable::entry(files_[t].base(), pos); }
   uint32_t capacityOf(uint32_t t) const { return header(t).notifications.loadRelaxed().ref; }
@@ -214,6 +245,7 @@ class ConquerWriter {
   std::function<void(uint64_t)> news_;
   std::function<void(uint64_t)> compacted_;
   Counters counters_;
+  const Mroute::Trace::Facility* trace_ = &brumeTrace();
 };
 
 }  // namespace Brume

@@ -29,7 +29,8 @@ bool BrumeReader<Ops>::initialize() {
   if (!readEmber(*fs_, root_, &ember_)) return fail("BrumeReader::initialize() failed to read ember file", "");
   std::string why;
   if (!buckets_.validate(ember_, &why)) return fail("BrumeReader::initialize() failed to validate buckets", why);
-  const uint32_t n = buckets_.header()->numBuckets.load().ref;
+  count_ = buckets_.header()->numBuckets.load();
+  const uint32_t n = count_.ref;
   if (n == 0 || (n & (n - 1)) != 0 || !buckets_.doResize(n)) {
     return fail("BrumeReader::initialize() failed to validate buckets",
                 "BucketTable::validate() bad numBuckets:" + std::to_string(n));
@@ -132,13 +133,78 @@ void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
 
 template <TableOps Ops>
 bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
+  if (!fastLookup_) [[unlikely]] return lookupSlow(key, out);
+  ++counters_.lookups;
+  const uint32_t h = Ops::hash(key);
+  const uint32_t r = bitReverse(h);
+  const Attempt a = lookupOnce(key, h, r, out);
+  if (a != Attempt::retry) [[likely]] return a == Attempt::found;
+  ++counters_.restarts;
+  return lookupLoop(key, h, r, out);
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::lookupSlow(const Key& key, Stored& out) {
   if (numBuckets_ == 0) {
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doLookup() bucket table detached");
     return false;
   }
   ++counters_.lookups;
   const uint32_t h = Ops::hash(key);
-  const uint32_t r = bitReverse(h);
+  return lookupLoop(key, h, bitReverse(h), out);
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupOnce(const Key& key, uint32_t h, uint32_t r,
+                                                                      Stored& out) {
+  // Mapping bases and bounds are read once: nothing in one attempt remaps.
+  const BucketTable::Header* bh = buckets_.header();
+  const uint8_t* slotBase = slots_.base();
+  const uint32_t mapped = slots_.mappedSlots();
+  const Mem::VersionedRef::Value nb = count_;  // R6
+  const uint32_t rb = r & bits_.own;          // bitReverse(b)
+  // b < numBuckets_ <= mappedBuckets(): the local count is only ever taken
+  // after the bucket mapping was made to hold it, and mappings never shrink.
+  const Mem::VersionedRef& head = bh->buckets()[h & (numBuckets_ - 1)];
+  const Mem::VersionedRef::Value hv = head.load();
+  uint32_t ref = hv.ref;
+  // The cycle bound as a count-down: more steps than mapped slots means a
+  // loop, which the full loop then reports.
+  for (uint32_t left = mapped; !isEndMarker(ref); --left) {
+    if (ref >= mapped || left == 0) [[unlikely]] return Attempt::retry;
+    const Slot* s = SlotTable::slotAt(slotBase, kSlotSize, ref);
+    // R5.
+    uint32_t rh = loadRelaxed(s->rhash);
+    if (rh >= r) [[likely]] {
+      const uint32_t st = readSlot(s, out, &rh);
+      if ((st & kOccupied) != 0 && rh >= r) [[likely]] {
+        // R2 + R3 (R6): the head and the count word unchanged since the
+        // walk began (the key is compared on the private copy, before).
+        auto unchanged = [&] { return head.recheck().version == hv.version && bh->numBuckets.recheck() == nb; };
+        if (rh == r && Ops::equal(Ops::keyOf(out), key)) [[likely]] {
+          return unchanged() ? Attempt::found : Attempt::retry;
+        }
+        if (!unchanged()) return Attempt::retry;
+        if (rh > r || Ops::less(key, Ops::keyOf(out))) {
+          // The stopping key must belong here; the full loop reports it if not.
+          return bits_.belongs(bitReverse(Ops::hash(Ops::keyOf(out))), rb) ? Attempt::absent : Attempt::retry;
+        }
+      }
+    }
+    if (!bits_.belongs(rh, rb)) [[unlikely]] return Attempt::retry;
+    const uint32_t next = s->next.load().ref;
+    // R2 alone: the head's version covers every link of the chain (W2), so
+    // the next link read belongs to the chain as it stood when the walk
+    // began. The count is re-checked before the answer only: a split or
+    // join changes the chain's links, and with them the head (W2, W5).
+    if (head.recheck().version != hv.version) return Attempt::retry;
+    ref = next;
+  }
+  return head.recheck().version == hv.version && bh->numBuckets.recheck() == nb ? Attempt::absent : Attempt::retry;
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::lookupLoop(const Key& key, uint32_t h, uint32_t r, Stored& out) {
   for (;; ++counters_.restarts) {
     const Mem::VersionedRef::Value nb = loadNumBuckets();
     if (afterCountLoad_ != nullptr) [[unlikely]] afterCountLoad_(afterCountLoadContext_);
@@ -360,8 +426,12 @@ auto BrumeReader<Ops>::retryOnResize(Op&& op) -> decltype(op()) {
     const uint32_t mappedSlots = slots_.mappedSlots();
     const uint32_t mappedBuckets = buckets_.mappedBuckets();
     slots_.doResize();
-    const uint32_t n = buckets_.header()->numBuckets.load().ref;
-    if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) useNumBuckets(n);
+    const Mem::VersionedRef::Value count = buckets_.header()->numBuckets.load();
+    const uint32_t n = count.ref;
+    if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) {
+      useNumBuckets(n);
+      count_ = count;
+    }
     if (slotBase == slots_.base() && bucketBase == buckets_.base() && mappedSlots == slots_.mappedSlots() &&
         mappedBuckets == buckets_.mappedBuckets()) {
       throw;
