@@ -46,4 +46,9 @@ echo "$out" | grep -Eq '^Mroute::Brume[A-Za-z]*  *0-3$' || fail "trace: Brume le
 out=$(MROUTE_TRACE=garbage "$mroutectl" trace --json 2>/dev/null | python3 -c \
   'import json, sys; j = json.load(sys.stdin); print(len(j["facilities"]) > 0, len(j["problems"]))')
 [ "$out" = "True 1" ] || fail "trace --json with a bad setting: $out"
+# Any subcommand reports a bad setting, and refuses an unwritable trace file.
+err=$(MROUTE_TRACE=garbage "$mroutectl" key '(*,239.1.1.1)' 2>&1 >/dev/null)
+echo "$err" | grep -q 'MROUTE_TRACE: "garbage" matches no trace facility' || fail "key with a bad setting: $err"
+status=0; err=$(MROUTE_TRACE_FILE=/nonexistent/dir/t "$mroutectl" key '(*,239.1.1.1)' 2>&1 >/dev/null) || status=$?
+[ "$status" = 2 ] && echo "$err" | grep -q 'fix or unset MROUTE_TRACE_FILE' || fail "unwritable trace file: $status $err"
 echo ok

@@ -13,11 +13,13 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command.h"
 #include "mroute/runtime/assert.h"
 #include "mroute/runtime/error.h"
+#include "mroute/runtime/trace.h"
 #include "stored_types.h"
 
 #ifndef MROUTECTL_VERSION
@@ -80,6 +82,17 @@ int run(int argc, char** argv) {
   addAppsDemoCommand(app, ctx);
   addEntityCommand(app, ctx);
   addTraceCommand(app, ctx);
+  // The trace settings are read when the library first traces, which some
+  // subcommands never do: read them now so that every subcommand reports a bad
+  // MROUTE_TRACE. A trace file that cannot be written is an error, except for
+  // `trace`, whose job is to show that problem.
+  for (const std::string& problem : Mroute::Trace::environmentErrors()) {
+    const bool traceCommand = argc > 1 && std::string_view(argv[1]) == "trace";
+    if (problem.starts_with("MROUTE_TRACE_FILE") && !traceCommand) {
+      std::cerr << "mroutectl: the trace file is not writable; fix or unset MROUTE_TRACE_FILE\n";
+      return kExitUsage;
+    }
+  }
   try {
     app.parse(argc, argv);
     return kExitOk;
