@@ -2,23 +2,17 @@
 // and their text forms, the request counters and the reader queries.
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "mroute/bitmapper/brume_status.h"
 #include "mroute/bitmapper/config.h"
 #include "mroute/bitmapper/status.h"
+#include "mroute/entity/kiv/text_form.h"
 #include "testing/shm_root_scope.h"
 
 namespace {
 
 using namespace BitMapper;
 
-template <class T>
-std::string text(const T& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
+using Kiv::textOf;
 
 BitMapperKey key(const char* intf, const char* addr) {
   return BitMapperKey(Orvet::IntfId::fromText(intf), Orvet::IpGenAddr::fromText(addr));
@@ -36,23 +30,23 @@ TEST(BitIndexTest, InvalidIndexIsAnOrdinaryValueExceptForIsValid) {
   EXPECT_FALSE(invalid.isNull());
   EXPECT_LT(BitIndex(7), invalid);
   EXPECT_LT(invalid, BitIndex::null());
-  EXPECT_EQ(text(invalid), "65534");
+  EXPECT_EQ(textOf(invalid), "65534");
   EXPECT_EQ(BitIndex::fromText("65534"), invalid);
 }
 
 TEST(RecordsTest, TextFormsRoundTrip) {
   const BitMapperKey k = key("Ethernet1", "10.0.0.1");
-  EXPECT_EQ(text(k), "Value('BitMapper::BitMapperKey', ** {'intfId': Ethernet1, 'ipGenAddr': 10.0.0.1})");
+  EXPECT_EQ(textOf(k), "Value('BitMapper::BitMapperKey', ** {'intfId': Ethernet1, 'ipGenAddr': 10.0.0.1})");
   const BitIndexMap row(BitIndex(3), k, 2, false);
-  EXPECT_EQ(text(row),
-            "Value('BitMapper::BitIndexMap', ** {'key': 3, 'bitMapperKey': " + text(k) +
+  EXPECT_EQ(textOf(row),
+            "Value('BitMapper::BitIndexMap', ** {'key': 3, 'bitMapperKey': " + textOf(k) +
                 ", 'refCount': 2, 'isNewMapping': False})");
-  EXPECT_EQ(BitIndexMap::fromText(text(row)), row);
+  EXPECT_EQ(BitIndexMap::fromText(textOf(row)), row);
   const WaitlistMap wait(k, 4);
-  EXPECT_EQ(text(wait), "Value('BitMapper::WaitlistMap', ** {'key': " + text(k) + ", 'refCount': 4})");
-  EXPECT_EQ(WaitlistMap::fromText(text(wait)), wait);
-  EXPECT_EQ(text(TableInfo()), "Value('BitMapper::TableInfo', ** {})");
-  EXPECT_EQ(TableInfo::fromText(text(TableInfo())), TableInfo());
+  EXPECT_EQ(textOf(wait), "Value('BitMapper::WaitlistMap', ** {'key': " + textOf(k) + ", 'refCount': 4})");
+  EXPECT_EQ(WaitlistMap::fromText(textOf(wait)), wait);
+  EXPECT_EQ(textOf(TableInfo()), "Value('BitMapper::TableInfo', ** {})");
+  EXPECT_EQ(TableInfo::fromText(textOf(TableInfo())), TableInfo());
 }
 
 TEST(RecordsTest, KeysOrderByInterfaceThenAddressAndRowsDifferInIsNewMapping) {

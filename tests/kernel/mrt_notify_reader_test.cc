@@ -106,16 +106,6 @@ TEST_F(MrtNotifyReaderTest, UnknownTypesAndShortDatagramsChangeNothing) {
   EXPECT_EQ(brevet_.written(), 0u);
 }
 
-TEST_F(MrtNotifyReaderTest, CountersWrapAndReturnTheNewValue) {
-  CounterWatch counters;
-  counters.notifierIs(mgr_);
-  mgr_->noCacheCounterIs(0xffffffffu);
-  EXPECT_EQ(mgr_->noCacheCounterInc(1), 0u);
-  EXPECT_EQ(mgr_->noCacheCounterInc(0), 0u);
-  EXPECT_EQ(counters.noCache, 2) << "no notification when nothing changed";
-  counters.notifierIs(nullptr);
-}
-
 TEST_F(MrtNotifyReaderTest, AddressFamilies) {
   mgr_->handlePamInit();
   ASSERT_TRUE(mgr_->pam());

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <vector>
 
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/mfib_brume_dir_route_key.h"
 #include "mroute/route/route.h"
 #include "testing/expect_assert.h"
@@ -18,12 +18,6 @@ IpGenRouteKey key(const char* s, const char* g) {
 }
 
 Orvet::IntfId intf(const char* name) { return Orvet::IntfId(name); }
-
-std::string text(const Route& r) {
-  std::ostringstream os;
-  os << r;
-  return os.str();
-}
 
 std::vector<uint16_t> oifsOf(const Route& r) {
   std::vector<uint16_t> out;
@@ -94,7 +88,7 @@ TEST(RouteRecord, BrumeStringShowsWordsHighFirst) {
 
 TEST(RouteRecord, TextRoundTrips) {
   Route r = sample();
-  std::string t = text(r);
+  std::string t = Kiv::textOf(r);
   EXPECT_TRUE(t.starts_with(
       "Value('Brume::Multicast::Fib::Route', ** {'key': Value('Routing::Multicast::Fib::IpGenRouteKey'"))
       << t;
@@ -107,7 +101,7 @@ TEST(RouteRecord, TextRoundTrips) {
       << t;
   EXPECT_TRUE(t.ends_with("'oifBitmap8': 65536})")) << t;
   EXPECT_EQ(Route::fromText(t), r);
-  EXPECT_EQ(Route::fromText(text(Route())), Route());
+  EXPECT_EQ(Route::fromText(Kiv::textOf(Route())), Route());
 }
 
 // Replaces the text of one attribute in a printed route.
@@ -118,7 +112,7 @@ std::string withField(std::string t, const std::string& name, const std::string&
 }
 
 TEST(RouteRecord, RangeErrorsNameTheAttribute) {
-  const std::string t = text(sample());
+  const std::string t = Kiv::textOf(sample());
   struct Case {
     const char* attribute;
     const char* value;
@@ -158,10 +152,10 @@ TEST(RouteRecord, DifferenceKeepsWhatDisagrees) {
   want.oifBitmapIs(0, 0x25);
   want.oifBitmapIs(7, 0x10000);
   want.maxOifIndexIs(OifIndex(511));
-  EXPECT_EQ(text(a ^ b), text(want));
+  EXPECT_EQ(Kiv::textOf(a ^ b), Kiv::textOf(want));
   Route same(a.key());
   same.maxOifIndexIs(OifIndex(511));
-  EXPECT_EQ(text(a ^ a), text(same));
+  EXPECT_EQ(Kiv::textOf(a ^ a), Kiv::textOf(same));
 }
 
 TEST(RouteRecord, MaskSelectsPartsOfTheOther) {
@@ -178,7 +172,7 @@ TEST(RouteRecord, MaskSelectsPartsOfTheOther) {
   want.oifBitmapIs(1, 0xf0);
   want.versionIs(9);
   want.maxOifIndexIs(OifIndex(511));
-  EXPECT_EQ(text(mask & other), text(want));
+  EXPECT_EQ(Kiv::textOf(mask & other), Kiv::textOf(want));
 
   Route noIif(mask.key());
   EXPECT_EQ((noIif & other).iifFlags().value(), 0u);  // iifFlags come only with iif
@@ -191,13 +185,12 @@ TEST(MfibBrumeDirRouteKey, OrdersByRouteKeyThenBrumeKey) {
   EXPECT_LT(a, b);
   EXPECT_LT(b, c);  // the route key decides whatever the brumeKey
   EXPECT_NE(a, b);
-  std::ostringstream os;
-  os << c;
+  const std::string t = Kiv::textOf(c);
   EXPECT_TRUE(
-      os.str().starts_with("Value('Brume::Multicast::Fib::MfibBrumeDirRouteKey', ** {'brumeKey': 1, "
+      t.starts_with("Value('Brume::Multicast::Fib::MfibBrumeDirRouteKey', ** {'brumeKey': 1, "
                            "'routeKey': Value('Routing::Multicast::Fib::IpGenRouteKey'"))
-      << os.str();
-  EXPECT_EQ(MfibBrumeDirRouteKey::fromText(os.str()), c);
+      << t;
+  EXPECT_EQ(MfibBrumeDirRouteKey::fromText(t), c);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <unordered_set>
 
+#include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/bidir_group.h"
 #include "mroute/route/df_profile.h"
 #include "mroute/route/intf_flags.h"
@@ -17,12 +17,7 @@
 namespace Brume::Multicast::Fib {
 namespace {
 
-template <class T>
-std::string text(const T& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
+using Kiv::textOf;
 
 // Every flag word has the same shape: one bit per flag, a range error naming
 // the top value, and a text form that reads back.
@@ -58,7 +53,7 @@ TYPED_TEST(FlagWordShape, TextRoundTripsEveryValue) {
   std::unordered_set<std::string> texts;
   for (uint32_t v = 0; v <= TypeParam::kMaxValue; ++v) {
     TypeParam f(v);
-    std::string t = text(f);
+    std::string t = textOf(f);
     EXPECT_EQ(TypeParam::fromText(t), f) << t;
     texts.insert(t);
   }
@@ -72,7 +67,7 @@ TEST(RouteFlags, NamedAccessorsAndExactText) {
   EXPECT_EQ(f.value(), 0x11u);
   EXPECT_TRUE(f.valid() && f.programmable() && !f.toCpu());
   EXPECT_EQ(
-      text(f),
+      textOf(f),
       "Value('Brume::Multicast::Fib::Route::RouteFlags', ** {'valid': True, 'toCpu': False, "
       "'iifRegister': False, 'oifRegister': False, 'programmable': True, 'skipKernelProgramming': False})");
   EXPECT_EQ(RouteFlags::fromText(
@@ -96,7 +91,7 @@ TEST(RouteFlags, MisnamedFlagNamesTheAttribute) {
 TEST(IifFlags, TextIsTheBareNoRpfBoolean) {
   IifFlags f;
   f.noRpfIs(true);
-  EXPECT_EQ(text(f), "True");
+  EXPECT_EQ(textOf(f), "True");
   EXPECT_EQ(IifFlags::fromText("False"), IifFlags());
 }
 
@@ -108,7 +103,7 @@ TEST(IntfFlags, BitsAndExactText) {
   f.frrIs(true);
   EXPECT_EQ(f.value(), 0x25u);
   EXPECT_EQ(
-      text(IntfFlags(0x18)),
+      textOf(IntfFlags(0x18)),
       "Value('Brume::Multicast::Fib::IntfFlags', ** {'forward': False, 'accept': False, 'notify': False, "
       "'noRpf': True, 'fastdrop': True, 'frr': False})");
 }
@@ -150,9 +145,9 @@ TEST(OifIndexIntf, StreamRoundTripAndRangeCheck) {
 
 TEST(OifIndexIntf, TextAndDisplay) {
   OifIndexIntf v(OifIndex(3), Orvet::IntfId("Ethernet1"), 2);
-  EXPECT_EQ(text(v),
+  EXPECT_EQ(textOf(v),
             "Value('Brume::Multicast::Fib::OifIndexIntf', ** {'key': 3, 'intf': Ethernet1, 'refCount': 2})");
-  EXPECT_EQ(OifIndexIntf::fromText(text(v)), v);
+  EXPECT_EQ(OifIndexIntf::fromText(textOf(v)), v);
   EXPECT_TRUE(v.brumeString().ends_with(" RC: 2")) << v.brumeString();
   try {
     OifIndexIntf::fromText(
@@ -166,20 +161,20 @@ TEST(OifIndexIntf, TextAndDisplay) {
 
 TEST(InterfaceRecords, TextFormsRoundTrip) {
   IntfOifIndex r(Orvet::IntfId("Port-Channel7"), OifIndex(9));
-  EXPECT_EQ(text(r),
+  EXPECT_EQ(textOf(r),
             "Value('Brume::Multicast::Fib::IntfOifIndex', ** {'key': Port-Channel7, 'oifIndex': 9})");
-  EXPECT_EQ(IntfOifIndex::fromText(text(r)), r);
+  EXPECT_EQ(IntfOifIndex::fromText(textOf(r)), r);
 
   DfProfile d(Orvet::IntfId("Vlan100"), 0x8000000000000005ull);
   EXPECT_EQ(
-      text(d),
+      textOf(d),
       "Value('Brume::Multicast::Fib::DfProfile', ** {'key': Vlan100, 'dfBitmap': 9223372036854775813})");
-  EXPECT_EQ(DfProfile::fromText(text(d)), d);
+  EXPECT_EQ(DfProfile::fromText(textOf(d)), d);
   EXPECT_NE(d.brumeString().find("Vlan100"), std::string::npos);
 
   BidirGroup g(Orvet::IpGenPrefix::fromText("232.0.0.0/8"), RpaIndex(3));
-  EXPECT_EQ(text(g), "Value('Brume::Multicast::Fib::BidirGroup', ** {'key': 232.0.0.0/8, 'rpa': 3})");
-  EXPECT_EQ(BidirGroup::fromText(text(g)), g);
+  EXPECT_EQ(textOf(g), "Value('Brume::Multicast::Fib::BidirGroup', ** {'key': 232.0.0.0/8, 'rpa': 3})");
+  EXPECT_EQ(BidirGroup::fromText(textOf(g)), g);
   EXPECT_NE(g.brumeString().find("232.0.0.0/8"), std::string::npos);
 }
 
@@ -189,8 +184,8 @@ TEST(TableInfo, RouteTableSetSizesAndEmptyText) {
   EXPECT_EQ(info.entries("route"), 12000u);
   EXPECT_EQ(info.entries("oifIndexIntf"), 1024u);
   EXPECT_EQ(info.entries("bidirGroup"), 0u);
-  EXPECT_EQ(text(TableInfo()), "Value('Brume::Multicast::Fib::TableInfo', ** {})");
-  EXPECT_EQ(TableInfo::fromText(text(TableInfo())), TableInfo());
+  EXPECT_EQ(textOf(TableInfo()), "Value('Brume::Multicast::Fib::TableInfo', ** {})");
+  EXPECT_EQ(TableInfo::fromText(textOf(TableInfo())), TableInfo());
 }
 
 }  // namespace
