@@ -102,7 +102,9 @@ TEST(TableHealthTest, ReaderCountersCompactionsAndDepartureAreRecorded) {
   // and compacts: what every reader acknowledged is dropped, and each key's
   // newest entry is kept.
   Brume::ConquerWriter& queue = *writer.writer()->conquer();
-  for (uint64_t v = 10; queue.counters().compactions == 0 && v < 10000; ++v) writer.write(value(v % kKeys, v));
+  for (uint64_t v = 10; queue.counters().compactions == 0 && v < 10000; ++v) {
+    writer.write(value(v % kKeys, v));
+  }
   ASSERT_EQ(queue.counters().compactions, 1u);
   s = Brume::Survey::statTable("apps/t");
   ASSERT_TRUE(s.health.has_value()) << s.healthProblem;
