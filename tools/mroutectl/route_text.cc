@@ -35,13 +35,19 @@ std::vector<std::string> setFlags(Flags flags) {
   return out;
 }
 
+}  // namespace
+
+std::vector<std::string> flagNames(const Brume::Multicast::Fib::Route& route) {
+  std::vector<std::string> flags = setFlags(route.routeFlags());
+  for (const std::string& f : setFlags(route.iifFlags())) flags.push_back(f);
+  return flags;
+}
+
 std::string join(const std::vector<std::string>& items, const char* sep) {
   std::string out;
   for (const std::string& s : items) out += (out.empty() ? "" : sep) + s;
   return out;
 }
-
-}  // namespace
 
 std::string keyText(const Routing::Multicast::Fib::IpGenRouteKey& key) {
   try {
@@ -71,8 +77,7 @@ std::string routeLine(const Route& route) {
   if (!route.notify().isNull()) os << "  notify " << route.notify();
   if (!route.fastdrop().isNull()) os << "  fastdrop " << route.fastdrop();
   os << "  oifs " << oifText(route);
-  std::vector<std::string> flags = setFlags(route.routeFlags());
-  for (const std::string& f : setFlags(route.iifFlags())) flags.push_back(f);
+  std::vector<std::string> flags = flagNames(route);
   if (route.notifyProgrammable()) flags.emplace_back("notifyProgrammable");
   os << "  flags " << (flags.empty() ? "none" : join(flags, ","));
   if (route.rpaId().value() != 0) os << "  rpa " << route.rpaId().value();

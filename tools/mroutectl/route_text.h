@@ -12,6 +12,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "mroute/route/ip_gen_route_key.h"
 #include "mroute/route/route.h"
@@ -26,6 +27,12 @@ std::string keyText(const Routing::Multicast::Fib::IpGenRouteKey& key);
 // walked; they are counted as " (+N beyond maxOifIndex)" so that a writer
 // that forgot to raise maxOifIndex shows.
 std::string oifText(const Brume::Multicast::Fib::Route& route);
+
+// The names of the route's flags and then of its iif flags that are set.
+std::vector<std::string> flagNames(const Brume::Multicast::Fib::Route& route);
+
+// items joined by sep.
+std::string join(const std::vector<std::string>& items, const char* sep);
 
 // The one-line form above.
 std::string routeLine(const Brume::Multicast::Fib::Route& route);

@@ -41,21 +41,6 @@ struct Options {
   bool json = false;
 };
 
-template <typename Flags>
-std::vector<std::string> flagNames(Flags flags) {
-  std::vector<std::string> out;
-  for (size_t i = 0; i < Flags::kFlagNames.size(); ++i) {
-    if ((flags.value() >> i) & 1u) out.emplace_back(Flags::kFlagNames[i]);
-  }
-  return out;
-}
-
-std::string join(const std::vector<std::string>& items, const char* sep) {
-  std::string out;
-  for (const std::string& s : items) out += (out.empty() ? "" : sep) + s;
-  return out;
-}
-
 // One application's route as the operator reads it.
 struct Candidate {
   std::string app;
@@ -72,8 +57,7 @@ Candidate describe(const std::string& app, const Route& r, const Status& status,
   for (it.next(); !it.atEnd(); it.next()) {
     if (!it.oifIndex().isNull()) c.oifs.push_back(it.intf().name());
   }
-  c.flags = flagNames(r.routeFlags());
-  for (const std::string& f : flagNames(r.iifFlags())) c.flags.push_back(f);
+  c.flags = flagNames(r);
   return c;
 }
 
