@@ -34,14 +34,17 @@ RouteKey RouteKey::fromText(std::string_view text) {
   std::vector<char> a(str.size() + 1);
   std::vector<char> b(str.size() + 1);
 
+  // %n says where the kind name ended: the pattern's blanks match any run of
+  // white space, so searching the text for the pattern's literal would not.
+  int consumed = 0;
   int matches = std::sscanf(
-      str.c_str(), "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {'kind': '%[_a-zA-Z]", a.data());
+      str.c_str(), "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {'kind': '%[_a-zA-Z]%n", a.data(), &consumed);
   MROUTE_ASSERT(matches == 1);
   const std::string name(a.data());
   RouteKeyType type = RouteKeyTypeInstance(name);
 
   // Continue behind the kind name, its closing quote and the separator.
-  size_t pos = str.find("'kind': '") + 9 + name.size();
+  size_t pos = static_cast<size_t>(consumed);
   if (pos < str.size() && str[pos] == '\'') ++pos;
   if (pos < str.size() && str[pos] == ',') ++pos;
   while (pos < str.size() && str[pos] == ' ') ++pos;
