@@ -1,13 +1,12 @@
 // PIM, VXLAN and PIM-interface status: the start values of an interface, the
 // constant group range of a prefix, back pointers set by the owner, whole
-// routes filed under their key, and VLAN range errors.
+// routes filed under their key, and the mount paths.
 #include <gtest/gtest.h>
 
 #include "mroute/entities/pim/pim_enabled.h"
 #include "mroute/entities/pim/pim_intf.h"
 #include "mroute/entities/pim/pim_status.h"
 #include "mroute/entities/pim/vxlan_status.h"
-#include "testing/expect_assert.h"
 
 namespace {
 
@@ -44,18 +43,11 @@ TEST(PimIntfTest, WildcardRoutesAreFiledUnderTheirKey) {
   EXPECT_TRUE(intf->toAddWc().empty());
 }
 
-TEST(PimStatusTest, PathsAndVlanRange) {
+TEST(PimStatusTest, Paths) {
   EXPECT_EQ(Routing::Multicast::Pim::Status::mountPath(Orvet::AddressFamily(1)),
             "routing/multicast/pim/global/status");
   EXPECT_EQ(Routing::Multicast::Vxlan::Status::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/vxlan/status");
   EXPECT_EQ(Status::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/pimintf/status");
-  Kiv::Ptr<MrouteLib::PimEnabled> pim = MrouteLib::PimEnabledIs("pim");
-  EXPECT_THROW_TEXT(pim->pimVlanEnabledIs(Bridging::VlanId(0), true), Kiv::RangeException,
-                    "VlanId::value < 1 or > 4094 not allowed");
-  EXPECT_THROW_TEXT(pim->pimVlanEnabledIs(Bridging::VlanId(4095), true), Kiv::RangeException,
-                    "VlanId::value < 1 or > 4094 not allowed");
-  pim->pimVlanEnabledIs(Bridging::VlanId(10), true);
-  EXPECT_TRUE(pim->pimVlanEnabled(Bridging::VlanId(10)));
 }
 
 }  // namespace
