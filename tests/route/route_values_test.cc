@@ -113,14 +113,11 @@ TEST(BoundedValues, DefaultsAndRanges) {
   EXPECT_EQ(RoutePriority().value(), 1);
   EXPECT_EQ(OifIndex::null.value(), 512);
   EXPECT_FALSE(OifIndex(511).isNull());
-  const char* oifError = "OifIndex::value < OifIndex::min or > OifIndex::null not allowed";
-  EXPECT_THROW_TEXT(OifIndex::fromText("513"), Kiv::RangeException, oifError);
+  // The range texts are checked by RouteRecord.RangeErrorsNameTheAttribute.
   OifIndex i(4);
-  EXPECT_THROW_TEXT(i.valueIs(600), Kiv::RangeException, oifError);
+  EXPECT_THROW(i.valueIs(600), Kiv::RangeException);
   EXPECT_EQ(i, OifIndex(4));
-  EXPECT_THROW_TEXT(RoutePriority::fromText("256"), Kiv::RangeException,
-                    "RoutePriority::value < 0 or > 255 not allowed");
-  EXPECT_THROW_TEXT(OifIndex::fromText("70000"), Kiv::RangeException, oifError);
+  EXPECT_THROW(OifIndex::fromText("70000"), Kiv::RangeException);
   EXPECT_THROW(OifIndex::fromText("-1"), Kiv::RangeException);
   EXPECT_EQ(RpaIndex::fromText("40000"), RpaIndex(40000));
 }
