@@ -35,12 +35,6 @@ TEST(Errors, ErrnoExceptionCarriesContextAndSystemMessage) {
   EXPECT_THROW_TEXT(Mroute::throwErrno("recvmsg"), Mroute::ErrnoException, "recvmsg: Bad file descriptor");
 }
 
-TEST(Errors, DeserializationNamesTheAttribute) {
-  Kiv::DeserializationException e("routeFlags", "RouteFlags::value > 0x3f not allowed");
-  EXPECT_EQ(e.attribute(), "routeFlags");
-  EXPECT_STREQ(e.what(), "routeFlags: RouteFlags::value > 0x3f not allowed");
-}
-
 // Callers catch by family.
 static_assert(std::is_base_of_v<Pavo::Exception, Brume::TableFullException>);
 static_assert(std::is_base_of_v<std::out_of_range, Kiv::RangeException>);
