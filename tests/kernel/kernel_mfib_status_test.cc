@@ -24,8 +24,6 @@ TEST(KernelMfibStatusTest, FreshCollectionHoldsTheDefaultVrf) {
   ASSERT_TRUE(def);
   EXPECT_EQ(def->parent(), coll.ptr());
   EXPECT_EQ(def->name(), Kiv::Name("default"));
-  EXPECT_EQ(coll->vrfStatusIs("red")->name(), Kiv::Name("red"));
-  EXPECT_EQ(coll->vrfStatus().size(), 2u);
 }
 
 TEST(KernelMfibStatusTest, UpcallVifIsMappedThroughThePublishedStatus) {
