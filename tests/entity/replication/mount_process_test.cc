@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "mroute/entities/fib/vrf_config.h"
 #include "mroute/entities/hardware/hardware_status.h"
@@ -39,42 +41,31 @@ constexpr int kChanges = 300000;
 #endif
 namespace Hw = Routing::Multicast::Fib::Hardware;
 
-// The whole tree as text, in a fixed order.
-std::string digest(const VrfConfig& v) {
+// The whole tree as text, every attribute its attribute-log table carries,
+// members in the order of their wire keys (the tables iterate in no fixed order).
+std::string digest(const Kiv::Entity& e, const Kiv::AttrLogType& type) {
   std::ostringstream os;
-  os << "vrfconfig " << v.routing() << ' ' << +v.activityPollingInterval() << ' ' << v.allCounter() << '\n';
-  std::map<std::string, Kiv::Ptr<Config>> configs;
-  for (const auto& [k, c] : v.config()) configs[k.stdString()] = c;
-  for (const auto& [name, c] : configs) {
-    os << "config " << name << ' ' << c->routing() << ' ' << c->maxFastdrops() << ' ' << c->fastdrop() << '\n';
-    std::map<std::string, bool> routes;
-    for (const auto& [k, on] : c->counterRoute()) routes[Kiv::textOf(k)] = on;
-    for (const auto& [k, on] : routes) os << "  route " << k << ' ' << on << '\n';
-  }
-  std::map<std::string, bool> intfs;
-  for (const auto& [k, c] : v.intfConfig()) intfs[k.stdString()] = c->noFastdrop();
-  for (const auto& [k, on] : intfs) os << "intf " << k << ' ' << on << '\n';
-  return os.str();
-}
-
-std::string digest(const Hw::Status& s) {
-  std::ostringstream os;
-  os << "hw " << s.hwRouting() << ' ' << +s.pollingInterval() << ' ' << s.routeLimit() << ' ' << s.anyDirtyLag() << '\n';
-  std::map<std::string, uint32_t> lags;
-  for (const auto& [k, n] : s.dirtyLag()) lags[Kiv::textOf(k)] = n;
-  for (const auto& [k, n] : lags) os << "lag " << k << ' ' << n << '\n';
-  std::map<std::string, Kiv::Ptr<Hw::VrfStatus>> vrfs;
-  for (const auto& [k, v] : s.vrfStatus()) vrfs[Kiv::textOf(k)] = v;
-  for (const auto& [name, v] : vrfs) {
-    os << "vrf " << name << ' ' << v->fastdropCount() << '\n';
-    std::map<std::string, Kiv::Ptr<Hw::RouteStatus>> routes;
-    for (const auto& [k, r] : v->route()) routes[Kiv::textOf(k)] = r;
-    for (const auto& [k, r] : routes) {
-      os << "  route " << k << ' ' << Kiv::textOf(r->key()) << ' ' << Kiv::textOf(r->hwFlags()) << ' ' << r->lastPollTime() << ' '
-         << r->fastdropLastPollTime().size() << '\n';
+  os << e.name() << " (" << type.name << ")\n";
+  std::vector<std::string> keys;
+  for (const Kiv::AttrLogAttr& a : type.attrs) {
+    if (a.kind == Kiv::AttrLogKind::scalar) os << a.name << ' ' << a.valueText(e) << '\n';
+    if (a.kind != Kiv::AttrLogKind::collection && a.kind != Kiv::AttrLogKind::children) continue;
+    keys.clear();
+    a.keys(e, keys);
+    std::sort(keys.begin(), keys.end());
+    for (const std::string& k : keys) {
+      if (a.kind == Kiv::AttrLogKind::collection) {
+        os << a.name << '[' << a.keyText(k) << "] " << a.memberText(e, k) << '\n';
+      } else if (const Kiv::Entity* child = a.child(e, k)) {
+        os << digest(*child, a.childType());
+      }
     }
   }
   return os.str();
+}
+
+std::string digest(const VrfConfig& root, const Hw::Status& hw) {
+  return digest(root, VrfConfig::KivNboAttrLogSa::logType()) + digest(hw, Hw::Status::KivNboAttrLogSa::logType());
 }
 
 // What the hardware reader's agent learns of dirty LAGs through its notifiee.
@@ -190,7 +181,7 @@ std::string readFile(const std::string& path) {
     if (i % 256 == 0) loop.runOnce(std::chrono::milliseconds(0));
   }
   writeFile(dir + "/blocked." + std::to_string(gen), std::to_string(mount.timesBlocked()));
-  writeFile(dir + "/expected." + std::to_string(gen), digest(*root) + digest(*hw));
+  writeFile(dir + "/expected." + std::to_string(gen), digest(*root, *hw));
   for (;;) loop.runOnce(std::chrono::milliseconds(100));
 }
 
@@ -218,7 +209,7 @@ std::string readFile(const std::string& path) {
     for (auto* m : {&mount, &hwMount}) {
       if (slow && m->in()) m->in()->readingIs(gen > 1 || !expected.empty());
     }
-    if (expected.empty() || !mount.synced() || !hwMount.synced() || digest(*root) + digest(*hw) != expected) continue;
+    if (expected.empty() || !mount.synced() || !hwMount.synced() || digest(*root, *hw) != expected) continue;
     if (!mirror.matches(*root) || !lags.matches(*hw)) _exit(3);
     writeFile(dir + "/ok." + name + "." + std::to_string(gen), std::to_string(mount.connections()));
     ++gen;
