@@ -106,28 +106,9 @@ TEST_F(TreeReplicationTest, ReadOnlyProxyRefusesBeforeStoringUnlessConverted) {
   EXPECT_TRUE(reader.replica().converted());
 }
 
-// A forwarding agent finds an application's MFIB directory by its path
-// alone, and follows its VRF collections and their table-set paths.
-TEST_F(TreeReplicationTest, ApplicationDirectoryMountsByPathAlone) {
-  using Brume::Multicast::Fib::MfibDir;
-  Ptr<MfibDir> w = new MfibDir("pim");
-  w->dirCollIs(L3::VrfName("default"))->brumeUrlIs(Kiv::String("routing/multicast/routestatus/default/pim"), true);
-  w->dirCollIs(L3::VrfName("red"))->bitMapperBrumeUrlIs(Kiv::String("bitmapper/red"));
-  WriterMount writer(loop, "routing/multicast/fib/pim", w, MfibDir::KivNboAttrLogSa::logType());
-  const MountType* type = mountType("routing/multicast/fib/pim");
-  ASSERT_NE(type, nullptr);
-  Ptr<Entity> root = type->make(Name("pim"));
-  ReaderMount reader(loop, "routing/multicast/fib/pim", root, type->type());
-  ASSERT_TRUE(synced(reader));
-  auto* r = dynamic_cast<MfibDir*>(root.ptr());
-  ASSERT_NE(r, nullptr);
-  ASSERT_TRUE(r->dirColl(L3::VrfName("default")));
-  EXPECT_TRUE(r->dirColl(L3::VrfName("default"))->brumeUrl(Kiv::String("routing/multicast/routestatus/default/pim")));
-  EXPECT_EQ(r->dirColl(L3::VrfName("red"))->bitMapperBrumeUrl(), Kiv::String("bitmapper/red"));
-  w->dirCollDel(L3::VrfName("red"));
-  ASSERT_TRUE(Testing::runUntil(loop, [&] { return !r->dirColl(L3::VrfName("red")); }));
-}
-
+// A mount path names the type to make and mount. Mounting an application's
+// MFIB directory and following it is mfibdir/mfib_process_test.cc's; mounting
+// by path alone, mroutectl_entity_test's.
 TEST(MountTypesTest, EveryDeclaredAndComputedPathNamesItsType) {
   const std::pair<const char*, const char*> cases[] = {
       {"sample/holder", "Sample::Holder"},
@@ -140,7 +121,12 @@ TEST(MountTypesTest, EveryDeclaredAndComputedPathNamesItsType) {
     const MountType* m = mountType(path);
     ASSERT_NE(m, nullptr) << path;
     EXPECT_EQ(std::string(m->type().name), type) << path;
+    if (m->make != nullptr) {
+      EXPECT_EQ(m->make(Name("x"))->fwkType().name, type) << path;
+    }
   }
+  // The path is served by the type's own attribute-log table.
+  EXPECT_EQ(&mountType("routing6/multicast/fib/pim")->type(), &Brume::Multicast::Fib::MfibDir::KivNboAttrLogSa::logType());
   EXPECT_EQ(mountType("sample/tree/red"), nullptr);  // one element short
   EXPECT_EQ(mountType("sample/holder/x"), nullptr);
   EXPECT_EQ(mountType("sample/tree/red/pim")->make, nullptr);  // built only with constructor attributes
