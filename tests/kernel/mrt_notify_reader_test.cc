@@ -154,6 +154,7 @@ TEST_F(MrtNotifySmTest, FloodIsReadInBoundedPassesWithoutLoss) {
   EXPECT_EQ(mgr_->noCacheCounter(), 50u);
   EXPECT_EQ(sm_.messages(), 50u);
   EXPECT_GE(sm_.passes(), 5u);
+  EXPECT_EQ(mgr_->pam()->readableCount(), sm_.passes()) << "each pass starts when the loop finds the socket readable";
   EXPECT_EQ(mgr_->noCacheMessage()->source(), Orvet::IpGenAddr(IpAddr(10, 0, 0, 49)));
   EXPECT_TRUE(trace_.contains("Mroute::MrtNotify", "RX: Error - No Packet"));
 }

@@ -223,15 +223,6 @@ TEST_F(MrtNotifySocketPamTest, EmptyDatagramsErrorsAndExhaustionDeliverNothing) 
   EXPECT_EQ(sys_.queue.size(), 1u) << "the datagram stays in the kernel";
 }
 
-TEST_F(MrtNotifySocketPamTest, ReadableSocketIsReceivedFromTheLoop) {
-  pam_->enabledIs(true);
-  sys_.push({"upcall", 0, {}});
-  EXPECT_EQ(loop_.runOnce(std::chrono::milliseconds(0)), 1);
-  EXPECT_EQ(pam_->readableCount(), 1u);
-  ASSERT_TRUE(pam_->rxPktHolder());
-  EXPECT_EQ(pam_->rxPktHolder()->view(), "upcall");
-}
-
 TEST_F(MrtNotifySocketPamTest, EnablingWithoutALoopIsAProgrammingError) {
   pam_->eventLoopIs(nullptr);
   EXPECT_ASSERTION(pam_->enabledIs(true), "eventLoop()");
