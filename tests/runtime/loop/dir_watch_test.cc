@@ -12,6 +12,7 @@
 
 #include "mroute/runtime/error.h"
 #include "testing/expect_assert.h"
+#include "testing/shm_root_scope.h"
 
 namespace Mroute::Loop {
 namespace {
@@ -21,12 +22,7 @@ namespace fs = std::filesystem;
 
 class DirWatchTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/mroute-dirwatch-XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-  }
-  void TearDown() override { fs::remove_all(dir_); }
+  void SetUp() override { ASSERT_TRUE(fs::create_directory(dir_)); }
 
   void touch(const std::string& name, const char* text = "") {
     FILE* f = std::fopen((dir_ + "/" + name).c_str(), "a");
@@ -40,8 +36,9 @@ class DirWatchTest : public ::testing::Test {
     }
   }
 
+  Testing::ScratchDir scratch_{"dirwatch"};
+  const std::string dir_ = scratch_.dir();
   EventLoop loop;
-  std::string dir_;
   std::vector<std::string> seen_;
   DirWatch::Callback recorder() {
     return [this](DirEvent e, std::string_view name) {
