@@ -5,7 +5,8 @@
 #   scripts/test.sh tsan       ThreadSanitizer, concurrency tests only
 #   scripts/test.sh bench      builds the benchmarks (Release, -O3), runs none
 #   scripts/test.sh fuzz       builds the fuzz harnesses (clang) and runs each
-#                              for FUZZ_SECONDS (20) from its seed corpus
+#                              for FUZZ_SECONDS (20) from its seed corpus,
+#                              FUZZ_JOBS (2) at a time
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"
@@ -23,14 +24,37 @@ if [ "$preset" = fuzz ]; then
   # crash, leak, time-out or memory blow-up; the input is left in
   # build/fuzz/findings/<harness>/.
   cmake --build --preset fuzz
-  for exe in build/fuzz/fuzz/*_fuzzer; do
+  # Two harnesses at a time (each is one process; CI has two cores), each
+  # for the full FUZZ_SECONDS. A harness's output is shown when it ends, so
+  # that the two do not interleave.
+  fuzz_one() {
+    local exe=$1 name scratch findings
     name=$(basename "$exe" _fuzzer)
     scratch=build/fuzz/scratch/$name findings=build/fuzz/findings/$name
     rm -rf "$scratch" && mkdir -p "$scratch" "$findings"
-    echo "fuzz: $name for ${FUZZ_SECONDS:-20} s"
     "$exe" -max_total_time="${FUZZ_SECONDS:-20}" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-      -artifact_prefix="$findings/" "$scratch" "fuzz/corpus/$name"
+      -artifact_prefix="$findings/" "$scratch" "fuzz/corpus/$name" > "build/fuzz/$name.log" 2>&1
+  }
+  failed=()
+  pending=()
+  finish() {  # waits for the oldest running harness and shows its output
+    local name=${pending[0]%%:*} pid=${pending[0]#*:} rc=0
+    pending=("${pending[@]:1}")
+    wait "$pid" || rc=$?
+    echo "fuzz: $name for ${FUZZ_SECONDS:-20} s (exit $rc)"
+    cat "build/fuzz/$name.log"
+    [ "$rc" -eq 0 ] || failed+=("$name")
+  }
+  for exe in build/fuzz/fuzz/*_fuzzer; do
+    [ ${#pending[@]} -lt "${FUZZ_JOBS:-2}" ] || finish
+    fuzz_one "$exe" &
+    pending+=("$(basename "$exe" _fuzzer):$!")
   done
+  while [ ${#pending[@]} -gt 0 ]; do finish; done
+  if [ ${#failed[@]} -gt 0 ]; then
+    echo "fuzz: failed: ${failed[*]} (inputs in build/fuzz/findings/)" >&2
+    exit 1
+  fi
   exit 0
 fi
 if [ "$preset" = tsan ]; then
