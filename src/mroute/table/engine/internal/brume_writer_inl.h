@@ -56,8 +56,8 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
   requireAttached("BrumeWriter::write()");
   const Key& key = Ops::keyOf(v);
   if (directSlot_ != kNoRef) [[unlikely]] unbalancedWrite(key);
-  // One hash per write: the find, the new slot's rhash and the bucket all
-  // come from it.
+  // One hash per write: the bucket, the reversed hash the chain is sorted by
+  // and the new slot's rhash all come from it, through the find.
   const uint32_t hash = Ops::hash(key);
   const auto f = map_.find(key, hash);
   if (f.found) {
@@ -74,7 +74,7 @@ const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update
   }
   // The find result holds indexes, not pointers, so it survives a growth
   // that moves the mapping.
-  const uint32_t slot = allocSlot(bitReverse(hash));
+  const uint32_t slot = allocSlot(f.rhash);
   Slot* const s = slots().slot(slot);
   slots().template writeBodyOf<sizeof(Stored)>(s, &v);
   linkNew(f, slot);
@@ -125,7 +125,7 @@ typename Ops::Stored* BrumeWriter<Ops>::directWrite(const Key& key) {
     directNew_ = false;
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeWriter::directWrite() existing " << KeyText<Ops>{key});
   } else {
-    directSlot_ = allocSlot(bitReverse(hash));
+    directSlot_ = allocSlot(directFind_.rhash);
     directNew_ = true;
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeWriter::directWrite() new " << KeyText<Ops>{key});
   }

@@ -46,6 +46,7 @@ class WriterHashMap {
     uint32_t bucket;
     uint32_t slot;  // the slot found, or the first greater one (kNoRef / marker at a chain's end)
     LinkPos link;   // the link whose ref is `slot`: where a new entry goes in
+    uint32_t rhash;  // bitReverse(hash): a new slot's rhash
   };
 
   WriterHashMap(SlotWriterTable& slots, BucketWriterTable& buckets) : slots_(slots), buckets_(buckets) {}
@@ -90,16 +91,16 @@ class WriterHashMap {
     // Counts down: a chain longer than numSlots has a cycle.
     uint32_t budget = numSlots;
     for (;;) {
-      if (isEndMarker(ref)) return {false, b, ref, pos};
+      if (isEndMarker(ref)) return {false, b, ref, pos, r};
       if (ref >= numSlots || budget-- == 0) [[unlikely]] chainFault(who, numSlots - budget, ref);
       const Slot* s = reinterpret_cast<const Slot*>(slotBase + size_t{ref} * slotSize);
       const uint32_t rh = s->rhash;
       if (((rh ^ r) & bucketBits) != 0) [[unlikely]] keyFault(who, ref, b);
       if (rh >= r) [[likely]] {
-        if (rh > r) return {false, b, ref, pos};
+        if (rh > r) return {false, b, ref, pos, r};
         const auto& k = Ops::keyOf(stored(s));
-        if (Ops::equal(k, key)) [[likely]] return {true, b, ref, pos};
-        if (!Ops::less(k, key)) return {false, b, ref, pos};
+        if (Ops::equal(k, key)) [[likely]] return {true, b, ref, pos, r};
+        if (!Ops::less(k, key)) return {false, b, ref, pos, r};
       }
       pos = {false, ref};
       ref = s->next.loadRelaxed().ref;
