@@ -30,6 +30,7 @@ class BrumeWriterTest : public ::testing::Test {
 };
 
 TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
+  Mroute::Trace::CaptureSink sink("Mroute::Brume/9");
   Writer w(dir_.root(), config(8));
   ASSERT_TRUE(w.attach());
   const auto* first = w.write(value(7, 1));
@@ -38,6 +39,8 @@ TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
   EXPECT_EQ(status & 3u, Brume::kOccupied);
   EXPECT_EQ(w.write(value(7, 2)), first);
   EXPECT_EQ(slot->status, status + 4);
+  EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeWriter::write() new "));
+  EXPECT_TRUE(sink.contains("Mroute::Brume", " slot:0 next:"));  // the update's line
   EXPECT_EQ(w.members(), 1u);
   EXPECT_EQ(w.lookup(7)->value.version, 2u);
   EXPECT_EQ(w.write(value(7, 3), false)->value.version, 2u);
@@ -304,6 +307,38 @@ TEST_F(ValidatorFindings, SlotsThatDoNotBelongWhereTheyAre) {
   // An rhash of another bucket.
   slot(1)->rhash ^= 0x80000000u;
   EXPECT_EQ(finding().rfind("Validator::walkOccupiedSlots() slot:1 out of place in bucket:", 0), 0u);
+}
+
+TEST_F(ValidatorFindings, WritesReportDamagedChainsAndFreeListsInsteadOfFollowingThem) {
+  // Slot 1 holds key 1. With its rhash lowered to the smallest of its bucket
+  // the walk for key 1 goes past it, along whatever its next says.
+  const uint32_t rhash = slot(1)->rhash;
+  const uint32_t next = slot(1)->next.load().ref;
+  slot(1)->rhash = rhash & Brume::topBits(3);  // 8 buckets
+  slot(1)->next.init(0, 1);
+  EXPECT_THROW_TEXT(w_->write(value(1, 2)), Pavo::CorruptionDetectedException,
+                    "WriterHashMap::find() hash chain cycle detected, slotCount:9 slot:1");
+  slot(1)->next.init(0, 8);
+  EXPECT_THROW_TEXT(w_->remove(1), Pavo::CorruptionDetectedException,
+                    "WriterHashMap::find() hash chain cycle detected, slotCount:1 slot:8");
+  slot(1)->rhash = rhash ^ 0x80000000u;
+  slot(1)->next.init(0, next);
+  EXPECT_THROW_TEXT(w_->write(value(1, 2)), Pavo::CorruptionDetectedException,
+                    "WriterHashMap::find() corrupt key detected, slot:1 bucket:" +
+                        std::to_string(Brume::bitReverse(rhash) & 7));
+  slot(1)->rhash = rhash;
+  // Slots 4-7 are free (4 -> 5 -> 6 -> 7).
+  slot(4)->next.init(0, 8);
+  EXPECT_THROW_TEXT(w_->write(value(50)), Pavo::CorruptionDetectedException,
+                    "SlotWriter::alloc() bad free slot:8 numSlots:8");
+  slot(4)->next.init(0, 5);
+  header()->freeSlots = 9;
+  EXPECT_THROW_TEXT(w_->write(value(50)), Pavo::CorruptionDetectedException,
+                    "SlotWriter::alloc() bad free slot:9 numSlots:8");
+  header()->freeSlots = 4;
+  // Nothing was changed by the refused writes.
+  EXPECT_EQ(w_->write(value(1, 2))->value.version, 2u);
+  EXPECT_TRUE(w_->validate());
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 //   static uint32_t hash(const Key&);                // stable across processes
 //   static bool equal(const Key&, const Key&);
 //   static bool less(const Key&, const Key&);        // strict order, ties on hash
-//   static Key keyOf(const Stored&);
+//   static Key keyOf(const Stored&);                // or const Key& into the value
 //   static void print(std::ostream&, const Key&);
 // DefaultOps picks each member from what the key type offers: a hash() member,
 // the integer mixer for integral and enum keys (and small keys with an integral
@@ -78,7 +78,9 @@ struct DefaultOps {
     }
   }
 
-  static Key keyOf(const Stored& s) { return s.key(); }
+  // A reference into the value when the value holds its key as a member, so
+  // that a chain walk compares keys in place instead of copying each one.
+  static decltype(auto) keyOf(const Stored& s) { return s.key(); }
 
   static void print(std::ostream& os, const Key& k) {
     if constexpr (requires { os << k; }) {

@@ -176,7 +176,9 @@ class BrumeWriter {
   uint32_t allocSlot(uint32_t rhash);
   // The error of a change asked of a writer that is not attached.
   void requireAttached(const char* who) const {
-    if (files_.attached()) [[likely]] return;
+    if (!files_.attached()) [[unlikely]] notAttached(who);
+  }
+  [[noreturn, gnu::cold, gnu::noinline]] void notAttached(const char* who) const {
     const AttachStatus& st = files_.attachStatus();
     throw Pavo::InvalidInitializeException(std::string(who) + " Brume table not attached" +
                                            (st.message.empty() ? std::string() : ": " + st.message));
@@ -188,9 +190,14 @@ class BrumeWriter {
   }
   // "<slot> containing value:<key of its value>" for pairing faults.
   std::string directText() const;
+  // write()'s reports, out of line so that its frame stays small.
+  [[noreturn, gnu::cold, gnu::noinline]] void unbalancedWrite(const Key& key) const;
+  [[gnu::cold, gnu::noinline]] void traceWrite(const char* what, const Key& key, uint32_t bucket,
+                                               uint32_t slot) const;
 
   WriterFiles files_;
   WriterHashMap<Ops> map_;
+  const Mroute::Trace::Facility* trace_ = &brumeTrace();
   WriterCounters counters_;
   uint32_t shrinkThreshold_ = 0;
   bool shrinkInProgress_ = false;

@@ -14,6 +14,8 @@ std::string BrumeWriter<Ops>::directText() const {
 
 template <TableOps Ops>
 uint32_t BrumeWriter<Ops>::allocSlot(uint32_t rhash) {
+  // A free slot at hand: no growth, nothing else to adjust.
+  if (slots().freeHead() != kNoRef) [[likely]] return slots().alloc(rhash);
   const uint32_t before = slots().numSlots();
   const uint32_t slot = slots().alloc(rhash);
   const uint32_t after = slots().numSlots();
@@ -34,38 +36,52 @@ void BrumeWriter<Ops>::linkNew(const typename WriterHashMap<Ops>::FindResult& f,
 }
 
 template <TableOps Ops>
+void BrumeWriter<Ops>::unbalancedWrite(const Key& key) const {
+  std::ostringstream os;
+  os << "BrumeWriter::write() unbalanced directSlot:" << directText() << " when writing value:" << KeyText<Ops>{key}
+     << kPairingHint;
+  pairingFault(os.str());
+}
+
+template <TableOps Ops>
+void BrumeWriter<Ops>::traceWrite(const char* what, const Key& key, uint32_t bucket, uint32_t slot) const {
+  std::ostringstream os;
+  os << "BrumeWriter::write() " << what << KeyText<Ops>{key} << " bucket:" << bucket << " slot:" << slot;
+  if (what[0] == 'e') os << " next:" << slotsConst().slot(slot)->next.loadRelaxed().ref;
+  Mroute::Trace::emit(*trace_, kTraceDetail, os.str());
+}
+
+template <TableOps Ops>
 const typename Ops::Stored* BrumeWriter<Ops>::write(const Stored& v, bool update) {
   requireAttached("BrumeWriter::write()");
-  const Key key = Ops::keyOf(v);
-  if (directSlot_ != kNoRef) {
-    std::ostringstream os;
-    os << "BrumeWriter::write() unbalanced directSlot:" << directText() << " when writing value:"
-       << KeyText<Ops>{key} << kPairingHint;
-    pairingFault(os.str());
-  }
+  const Key& key = Ops::keyOf(v);
+  if (directSlot_ != kNoRef) [[unlikely]] unbalancedWrite(key);
+  // One hash per write: the bucket, the reversed hash the chain is sorted by
+  // and the new slot's rhash all come from it, through the find.
   const uint32_t hash = Ops::hash(key);
   const auto f = map_.find(key, hash);
   if (f.found) {
-    if (!update) return storedAt(f.slot);
-    if (ConquerWriter* q = files_.conquer()) q->prefetch(f.slot);
-    Slot* s = slots().slot(f.slot);
+    Slot* const s = slots().slot(f.slot);
+    const auto* stored = reinterpret_cast<const Stored*>(s->value());
+    if (!update) return stored;
+    ConquerWriter* const q = files_.conquer();
+    if (q != nullptr) q->prefetch(f.slot);
     slots().template writeBodyOf<sizeof(Stored)>(s, &v);
     ++counters_.updates;
-    MROUTE_TRACE(brumeTrace(), kTraceDetail,
-                 "BrumeWriter::write() existing " << KeyText<Ops>{key} << " bucket:" << f.bucket << " slot:" << f.slot
-                                                  << " next:" << s->next.loadRelaxed().ref);
-    notify(f.slot);
-    return storedAt(f.slot);
+    if (trace_->enabled(kTraceDetail)) [[unlikely]] traceWrite("existing ", key, f.bucket, f.slot);
+    if (q != nullptr) q->notify(f.slot);
+    return stored;
   }
   // The find result holds indexes, not pointers, so it survives a growth
   // that moves the mapping.
-  const uint32_t slot = allocSlot(bitReverse(hash));
-  slots().template writeBodyOf<sizeof(Stored)>(slots().slot(slot), &v);
+  const uint32_t slot = allocSlot(f.rhash);
+  Slot* const s = slots().slot(slot);
+  slots().template writeBodyOf<sizeof(Stored)>(s, &v);
   linkNew(f, slot);
-  MROUTE_TRACE(brumeTrace(), kTraceDetail,
-               "BrumeWriter::write() new " << KeyText<Ops>{key} << " bucket:" << f.bucket << " slot:" << slot);
+  if (trace_->enabled(kTraceDetail)) [[unlikely]] traceWrite("new ", key, f.bucket, slot);
   notify(slot);
-  return storedAt(slot);
+  // linkNew may have grown the bucket file, never the slot file.
+  return reinterpret_cast<const Stored*>(s->value());
 }
 
 template <TableOps Ops>
@@ -109,7 +125,7 @@ typename Ops::Stored* BrumeWriter<Ops>::directWrite(const Key& key) {
     directNew_ = false;
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeWriter::directWrite() existing " << KeyText<Ops>{key});
   } else {
-    directSlot_ = allocSlot(bitReverse(hash));
+    directSlot_ = allocSlot(directFind_.rhash);
     directNew_ = true;
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeWriter::directWrite() new " << KeyText<Ops>{key});
   }

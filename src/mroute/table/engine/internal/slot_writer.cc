@@ -108,7 +108,7 @@ void SlotWriterTable::cleanup() {
   Mem::unlinkShmFile(*fs_, path, nullptr);
 }
 
-uint32_t SlotWriterTable::alloc(uint32_t rhash) {
+uint32_t SlotWriterTable::allocSlow(uint32_t rhash) {
   if (header()->freeSlots == kNoRef && !grow()) {
     std::ostringstream os;
     os << "SlotWriter::alloc() Brume table full (occupancy:" << occupied() << " tableSize:" << params_.maxSlots
@@ -116,23 +116,15 @@ uint32_t SlotWriterTable::alloc(uint32_t rhash) {
     if (!growError_.empty()) os << ": " << growError_;
     throw Brume::TableFullException(os.str());
   }
-  SlotTable::Header* h = header();
-  const uint32_t i = h->freeSlots;
-  if (i >= numSlots()) {
-    std::ostringstream os;
-    os << "SlotWriter::alloc() bad free slot:" << i << " numSlots:" << numSlots();
-    throw Pavo::CorruptionDetectedException(os.str());
-  }
-  Slot* s = slot(i);
-  const uint32_t next = s->next.loadRelaxed().ref;
-  if (next != kNoRef && next >= numSlots()) {
-    std::ostringstream os;
-    os << "SlotWriter::alloc() bad free slot:" << next << " numSlots:" << numSlots();
-    throw Pavo::CorruptionDetectedException(os.str());
-  }
-  storeRelaxed(h->freeSlots, next);
-  storeRelaxed(s->rhash, rhash);
-  return i;
+  const uint32_t i = header()->freeSlots;
+  if (i >= numSlots()) badFreeSlot(i);
+  return alloc(rhash);
+}
+
+void SlotWriterTable::badFreeSlot(uint32_t i) const {
+  std::ostringstream os;
+  os << "SlotWriter::alloc() bad free slot:" << i << " numSlots:" << numSlots();
+  throw Pavo::CorruptionDetectedException(os.str());
 }
 
 void SlotWriterTable::release(uint32_t i) {

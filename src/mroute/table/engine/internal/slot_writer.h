@@ -69,7 +69,19 @@ class SlotWriterTable {
   // Takes the head of the free list, growing first when it is empty, and
   // stores rhash in it. Raises Brume::TableFullException when no slot can be
   // had and Pavo::CorruptionDetectedException when the free list is broken.
-  uint32_t alloc(uint32_t rhash);
+  uint32_t alloc(uint32_t rhash) {
+    SlotTable::Header* h = header();
+    const uint32_t i = h->freeSlots;
+    const uint32_t n = numSlots();
+    // kNoRef (an empty list) is out of range too.
+    if (i >= n) [[unlikely]] return allocSlow(rhash);
+    Slot* s = slot(i);
+    const uint32_t next = s->next.loadRelaxed().ref;
+    if (next >= n && next != kNoRef) [[unlikely]] badFreeSlot(next);
+    storeRelaxed(h->freeSlots, next);
+    storeRelaxed(s->rhash, rhash);
+    return i;
+  }
   // Pushes slot i (already unlinked from its chain, W3) on the free list.
   void release(uint32_t i);
   void occupiedIs(uint32_t n) { storeRelaxed(header()->occupiedSlots, n); }
@@ -110,6 +122,9 @@ class SlotWriterTable {
 
  private:
   bool resizeFile(uint32_t slots);
+  // alloc() when the free list is empty (grow first) or its head is bad.
+  [[gnu::noinline]] uint32_t allocSlow(uint32_t rhash);
+  [[noreturn, gnu::cold, gnu::noinline]] void badFreeSlot(uint32_t i) const;
   [[gnu::always_inline]] void writeBodyOfSize(Slot* s, const void* value, uint32_t size) {
     const uint32_t st = s->status;
     if ((st & kOccupied) != 0) {

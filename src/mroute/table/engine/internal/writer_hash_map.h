@@ -46,6 +46,7 @@ class WriterHashMap {
     uint32_t bucket;
     uint32_t slot;  // the slot found, or the first greater one (kNoRef / marker at a chain's end)
     LinkPos link;   // the link whose ref is `slot`: where a new entry goes in
+    uint32_t rhash;  // bitReverse(hash): a new slot's rhash
   };
 
   WriterHashMap(SlotWriterTable& slots, BucketWriterTable& buckets) : slots_(slots), buckets_(buckets) {}
@@ -69,28 +70,40 @@ class WriterHashMap {
     throw Pavo::CorruptionDetectedException(os.str());
   }
 
-  FindResult find(const Key& key, uint32_t hash, const char* who = "WriterHashMap::find()") const {
+  // The writer is the only process that stores into the files, so its walk
+  // reads its own stores: plain loads, no version re-checks. What a damaged
+  // file can do to it is bounded: every ref is checked against numSlots, the
+  // walk is cut after numSlots steps, and a slot whose rhash names another
+  // bucket is reported.
+  [[gnu::always_inline]] FindResult find(const Key& key, uint32_t hash,
+                                         const char* who = "WriterHashMap::find()") const {
     const uint32_t numSlots = slots_.numSlots();
-    const uint32_t b = bucketOf(hash);
+    const uint32_t numBuckets = buckets_.numBuckets();
+    const uint32_t b = hash & (numBuckets - 1);
     const uint32_t r = bitReverse(hash);
     // A slot belongs to bucket b when its reversed hash agrees with r on the
     // bits that pick the bucket: the top log2(numBuckets) bits of rhash.
-    const uint32_t bucketBits = topBits(static_cast<uint32_t>(std::countr_zero(buckets_.numBuckets())));
+    const uint32_t bucketBits = topBits(static_cast<uint32_t>(std::countr_zero(numBuckets)));
+    const unsigned char* const slotBase = reinterpret_cast<const unsigned char*>(slots_.slot(0));
+    const uint32_t slotSize = slots_.slotSize();
     LinkPos pos{true, b};
-    uint32_t count = 0;
+    uint32_t ref = buckets_.bucket(b).loadRelaxed().ref;
+    // Counts down: a chain longer than numSlots has a cycle.
+    uint32_t budget = numSlots;
     for (;;) {
-      const uint32_t ref = link(pos).loadRelaxed().ref;
-      if (isEndMarker(ref)) return {false, b, ref, pos};
-      if (ref >= numSlots || ++count > numSlots) [[unlikely]] chainFault(who, count, ref);
-      const Slot* s = slots_.slot(ref);
-      if (((s->rhash ^ r) & bucketBits) != 0) [[unlikely]] keyFault(who, ref, b);
-      if (s->rhash > r) return {false, b, ref, pos};
-      if (s->rhash == r) {
-        const Key k = Ops::keyOf(stored(s));
-        if (Ops::equal(k, key)) return {true, b, ref, pos};
-        if (!Ops::less(k, key)) return {false, b, ref, pos};
+      if (isEndMarker(ref)) return {false, b, ref, pos, r};
+      if (ref >= numSlots || budget-- == 0) [[unlikely]] chainFault(who, numSlots - budget, ref);
+      const Slot* s = reinterpret_cast<const Slot*>(slotBase + size_t{ref} * slotSize);
+      const uint32_t rh = s->rhash;
+      if (((rh ^ r) & bucketBits) != 0) [[unlikely]] keyFault(who, ref, b);
+      if (rh >= r) [[likely]] {
+        if (rh > r) return {false, b, ref, pos, r};
+        const auto& k = Ops::keyOf(stored(s));
+        if (Ops::equal(k, key)) [[likely]] return {true, b, ref, pos, r};
+        if (!Ops::less(k, key)) return {false, b, ref, pos, r};
       }
       pos = {false, ref};
+      ref = s->next.loadRelaxed().ref;
     }
   }
 
