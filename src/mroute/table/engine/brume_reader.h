@@ -187,7 +187,9 @@ class BrumeReader {
   static uint32_t successor(uint32_t b, uint32_t n) {
     const uint32_t zeros = ~b & (n - 1);
     if (zeros == 0) return kNoRef;
-    const uint32_t top = std::bit_floor(zeros);
+    // zeros != 0: 31 - clz is one bit-scan, where std::bit_floor also
+    // handles a zero argument.
+    const uint32_t top = uint32_t{1} << (31 - __builtin_clz(zeros));
     return (b & (top - 1)) | top;
   }
   // The end marker of bucket b's chain names a bucket that comes later in
