@@ -81,13 +81,16 @@ class BrumeReader {
 
   // Copies the value stored under key into out; out's contents mean nothing
   // when the key is absent.
-  bool lookup(const Key& key, Stored& out) { return doLookup(key, out); }
+  [[gnu::always_inline]] bool lookup(const Key& key, Stored& out) { return doLookup(key, out); }
   std::optional<Stored> lookup(const Key& key) {
     Stored out;
     if (!doLookup(key, out)) return std::nullopt;
     return out;
   }
-  bool doLookup(const Key& key, Stored& out);
+  // Inlined into the caller: the common case then costs no call frame and
+  // shares the caller's registers; restarts, remaps and reports stay out of
+  // line (lookupLoop(), lookupSlow()).
+  [[gnu::always_inline]] bool doLookup(const Key& key, Stored& out);
 
   // Iteration in split order (ascending rhash, see link.h), which a resize
   // between two calls does not disturb: the entries present throughout an iteration
@@ -131,7 +134,9 @@ class BrumeReader {
   static constexpr uint32_t kSlotSize = static_cast<uint32_t>(sizeof(Stored) + sizeof(Slot));
 
   // R1. Returns the status the copy is consistent with.
-  uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
+  // Inlined everywhere: the copy is most of a step's work, and out of line
+  // it costs a call frame per entry.
+  [[gnu::always_inline]] uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
   // R3: the writer's bucket count now, remapping when it changed.
   Mem::VersionedRef::Value loadNumBuckets() {
     const Mem::VersionedRef::Value v = buckets_.header()->numBuckets.load();

@@ -63,7 +63,7 @@ void BrumeReader<Ops>::corrupt(const std::string& what) {
 }
 
 template <TableOps Ops>
-uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
+inline uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
   for (;;) {
     const uint32_t st = loadAcquire(s->status);
     const Slot* src = s;
@@ -132,7 +132,7 @@ void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
 }
 
 template <TableOps Ops>
-bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
+inline bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
   if (!fastLookup_) [[unlikely]] return lookupSlow(key, out);
   ++counters_.lookups;
   const uint32_t h = Ops::hash(key);
