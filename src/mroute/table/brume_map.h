@@ -118,8 +118,7 @@ class BrumeMap : public BrumeMapBase {
     }
     if (!reader_->attached()) return;
     try {
-      V v;
-      for (bool more = reader_->first(v); more; more = reader_->next(Ops::keyOf(v), v)) f(std::as_const(v));
+      reader_->forEach(f);
     } catch (const Pavo::CorruptionDetectedException&) {
       corruptionFound();
     }

@@ -74,6 +74,55 @@ TEST_F(BrumeReaderTest, IterationReturnsEveryEntryOnceInBucketOrder) {
   EXPECT_EQ(out.value.key, order[151]);
 }
 
+// forEach continues from the slot it stands on; a writer that changes the
+// table under it (removals ahead, in-place updates, inserts that double the
+// buckets) must send it back to the full walk, never past or round an entry.
+TEST_F(BrumeReaderTest, ForEachUnderChangesReturnsEachStayingEntryOnce) {
+  Writer w(dir_.root(), config(16));
+  ASSERT_TRUE(w.attach());
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  for (uint64_t k = 0; k < 300; ++k) w.write(value(k));
+  std::vector<uint64_t> order;
+  RecordValue out;
+  for (bool more = r.first(out); more; more = r.next(out.value.key, out)) order.push_back(out.value.key);
+  std::vector<uint64_t> seen;
+  r.forEach([&](const RecordValue& v) { seen.push_back(v.value.key); });
+  EXPECT_EQ(seen, order);
+
+  seen.clear();
+  uint64_t added = 1000;
+  r.forEach([&](const RecordValue& v) {
+    EXPECT_TRUE(v.value.check());
+    seen.push_back(v.value.key);
+    RecordValue probe;
+    EXPECT_TRUE(r.lookup(v.value.key, probe));  // f may use the reader
+    if (seen.size() % 7 == 0) w.write(value(v.value.key, 2));  // the bucket just read moves on
+    if (seen.size() % 11 == 0) {
+      // The slot f stands on freed and taken by a key of another bucket.
+      w.remove(v.value.key);
+      w.write(value(added++));
+    }
+    if (seen.size() == 150) {
+      for (int i = 0; i < 400; ++i) w.write(value(added++));  // grows slots and buckets
+    }
+  });
+  std::set<uint64_t> once(seen.begin(), seen.end());
+  EXPECT_EQ(once.size(), seen.size());
+  for (uint64_t k = 0; k < 300; ++k) {
+    if (w.lookup(k) != nullptr) {  // present throughout
+      EXPECT_EQ(once.count(k), 1u) << k;
+    }
+  }
+  // f detaching the reader ends the walk.
+  int calls = 0;
+  r.forEach([&](const RecordValue&) {
+    ++calls;
+    r.detach();
+  });
+  EXPECT_EQ(calls, 1);
+}
+
 TEST_F(BrumeReaderTest, SafeValueReadsOccupiedSlotsOnly) {
   Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
   Writer w(dir_.root(), config(4));
@@ -214,10 +263,14 @@ class ReaderCorruption : public BrumeReaderTest {
     return i;
   }
   Brume::Slot* slotOf(uint64_t key) { return raw_->slot(indexOf(key)); }
+  // Both iteration interfaces: each must raise the same reports.
   void iterateAll() {
     RecordValue out;
     for (bool more = r_.first(out); more; more = r_.next(out.value.key, out)) {
     }
+  }
+  void forEachAll() {
+    r_.forEach([](const RecordValue&) {});
   }
 
   std::unique_ptr<Writer> w_;
@@ -249,6 +302,7 @@ TEST_F(ReaderCorruption, ChainCycleIsReportedAndMarked) {
   }
   EXPECT_TRUE(Brume::corruptionMarkerPresent(Mem::systemShmFs(), dir_.root()));
   EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
+  EXPECT_THROW(forEachAll(), Pavo::CorruptionDetectedException);
 }
 
 TEST_F(ReaderCorruption, KeyInTheWrongBucketIsReported) {
@@ -258,6 +312,7 @@ TEST_F(ReaderCorruption, KeyInTheWrongBucketIsReported) {
   RecordValue out;
   EXPECT_THROW(r_.lookup(keys_[2], out), Pavo::CorruptionDetectedException);
   EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
+  EXPECT_THROW(forEachAll(), Pavo::CorruptionDetectedException);
 }
 
 TEST_F(ReaderCorruption, RetryOnResizeRemapsOnlyWhenTheFilesGrew) {

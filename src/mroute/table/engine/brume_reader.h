@@ -45,6 +45,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "mroute/runtime/error.h"
 #include "mroute/table/shm/brume_hash.h"
@@ -80,13 +81,16 @@ class BrumeReader {
 
   // Copies the value stored under key into out; out's contents mean nothing
   // when the key is absent.
-  bool lookup(const Key& key, Stored& out) { return doLookup(key, out); }
+  [[gnu::always_inline]] bool lookup(const Key& key, Stored& out) { return doLookup(key, out); }
   std::optional<Stored> lookup(const Key& key) {
     Stored out;
     if (!doLookup(key, out)) return std::nullopt;
     return out;
   }
-  bool doLookup(const Key& key, Stored& out);
+  // Inlined into the caller: the common case then costs no call frame and
+  // shares the caller's registers; restarts, remaps and reports stay out of
+  // line (lookupLoop(), lookupSlow()).
+  [[gnu::always_inline]] bool doLookup(const Key& key, Stored& out);
 
   // Iteration in split order (ascending rhash, see link.h), which a resize
   // between two calls does not disturb: the entries present throughout an iteration
@@ -95,6 +99,13 @@ class BrumeReader {
   bool first(Stored& out) { return doNext(nullptr, out); }
   bool next(const Key& key, Stored& out) { return doNext(&key, out); }
   bool doNext(const Key* key, Stored& out);
+  // Calls f(const Stored&) for each entry, in the order of first()/next().
+  // The walk keeps its own cursor, so f may use this reader meanwhile; it
+  // continues from the slot it stands on while that slot's bucket has not
+  // changed, without comparing or copying keys. Stops early when f detaches
+  // the reader. Corruption raises as first()/next() do.
+  template <typename F>
+  void forEach(F&& f);
 
   // The value at a slot index (a notification names slots), if occupied.
   bool safeValue(uint32_t slotIndex, Stored& out);
@@ -123,7 +134,9 @@ class BrumeReader {
   static constexpr uint32_t kSlotSize = static_cast<uint32_t>(sizeof(Stored) + sizeof(Slot));
 
   // R1. Returns the status the copy is consistent with.
-  uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
+  // Inlined everywhere: the copy is most of a step's work, and out of line
+  // it costs a call frame per entry.
+  [[gnu::always_inline]] uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
   // R3: the writer's bucket count now, remapping when it changed.
   Mem::VersionedRef::Value loadNumBuckets() {
     const Mem::VersionedRef::Value v = buckets_.header()->numBuckets.load();
@@ -148,9 +161,15 @@ class BrumeReader {
   // The masks are worked out once per count (useNumBuckets()).
   struct BucketBits {
     uint32_t own = 0, half = 0, twice = 0;
+    // numBuckets - 1 and numBuckets / 2 - 1: the low bits of a hash that
+    // pick its bucket (twice the count picks b or b + numBuckets, so it adds
+    // nothing for a b below numBuckets).
+    uint32_t ownMask = 0, halfMask = 0;
     bool belongs(uint32_t rh, uint32_t rb) const {
       return (rh & own) == rb || (rh & half) == rb || (rh & twice) == rb;
     }
+    // The same test on an unreversed hash h and bucket b.
+    bool holds(uint32_t h, uint32_t b) const { return (h & ownMask) == b || (h & halfMask) == b; }
   };
   // Takes n (a power of two, or 0 when detached) as the local bucket count.
   void useNumBuckets(uint32_t n) {
@@ -162,6 +181,21 @@ class BrumeReader {
     // testing it again changes nothing.
     bits_.half = k > 0 ? topBits(k - 1) : bits_.own;
     bits_.twice = n != 0 && n < BucketTable::kMaxBuckets ? topBits(k + 1) : bits_.own;
+    bits_.ownMask = n - 1;
+    bits_.halfMask = n > 1 ? n / 2 - 1 : bits_.ownMask;
+  }
+  // The bucket after b in split order when the table has n buckets (the
+  // reversed index plus one, worked on unreversed bits: the run of ones
+  // from bit log2(n) - 1 down clears and the zero below it sets), or kNoRef
+  // after the last one. Cheaper than reversing, and what every end marker
+  // names while the count stands.
+  static uint32_t successor(uint32_t b, uint32_t n) {
+    const uint32_t zeros = ~b & (n - 1);
+    if (zeros == 0) return kNoRef;
+    // zeros != 0: 31 - clz is one bit-scan, where std::bit_floor also
+    // handles a zero argument.
+    const uint32_t top = uint32_t{1} << (31 - __builtin_clz(zeros));
+    return (b & (top - 1)) | top;
   }
   // The end marker of bucket b's chain names a bucket that comes later in
   // split order (reversed index greater) and lies within the table. Split
@@ -204,17 +238,33 @@ class BrumeReader {
   ReaderCounters counters_;
   void (*afterCountLoad_)(void*) = nullptr;
   void* afterCountLoadContext_ = nullptr;
-  // Where the last first()/next() answer was found (private memory).
+  // Where an iteration's last answer was found (private memory). Valid, it
+  // names the position of that entry: while the bucket's version and the
+  // count word stand, the slot is still linked there (R2, R3).
   struct Cursor {
     bool valid = false;
-    Key key{};
     uint32_t bucket = 0;
     uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
     uint32_t slot = 0;
-    uint32_t rhash = 0;  // the slot's, which the key was checked against
+    uint32_t rhash = 0;  // the slot's; the entries after it sort above it
     Mem::VersionedRef::Value numBuckets{};
-  } cursor_;
+  };
+  enum class Step : uint8_t { end, found, retry };
+  // The common case of an iteration step: from a valid c's slot along its
+  // chain and across empty buckets to the next entry, into out, with nothing
+  // changed meanwhile. Whatever it cannot settle (a change, a resize,
+  // anything unexpected) it leaves to nextLoop(), which finds the position
+  // again by rhash and key.
+  [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c);
+  // The full walk to the entry after key (the first when key is null), c
+  // moved onto it: restarts, remaps and corruption reports. A valid c stands
+  // on key's entry. REQUIRES: attached; key does not point into out.
+  [[gnu::noinline]] bool nextLoop(const Key* key, Stored& out, Cursor& c);
+  // The cursor of first()/next(), and the key of its entry, which tells
+  // next(key) whether it continues from there.
+  Cursor cursor_;
+  Key cursorKey_{};
 };
 
 }  // namespace Brume

@@ -63,7 +63,7 @@ void BrumeReader<Ops>::corrupt(const std::string& what) {
 }
 
 template <TableOps Ops>
-uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
+inline uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
   for (;;) {
     const uint32_t st = loadAcquire(s->status);
     const Slot* src = s;
@@ -132,7 +132,7 @@ void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
 }
 
 template <TableOps Ops>
-bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
+inline bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
   if (!fastLookup_) [[unlikely]] return lookupSlow(key, out);
   ++counters_.lookups;
   const uint32_t h = Ops::hash(key);
@@ -270,44 +270,136 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doNext() bucket table detached");
     return false;
   }
-  // The key this reader returned last is sorted by the rhash its slot had
-  // (checked against the key when it was returned): no need to hash it again.
-  const bool fromCursor = key != nullptr && cursor_.valid && Ops::equal(*key, cursor_.key);
-  const uint32_t r = fromCursor ? cursor_.rhash : key != nullptr ? bitReverse(Ops::hash(*key)) : 0;
+  // The walk reads into out, which the caller's key often lies in: it works
+  // on a private copy. The cursor's own copy serves when the key is the one
+  // returned last, which is what lets the walk continue from its slot.
+  Key given;
+  const Key* k = nullptr;
+  if (key == nullptr) {
+    cursor_.valid = false;
+  } else if (cursor_.valid && Ops::equal(*key, cursorKey_)) {
+    k = &cursorKey_;
+    const Step s = stepOnce(out, cursor_);
+    if (s == Step::end) return false;
+    if (s == Step::found) {
+      cursorKey_ = Ops::keyOf(out);
+      return true;
+    }
+  } else {
+    cursor_.valid = false;
+    given = *key;
+    k = &given;
+  }
+  if (!nextLoop(k, out, cursor_)) return false;
+  cursorKey_ = Ops::keyOf(out);
+  return true;
+}
+
+template <TableOps Ops>
+template <typename F>
+void BrumeReader<Ops>::forEach(F&& f) {
+  if (numBuckets_ == 0) {
+    MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doNext() bucket table detached");
+    return;
+  }
+  // Two buffers taken in turn: the entry f saw stays whole while the next
+  // one is read, so a walk that has to find its place again has its key.
+  Stored buffers[2];
+  Stored* cur = &buffers[0];
+  Stored* prev = &buffers[1];
+  Cursor c;
+  if (!nextLoop(nullptr, *cur, c)) return;
+  for (;;) {
+    f(std::as_const(*cur));
+    if (!attached()) return;
+    std::swap(cur, prev);
+    const Step s = stepOnce(*cur, c);
+    if (s == Step::end) return;
+    if (s == Step::retry) {
+      const Key k = Ops::keyOf(*prev);
+      if (!nextLoop(&k, *cur, c)) return;
+    }
+  }
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, Cursor& c) {
+  const BucketTable::Header* bh = buckets_.header();
+  // R3: the count word as it was when c's entry was read, so numBuckets_,
+  // bits_ and the chains' bounds are those of c.
+  if (!(bh->numBuckets.load() == c.numBuckets)) return Step::retry;
+  const uint8_t* slotBase = slots_.base();
+  const uint32_t mapped = slots_.mappedSlots();
+  const uint32_t n = numBuckets_;
+  // Within the mappings (n <= mappedBuckets(), see lookupOnce()) even for a
+  // cursor older than a detach and a new attach.
+  if (c.bucket >= n || c.slot >= mapped) [[unlikely]] return Step::retry;
+  uint32_t b = c.bucket;
+  uint32_t rb = c.bucketRb;
+  const Mem::VersionedRef* head = bh->buckets() + b;
+  Mem::VersionedRef::Value hv = head->load();
+  if (hv.version != c.version) return Step::retry;
+  uint32_t ref = SlotTable::slotAt(slotBase, kSlotSize, c.slot)->next.load().ref;
+  // R2: the slot still linked in the chain, its next link the chain's.
+  if (head->recheck().version != hv.version) return Step::retry;
+  // Every entry returned sorts strictly above the one before (chains ascend
+  // in rhash, buckets in split order), so a corrupt link that leads back
+  // goes to the full walk, which reports it; free slots met on the way are
+  // bounded by the mapping.
+  for (uint32_t left = mapped;;) {
+    if (isEndMarker(ref)) {
+      if (ref == kNoRef) return bh->numBuckets.recheck() == c.numBuckets ? Step::end : Step::retry;
+      // While the count stands the marker names b's successor; anything else
+      // (a resize in flight, corruption) is verified by the full walk.
+      const uint32_t next = ref & ~kEndBit;
+      if (next != successor(b, n)) return Step::retry;
+      b = next;
+      rb -= bits_.own;  // plus 2^(32 - log2 n): the next reversed index
+      head = bh->buckets() + b;
+      // One atomic load: an empty bucket's end marker needs no re-check.
+      hv = head->load();
+      ref = hv.ref;
+      continue;
+    }
+    if (ref >= mapped || left-- == 0) return Step::retry;
+    const Slot* s = SlotTable::slotAt(slotBase, kSlotSize, ref);
+    uint32_t rh;
+    const uint32_t st = readSlot(s, out, &rh);
+    if ((st & kOccupied) != 0) [[likely]] {
+      if (rh <= c.rhash || !bits_.belongs(rh, rb) || !bits_.holds(Ops::hash(Ops::keyOf(out)), b)) {
+        return Step::retry;
+      }
+      // R2 + R3 before the answer.
+      if (head->recheck().version != hv.version || !(bh->numBuckets.recheck() == c.numBuckets)) return Step::retry;
+      c.bucket = b;
+      c.bucketRb = rb;
+      c.version = hv.version;
+      c.slot = ref;
+      c.rhash = rh;
+      return Step::found;
+    }
+    ref = s->next.load().ref;
+    if (head->recheck().version != hv.version) return Step::retry;
+  }
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
+  // Where the walk resumes: after (r, *key) in chain order. The cursor's
+  // entry is sorted by the rhash its slot had, so it needs no hashing, and
+  // a stored key whose hash disagrees with its slot's rhash cannot send the
+  // walk back.
+  const uint32_t r = c.valid ? c.rhash : key != nullptr ? bitReverse(Ops::hash(*key)) : 0;
   const char* corruptKey = key != nullptr ? "BrumeReader::doNext() corrupt key detected key:"
                                           : "BrumeReader::first() corrupt key detected, key:";
+  c.valid = false;
   for (;; ++counters_.restarts) {
     const Mem::VersionedRef::Value nb = loadNumBuckets();
     const Mem::VersionedRef& countRef = buckets_.header()->numBuckets;
-    uint32_t b = 0;
     bool skipping = key != nullptr;
-    // Continuing from the entry this reader returned last: when its bucket's
-    // version has not moved, the entry still sits where it was (R2) and the
-    // walk goes on from its next link instead of finding the key again.
-    bool resume = false;
-    Mem::VersionedRef::Value resumeHead{};
-    uint32_t resumeRef = 0;
-    if (fromCursor && cursor_.valid && cursor_.numBuckets == nb) {
-      const Mem::VersionedRef& head = bucketOrCorrupt(cursor_.bucket);
-      resumeHead = head.load();
-      const Slot* s = resumeHead.version == cursor_.version ? slots_.slot(cursor_.slot) : nullptr;
-      if (s != nullptr) {
-        resumeRef = s->next.load().ref;
-        if (head.recheck().version == resumeHead.version) {
-          // Still skipping what is not after the key: a chain that led back
-          // (a corrupt link) then ends in the cycle check, never in a loop.
-          resume = true;
-          b = cursor_.bucket;
-        }
-      }
-    }
-    cursor_.valid = false;
     // rb is bitReverse(b) (see BucketBits); r's top bits pick the key's bucket.
-    uint32_t rb = resume ? cursor_.bucketRb : 0;
-    if (!resume && key != nullptr) {
-      rb = r & bits_.own;
-      b = bitReverse(rb);
-    }
+    uint32_t rb = key != nullptr ? r & bits_.own : 0;
+    uint32_t b = bitReverse(rb);
     uint32_t visited = 0;
     bool restart = false;
     while (!restart) {
@@ -317,10 +409,9 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         corrupt(os.str());
       }
       const Mem::VersionedRef& head = bucketOrCorrupt(b);
-      const Mem::VersionedRef::Value hv = resume ? resumeHead : head.load();
+      const Mem::VersionedRef::Value hv = head.load();
       auto unchanged = [&] { return head.recheck().version == hv.version && countRef.recheck() == nb; };
-      uint32_t ref = resume ? resumeRef : hv.ref;
-      resume = false;
+      uint32_t ref = hv.ref;
       uint32_t count = 0;
       while (!isEndMarker(ref)) {
         if (++count > slots_.mappedSlots()) {
@@ -343,7 +434,12 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
         uint32_t rh;
         const uint32_t st = readSlot(s, out, &rh);
         if ((st & kOccupied) != 0) {
-          if (!bits_.belongs(rh, rb)) {
+          // Chains hold entries in ascending (rhash, key) order and buckets
+          // follow in split order: everything after the key comes after it.
+          const bool after = !skipping || rh > r || (rh == r && Ops::less(*key, Ops::keyOf(out)));
+          // The slot's rhash must pick this bucket; the entry returned must
+          // hash to it as well.
+          if (!bits_.belongs(rh, rb) || (after && !bits_.holds(Ops::hash(Ops::keyOf(out)), b))) {
             if (!unchanged()) {
               restart = true;
               break;
@@ -352,22 +448,12 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
             os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
             corrupt(os.str());
           }
-          // Chains hold entries in ascending (rhash, key) order and buckets
-          // follow in split order: everything after the key comes after it.
-          if (!skipping || rh > r || (rh == r && Ops::less(*key, Ops::keyOf(out)))) {
+          if (after) {
             if (!unchanged()) {
               restart = true;
               break;
             }
-            // The caller continues from this key: it must be the key the
-            // slot is sorted by, or a corrupt key could send the iteration
-            // back and round for ever.
-            if (bitReverse(Ops::hash(Ops::keyOf(out))) != rh) {
-              std::ostringstream os;
-              os << corruptKey << KeyText<Ops>{Ops::keyOf(out)} << " bucket:" << b;
-              corrupt(os.str());
-            }
-            cursor_ = {true, Ops::keyOf(out), b, rb, hv.version, ref, rh, nb};
+            c = {true, b, rb, hv.version, ref, rh, nb};
             return true;
           }
         }
