@@ -54,6 +54,7 @@ Figures benchBoost(const Run& run) {
       auto it = m->find(makeKey(i));
       if (it != m->end()) {
         out = it->second;
+        keepCopy(out);
         sum += out.payload[3];
       }
     }
@@ -71,6 +72,7 @@ Figures benchBoost(const Run& run) {
       bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*mutex);
       for (const auto& kv : *m) {
         out = kv.second;
+        keepCopy(out);
         sum += out.payload[0];
       }
     }
@@ -88,6 +90,7 @@ Figures benchBoost(const Run& run) {
         auto it = rm->find(makeKey(i));
         if (it != rm->end()) {
           o = it->second;
+          keepCopy(o);
           s += o.payload[3];
         }
       });
@@ -176,6 +179,7 @@ Figures benchLmdb(const Run& run) {
     mdb_txn_renew(rtxn);
     if (mdb_get(rtxn, dbi, &mk, &mv) == 0) {
       std::memcpy(&out, mv.mv_data, sizeof out);
+      keepCopy(out);
       sum += out.payload[3];
     }
     mdb_txn_reset(rtxn);
@@ -197,6 +201,7 @@ Figures benchLmdb(const Run& run) {
     MDB_val mv;
     for (int rc = mdb_cursor_get(cur, &mk, &mv, MDB_FIRST); rc == 0; rc = mdb_cursor_get(cur, &mk, &mv, MDB_NEXT)) {
       std::memcpy(&out, mv.mv_data, sizeof out);
+      keepCopy(out);
       sum += out.payload[0];
       ++count;
     }
