@@ -3,7 +3,6 @@
 // through the MFIB directory writer, then exit; their table sets stay for
 // 'mroutectl routes' to merge. pim publishes at priority 2, igmp at 1 and
 // static at 0 (which never wins).
-#include <CLI/CLI.hpp>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -106,11 +105,11 @@ void appsDemoRun(Context& ctx) {
 
 }  // namespace
 
-void addAppsDemoCommand(CLI::App& app, Context& ctx) {
-  CLI::App* sub = app.add_subcommand("apps-demo", "applications publishing for the same keys");
-  sub->footer("Runs three application processes (pim priority 2, igmp 1, static 0) that publish\nroutes for overlapping groups in VRFs default and red and exit. Their tables stay\nunder $MROUTE_SHM_ROOT: see them merged with 'mroutectl routes --all'.");
-  addJsonFlag(*sub, ctx);
-  sub->callback([&ctx] { appsDemoRun(ctx); });
+void addAppsDemoCommand(CommandLine& app, Context& ctx) {
+  CliCommand sub = app.addCommand("apps-demo", "applications publishing for the same keys");
+  sub.footer("Runs three application processes (pim priority 2, igmp 1, static 0) that publish\nroutes for overlapping groups in VRFs default and red and exit. Their tables stay\nunder $MROUTE_SHM_ROOT: see them merged with 'mroutectl routes --all'.");
+  addJsonFlag(sub, ctx);
+  sub.callback([&ctx] { appsDemoRun(ctx); });
 }
 
 }  // namespace Mroutectl

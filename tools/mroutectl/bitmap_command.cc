@@ -3,7 +3,6 @@
 // and reference counts), the free ones and the waiting keys with their counts.
 // The tables do not carry the pool's range; --min and --size give it, and
 // without --size the free count is not claimed.
-#include <CLI/CLI.hpp>
 
 #include <cstdlib>
 #include <memory>
@@ -100,19 +99,19 @@ void runBitmap(const BitmapOptions& o, Context& ctx) {
 
 }  // namespace
 
-void addBitmapCommand(CLI::App& app, Context& ctx) {
+void addBitmapCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<BitmapOptions>();
-  CLI::App* sub = app.add_subcommand("bitmap", "summarise a bit-index pool");
-  sub->footer(
+  CliCommand sub = app.addCommand("bitmap", "summarise a bit-index pool");
+  sub.footer(
       "Summarises the bit-index pool whose tables bitIndexMap and waitlistMap lie under the mount\n"
       "path: its range [min, min + size) when given, the indexes used with their keys and reference\n"
       "counts, the free count, and the waiting keys with their counts.");
-  sub->add_option("path", o->path, "the allocator's mount path")->required();
+  sub.addOption("path", &o->path, "the allocator's mount path").required();
   // Like the allocator's Config: the pool stays below 65534.
-  sub->add_option("--min", o->min, "the pool's first index")->check(CLI::Range(0, 65534))->option_text("N");
-  sub->add_option("--size", o->size, "the pool's number of indexes")->check(CLI::Range(0, 65534))->option_text("N");
-  addJsonFlag(*sub, ctx);
-  sub->callback([o, &ctx] { runBitmap(*o, ctx); });
+  sub.addOption("--min", &o->min, "the pool's first index").inRange(0, 65534).optionText("N");
+  sub.addOption("--size", &o->size, "the pool's number of indexes").inRange(0, 65534).optionText("N");
+  addJsonFlag(sub, ctx);
+  sub.callback([o, &ctx] { runBitmap(*o, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -1,8 +1,8 @@
 // The subcommands of mroutectl. Each lives in its own file and adds itself
-// to the command line in main.cc: its options, its help, and a callback that
-// writes its report to ctx.out. A subcommand reports a failure by throwing
-// CommandError with the exit code that classifies it; main.cc prints the one
-// error line and returns the code.
+// to the command line (cli_options.h) from main.cc: its options, its help,
+// and a callback that writes its report to ctx.out. A subcommand reports a
+// failure by throwing CommandError with the exit code that classifies it;
+// main.cc prints the one error line and returns the code.
 //
 // Exit codes (documented in the README; scripts rely on them):
 //   0 ok; 1 the table's files are damaged (or validate has findings);
@@ -14,9 +14,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace CLI {
-class App;
-}
+#include "cli_options.h"
 
 namespace Mroutectl {
 
@@ -43,22 +41,22 @@ struct Context {
 };
 
 // Adds "--json" to a subcommand, bound to ctx.json.
-void addJsonFlag(CLI::App& sub, Context& ctx);
+void addJsonFlag(CliCommand& sub, Context& ctx);
 // Adds "--seconds N" (a non-negative number of seconds, at most a day).
-void addSecondsOption(CLI::App& sub, double* seconds, const std::string& what);
+void addSecondsOption(CliCommand& sub, double* seconds, const std::string& what);
 
 // One function per subcommand file.
-void addKeyCommand(CLI::App& app, Context& ctx);       // key_command.cc
-void addTablesCommand(CLI::App& app, Context& ctx);    // tables_command.cc: tables, stat
-void addDumpCommand(CLI::App& app, Context& ctx);      // dump_command.cc: dump, lookup
-void addValidateCommand(CLI::App& app, Context& ctx);  // validate_command.cc
-void addFollowCommand(CLI::App& app, Context& ctx);    // follow_command.cc
-void addDemoCommand(CLI::App& app, Context& ctx);      // demo_command.cc
-void addTypesCommand(CLI::App& app, Context& ctx);     // types_command.cc
-void addBitmapCommand(CLI::App& app, Context& ctx);    // bitmap_command.cc
-void addRoutesCommand(CLI::App& app, Context& ctx);    // routes_command.cc
-void addAppsDemoCommand(CLI::App& app, Context& ctx);  // apps_demo_command.cc
-void addEntityCommand(CLI::App& app, Context& ctx);    // entity_command.cc
-void addTraceCommand(CLI::App& app, Context& ctx);     // trace_command.cc
+void addKeyCommand(CommandLine& app, Context& ctx);       // key_command.cc
+void addTablesCommand(CommandLine& app, Context& ctx);    // tables_command.cc: tables, stat
+void addDumpCommand(CommandLine& app, Context& ctx);      // dump_command.cc: dump, lookup
+void addValidateCommand(CommandLine& app, Context& ctx);  // validate_command.cc
+void addFollowCommand(CommandLine& app, Context& ctx);    // follow_command.cc
+void addDemoCommand(CommandLine& app, Context& ctx);      // demo_command.cc
+void addTypesCommand(CommandLine& app, Context& ctx);     // types_command.cc
+void addBitmapCommand(CommandLine& app, Context& ctx);    // bitmap_command.cc
+void addRoutesCommand(CommandLine& app, Context& ctx);    // routes_command.cc
+void addAppsDemoCommand(CommandLine& app, Context& ctx);  // apps_demo_command.cc
+void addEntityCommand(CommandLine& app, Context& ctx);    // entity_command.cc
+void addTraceCommand(CommandLine& app, Context& ctx);     // trace_command.cc
 
 }  // namespace Mroutectl

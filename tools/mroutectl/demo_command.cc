@@ -2,7 +2,6 @@
 // follows them; what the reader sees is printed, one line per change
 // (change_printer.h). The tables stay for the
 // other subcommands to look at.
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -212,16 +211,16 @@ void runDemo(double seconds, Context& ctx) {
 
 }  // namespace
 
-void addDemoCommand(CLI::App& app, Context& ctx) {
+void addDemoCommand(CommandLine& app, Context& ctx) {
   auto seconds = std::make_shared<double>(3);
-  CLI::App* sub = app.add_subcommand("demo", "a writer and a reader process exchanging routes");
-  sub->footer(std::string("Starts a writer process that publishes (*,G) and (S,G) routes into <root>/") + kDemoMount +
+  CliCommand sub = app.addCommand("demo", "a writer and a reader process exchanging routes");
+  sub.footer(std::string("Starts a writer process that publishes (*,G) and (S,G) routes into <root>/") + kDemoMount +
               "/" + kDemoName +
               "\nand keeps changing them (oifs join and leave, routes go and come back), and a reader process\n"
               "that follows them and prints what it sees. The table is left in place for the other commands.");
-  addSecondsOption(*sub, seconds.get(), "how long the writer runs (default 3)");
-  addJsonFlag(*sub, ctx);
-  sub->callback([seconds, &ctx] { runDemo(*seconds, ctx); });
+  addSecondsOption(sub, seconds.get(), "how long the writer runs (default 3)");
+  addJsonFlag(sub, ctx);
+  sub.callback([seconds, &ctx] { runDemo(*seconds, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -2,7 +2,6 @@
 // record; routes one readable line each (route_text.h) by group, or in their
 // text forms with --text; --limit and a group/source filter for big tables.
 // mroutectl lookup <table> <key>: one entry, found as a reader finds it.
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -151,27 +150,27 @@ void runLookup(const DumpOptions& o, Context& ctx) {
 
 }  // namespace
 
-void addDumpCommand(CLI::App& app, Context& ctx) {
+void addDumpCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<DumpOptions>();
-  CLI::App* dump = app.add_subcommand("dump", "print a table's entries");
-  dump->footer(
+  CliCommand dump = app.addCommand("dump", "print a table's entries");
+  dump.footer(
       "Routes print one per line, sorted by group and source; entries of other registered types in\n"
       "their Value(...) text form, of unknown types as bytes in hex. Read-only.");
-  dump->add_option("table", o->table, "<mount path>/<name>")->required();
-  dump->add_flag("--text", o->text, "routes in their Value(...) text form");
-  dump->add_option("--limit", o->limit, "print at most N entries (the count goes to stderr)")->option_text("N");
-  dump->add_option("--group", o->group, "only routes whose group lies in this prefix")->option_text("PREFIX");
-  dump->add_option("--source", o->source, "only routes whose source lies in this prefix")->option_text("PREFIX");
-  addJsonFlag(*dump, ctx);
-  dump->callback([o, &ctx] { runDump(*o, ctx); });
+  dump.addOption("table", &o->table, "<mount path>/<name>").required();
+  dump.addFlag("--text", &o->text, "routes in their Value(...) text form");
+  dump.addOption("--limit", &o->limit, "print at most N entries (the count goes to stderr)").optionText("N");
+  dump.addOption("--group", &o->group, "only routes whose group lies in this prefix").optionText("PREFIX");
+  dump.addOption("--source", &o->source, "only routes whose source lies in this prefix").optionText("PREFIX");
+  addJsonFlag(dump, ctx);
+  dump.callback([o, &ctx] { runDump(*o, ctx); });
 
-  CLI::App* lookup = app.add_subcommand("lookup", "print one entry of a table by its key");
-  lookup->footer("Routes are named as displayed, e.g. '(*,239.1.1.1)', or by a text form. Exit 3: no entry.");
-  lookup->add_option("table", o->table, "<mount path>/<name>")->required();
-  lookup->add_option("key", o->key, "the key")->required();
-  lookup->add_flag("--text", o->text, "the route in its Value(...) text form");
-  addJsonFlag(*lookup, ctx);
-  lookup->callback([o, &ctx] { runLookup(*o, ctx); });
+  CliCommand lookup = app.addCommand("lookup", "print one entry of a table by its key");
+  lookup.footer("Routes are named as displayed, e.g. '(*,239.1.1.1)', or by a text form. Exit 3: no entry.");
+  lookup.addOption("table", &o->table, "<mount path>/<name>").required();
+  lookup.addOption("key", &o->key, "the key").required();
+  lookup.addFlag("--text", &o->text, "the route in its Value(...) text form");
+  addJsonFlag(lookup, ctx);
+  lookup.callback([o, &ctx] { runLookup(*o, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -1,7 +1,6 @@
 // mroutectl entity <mount path> [--follow] [--json]: mounts an agent's entity
 // tree read-only and prints it, attribute by attribute, as text forms; with
 // --follow it then prints every change as it arrives.
-#include <CLI/CLI.hpp>
 
 #include <csignal>
 #include <memory>
@@ -130,15 +129,15 @@ void entityRun(const EntityOptions& o, Context& ctx) {
 
 }  // namespace
 
-void addEntityCommand(CLI::App& app, Context& ctx) {
+void addEntityCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<EntityOptions>();
-  CLI::App* sub = app.add_subcommand("entity", "print an agent's entity tree (and follow it)");
-  sub->footer("Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config,\nrouting/hardware/multicast/status, routing/multicast/fib/<application>) read-only and prints it; --follow then prints each change: '<entity path> <attribute>[<key>]: <value>'\n('-' for a removed member). Waits up to N seconds (default 5) for the writer.");
-  sub->add_option("path", o->path, "the tree's mount path")->required();
-  sub->add_flag("--follow", o->follow, "then print each change");
-  addSecondsOption(*sub, &o->seconds, "how long to wait for the writer (default 5)");
-  addJsonFlag(*sub, ctx);
-  sub->callback([o, &ctx] { entityRun(*o, ctx); });
+  CliCommand sub = app.addCommand("entity", "print an agent's entity tree (and follow it)");
+  sub.footer("Mounts the entity tree that an agent publishes at the mount path (e.g. routing/multicast/vrf/config,\nrouting/hardware/multicast/status, routing/multicast/fib/<application>) read-only and prints it; --follow then prints each change: '<entity path> <attribute>[<key>]: <value>'\n('-' for a removed member). Waits up to N seconds (default 5) for the writer.");
+  sub.addOption("path", &o->path, "the tree's mount path").required();
+  sub.addFlag("--follow", &o->follow, "then print each change");
+  addSecondsOption(sub, &o->seconds, "how long to wait for the writer (default 5)");
+  addJsonFlag(sub, ctx);
+  sub.callback([o, &ctx] { entityRun(*o, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -3,7 +3,6 @@
 // seen; any table whose value type is registered (value_codec.h) can be
 // followed. --group/--source keep the routes of interest; the last line says
 // truthfully why following stopped.
-#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <csignal>
@@ -170,22 +169,22 @@ void runFollow(const FollowOptions& o, Context& ctx) {
 
 }  // namespace
 
-void addFollowCommand(CLI::App& app, Context& ctx) {
+void addFollowCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<FollowOptions>();
-  CLI::App* sub = app.add_subcommand("follow", "print a table's changes live");
-  sub->footer(
+  CliCommand sub = app.addCommand("follow", "print a table's changes live");
+  sub.footer(
       "Attaches as a reader and prints each change as the writer notifies it, with the time it was\n"
       "seen: '+' added, '~' changed (routes: with what changed), '-' removed; until interrupted or N\n"
       "seconds have passed. Routes print one per line, other values in their Value(...) text form.\n"
       "The last line says why it stopped.");
-  sub->add_option("table", o->table, "<mount path>/<name>")->required();
-  addSecondsOption(*sub, &o->seconds, "stop after N seconds");
-  sub->add_flag("--text", o->text, "routes in their Value(...) text form");
-  sub->add_flag("--wait", o->wait, "the table need not exist yet: wait for its writer to create it");
-  sub->add_option("--group", o->group, "only routes whose group lies in this prefix")->option_text("PREFIX");
-  sub->add_option("--source", o->source, "only routes whose source lies in this prefix")->option_text("PREFIX");
-  addJsonFlag(*sub, ctx);
-  sub->callback([o, &ctx] { runFollow(*o, ctx); });
+  sub.addOption("table", &o->table, "<mount path>/<name>").required();
+  addSecondsOption(sub, &o->seconds, "stop after N seconds");
+  sub.addFlag("--text", &o->text, "routes in their Value(...) text form");
+  sub.addFlag("--wait", &o->wait, "the table need not exist yet: wait for its writer to create it");
+  sub.addOption("--group", &o->group, "only routes whose group lies in this prefix").optionText("PREFIX");
+  sub.addOption("--source", &o->source, "only routes whose source lies in this prefix").optionText("PREFIX");
+  addJsonFlag(sub, ctx);
+  sub.callback([o, &ctx] { runFollow(*o, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -3,7 +3,6 @@
 // Every way of naming a key ends in one IpGenRouteKey, which is checked
 // (kind, display) before anything is printed, so a report is either whole or
 // replaced by a one-line error.
-#include <CLI/CLI.hpp>
 
 #include <cctype>
 #include <charconv>
@@ -290,15 +289,15 @@ IpGenRouteKey routeKeyFromText(std::string_view text) {
   }
 }
 
-void addKeyCommand(CLI::App& app, Context& ctx) {
+void addKeyCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<KeyOptions>();
-  CLI::App* sub = app.add_subcommand("key", "print, parse and convert route keys");
-  sub->footer(kKeyForms);
-  sub->add_option("key", o->words, "a route as displayed, or a key command and its arguments");
-  sub->add_option("--parse", o->parse, "read a text form back")->option_text("TEXT");
-  sub->add_option("--raw", o->raw, "say what a raw (s, g) pair encodes")->expected(2)->option_text("S G");
-  addJsonFlag(*sub, ctx);
-  sub->callback([o, &ctx] { runKey(*o, ctx); });
+  CliCommand sub = app.addCommand("key", "print, parse and convert route keys");
+  sub.footer(kKeyForms);
+  sub.addOption("key", &o->words, "a route as displayed, or a key command and its arguments");
+  sub.addOption("--parse", &o->parse, "read a text form back").optionText("TEXT");
+  sub.addOption("--raw", &o->raw, "say what a raw (s, g) pair encodes").expected(2).optionText("S G");
+  addJsonFlag(sub, ctx);
+  sub.callback([o, &ctx] { runKey(*o, ctx); });
 }
 
 }  // namespace Mroutectl

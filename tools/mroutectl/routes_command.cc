@@ -5,7 +5,6 @@
 // the incoming interface and the outgoing interfaces by name (through the
 // winner's oif-index table) and the route's flags. --all lists every
 // application's candidate and marks the winner with '*'.
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <memory>
@@ -153,15 +152,15 @@ void routesRun(Options o, Context& ctx) {
 
 }  // namespace
 
-void addRoutesCommand(CLI::App& app, Context& ctx) {
+void addRoutesCommand(CommandLine& app, Context& ctx) {
   auto o = std::make_shared<Options>();
-  CLI::App* sub = app.add_subcommand("routes", "the winning route per key across applications");
-  sub->footer("The route each key would be programmed with: per key the winning application\n(strictly highest priority; ties to the first in the collection's order;\npriority 0 never wins), its incoming and outgoing interfaces by name and its flags, read\nfrom every application's table set under $MROUTE_SHM_ROOT. --vrf limits the\noutput to one VRF, --af picks the family (default 4), --all shows every\napplication's candidate with '*' on the winner, --json prints one JSON object.");
-  sub->add_option("--vrf", o->vrf, "only this VRF")->option_text("V");
-  sub->add_option("--af", o->af, "the address family, 4 (default) or 6")->check(CLI::IsMember({4, 6}));
-  sub->add_flag("--all", o->all, "every application's candidate, '*' on the winner");
-  addJsonFlag(*sub, ctx);
-  sub->callback([o, &ctx] { routesRun(*o, ctx); });
+  CliCommand sub = app.addCommand("routes", "the winning route per key across applications");
+  sub.footer("The route each key would be programmed with: per key the winning application\n(strictly highest priority; ties to the first in the collection's order;\npriority 0 never wins), its incoming and outgoing interfaces by name and its flags, read\nfrom every application's table set under $MROUTE_SHM_ROOT. --vrf limits the\noutput to one VRF, --af picks the family (default 4), --all shows every\napplication's candidate with '*' on the winner, --json prints one JSON object.");
+  sub.addOption("--vrf", &o->vrf, "only this VRF").optionText("V");
+  sub.addOption("--af", &o->af, "the address family, 4 (default) or 6").oneOf({4, 6});
+  sub.addFlag("--all", &o->all, "every application's candidate, '*' on the winner");
+  addJsonFlag(sub, ctx);
+  sub.callback([o, &ctx] { routesRun(*o, ctx); });
 }
 
 }  // namespace Mroutectl

@@ -1,7 +1,6 @@
 // mroutectl tables (alias: list): the tables under the shared-memory root,
 // one aligned row each; --verbose adds the health of each table's queue.
 // mroutectl stat <table>: one table's summary and health.
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <ctime>
@@ -237,23 +236,23 @@ void runStat(const std::string& table, Context& ctx) {
 
 }  // namespace
 
-void addTablesCommand(CLI::App& app, Context& ctx) {
+void addTablesCommand(CommandLine& app, Context& ctx) {
   auto verbose = std::make_shared<bool>(false);
-  CLI::App* tables = app.add_subcommand("tables", "list the shared-memory tables and their health");
-  tables->alias("list");
-  tables->footer(
+  CliCommand tables = app.addCommand("tables", "list the shared-memory tables and their health");
+  tables.alias("list");
+  tables.footer(
       "Columns: value type, entries, capacity, the writer process and the readers connected to it.\n"
       "--verbose adds the notification queue: its current file, the newest sequence, the lag of the\n"
       "slowest reader in sequences, and the writer's incarnation id.");
-  tables->add_flag("--verbose,-v", *verbose, "add the queue's health");
-  addJsonFlag(*tables, ctx);
-  tables->callback([verbose, &ctx] { runTables(*verbose, ctx); });
+  tables.addFlag("--verbose,-v", verbose.get(), "add the queue's health");
+  addJsonFlag(tables, ctx);
+  tables.callback([verbose, &ctx] { runTables(*verbose, ctx); });
 
   auto table = std::make_shared<std::string>();
-  CLI::App* stat = app.add_subcommand("stat", "one table's summary and health");
-  stat->add_option("table", *table, "<mount path>/<name>")->required();
-  addJsonFlag(*stat, ctx);
-  stat->callback([table, &ctx] { runStat(*table, ctx); });
+  CliCommand stat = app.addCommand("stat", "one table's summary and health");
+  stat.addOption("table", table.get(), "<mount path>/<name>").required();
+  addJsonFlag(stat, ctx);
+  stat.callback([table, &ctx] { runStat(*table, ctx); });
 }
 
 }  // namespace Mroutectl

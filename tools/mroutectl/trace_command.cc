@@ -1,6 +1,5 @@
 // mroutectl trace: the trace facilities of the system with the levels that
 // MROUTE_TRACE enables for each, and any problem with the trace settings.
-#include <CLI/CLI.hpp>
 
 #include <iomanip>
 #include <ostream>
@@ -34,12 +33,12 @@ void runTrace(Context& ctx) {
 
 }  // namespace
 
-void addTraceCommand(CLI::App& app, Context& ctx) {
-  CLI::App* sub = app.add_subcommand("trace", "list the trace facilities and the levels MROUTE_TRACE enables");
-  sub->footer("Levels are written as MROUTE_TRACE reads them (\"0-3\", \"0-39\"); '-' means none.\n"
+void addTraceCommand(CommandLine& app, Context& ctx) {
+  CliCommand sub = app.addCommand("trace", "list the trace facilities and the levels MROUTE_TRACE enables");
+  sub.footer("Levels are written as MROUTE_TRACE reads them (\"0-3\", \"0-39\"); '-' means none.\n"
               "Set e.g. MROUTE_TRACE='Mroute::Brume*/0-3' and MROUTE_TRACE_FILE=/tmp/mroute.trace.");
-  addJsonFlag(*sub, ctx);
-  sub->callback([&ctx] { runTrace(ctx); });
+  addJsonFlag(sub, ctx);
+  sub.callback([&ctx] { runTrace(ctx); });
 }
 
 }  // namespace Mroutectl

@@ -1,7 +1,6 @@
 // mroutectl types [NAME]: the entity, value and enumeration types registered
 // in the library, or one type's attributes with their ids, kinds and
 // defaults (an enumeration's literals with their values).
-#include <CLI/CLI.hpp>
 
 #include <iomanip>
 #include <memory>
@@ -76,12 +75,12 @@ void runTypes(const std::string& name, Context& ctx) {
 
 }  // namespace
 
-void addTypesCommand(CLI::App& app, Context& ctx) {
+void addTypesCommand(CommandLine& app, Context& ctx) {
   auto name = std::make_shared<std::string>();
-  CLI::App* sub = app.add_subcommand("types", "list the registered types, or one type's attributes");
-  sub->add_option("name", *name, "a qualified type name: its attribute ids, names, kinds, types, defaults");
-  addJsonFlag(*sub, ctx);
-  sub->callback([name, &ctx] { runTypes(*name, ctx); });
+  CliCommand sub = app.addCommand("types", "list the registered types, or one type's attributes");
+  sub.addOption("name", name.get(), "a qualified type name: its attribute ids, names, kinds, types, defaults");
+  addJsonFlag(sub, ctx);
+  sub.callback([name, &ctx] { runTypes(*name, ctx); });
 }
 
 }  // namespace Mroutectl

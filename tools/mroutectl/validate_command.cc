@@ -1,7 +1,6 @@
 // mroutectl validate [<table> ...]: the deep check of each table's files
 // (mroute/table/survey/table_survey.h), each finding one line. Nothing is
 // written to the tables.
-#include <CLI/CLI.hpp>
 
 #include <memory>
 #include <optional>
@@ -58,16 +57,16 @@ void runValidate(std::vector<std::string> tables, Context& ctx) {
 
 }  // namespace
 
-void addValidateCommand(CLI::App& app, Context& ctx) {
+void addValidateCommand(CommandLine& app, Context& ctx) {
   auto tables = std::make_shared<std::vector<std::string>>();
-  CLI::App* sub = app.add_subcommand("validate", "check tables' files deeply and print what is wrong");
-  sub->footer(
+  CliCommand sub = app.addCommand("validate", "check tables' files deeply and print what is wrong");
+  sub.footer(
       "Checks the given tables (every table under the root when none is given): the header of every\n"
       "file, then the free list, every hash chain and the notification queue, as the writer does when\n"
       "it attaches. Read-only. Exit 1 when a table has findings.");
-  sub->add_option("tables", *tables, "<mount path>/<name> ...");
-  addJsonFlag(*sub, ctx);
-  sub->callback([tables, &ctx] { runValidate(*tables, ctx); });
+  sub.addOption("tables", tables.get(), "<mount path>/<name> ...");
+  addJsonFlag(sub, ctx);
+  sub.callback([tables, &ctx] { runValidate(*tables, ctx); });
 }
 
 }  // namespace Mroutectl
