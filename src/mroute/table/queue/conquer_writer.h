@@ -195,19 +195,18 @@ class ConquerWriter {
   uint32_t capacity() const { return capacityOf(cur_); }
   // Position of the slot's live entry in the current file, or kNoPosition.
   uint32_t position(uint32_t slot) const { return slot < positions_.size() ? positions_[slot] : kNoPosition; }
-  // A hint that notify(slot) follows soon: starts fetching the slot's
-  // position so that its cache miss overlaps the caller's value write.
   // A hint that notify(slot) follows soon: starts fetching the queue entry
   // that notify() turns into a tombstone, so that its cache and TLB misses
-  // overlap the caller's value write instead of following it. (The position
-  // itself is loaded here; its miss, if any, overlaps too, since nothing
-  // waits for the prefetch.)
-  // Branch-free on purpose: GCC drops a prefetch that sits under a condition.
-  // A prefetch never faults, so a slot without an entry (or a detached
-  // queue) merely fetches something harmless.
+  // overlap the caller's value write instead of following it (the position
+  // is loaded here, and nothing waits for it). Branch-free on purpose: with
+  // the checks as branches GCC 12 dropped the prefetch. A prefetch never
+  // faults, so a slot without an entry, or a detached queue, merely fetches
+  // something harmless; the address is formed as an integer because the
+  // base may be null.
   void prefetch(uint32_t slot) const {
     const uint32_t p = slot < tracked_ ? positions_[slot] : 0;
-    __builtin_prefetch(fastBase_ + ConquerTable::fileSize(std::min(p, fastLimit_)), 1);
+    const uintptr_t at = reinterpret_cast<uintptr_t>(fastBase_) + ConquerTable::fileSize(std::min(p, fastLimit_));
+    __builtin_prefetch(reinterpret_cast<const void*>(at), 1);
   }
   // {sequence, slot} of an entry of the current file. REQUIRES: pos < currentPos()
   std::pair<uint64_t, uint32_t> entry(uint32_t pos) const;
