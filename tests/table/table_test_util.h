@@ -152,8 +152,9 @@ class ShmDirTest : public ::testing::Test {
   const std::string dir_ = scratch_.dir();
 };
 
-// Fails ftruncate, mmap or mremap with ENOMEM, or reserving space with
-// ENOSPC (a full file system), on demand; everything else is real.
+// Fails ftruncate, mmap or mremap with ENOMEM, reserving space with ENOSPC
+// (a full file system) or populating a mapping with EINVAL, on demand;
+// everything else is real.
 class FailingFs : public Mem::SystemShmFs {
  public:
   bool failTruncate = false;
@@ -169,6 +170,15 @@ class FailingFs : public Mem::SystemShmFs {
   }
   void* mremap(void* p, size_t o, size_t n) override {
     return failMremap ? (errno = ENOMEM, MAP_FAILED) : SystemShmFs::mremap(p, o, n);
+  }
+  // noPopulate: a kernel without MADV_POPULATE_WRITE. `populated` sums the
+  // lengths asked for.
+  bool noPopulate = false;
+  uint64_t populated = 0;
+  int populateWrite(void* p, size_t n) override {
+    if (noPopulate) return errno = EINVAL, -1;
+    populated += n;
+    return SystemShmFs::populateWrite(p, n);
   }
 };
 

@@ -71,6 +71,113 @@ TEST_F(QueueTest, UntracedNotifyKeepsTheSameQueue) {
                     "ConquerWriter::tombstone() conquer slot mismatch, slot:7 index:1");
 }
 
+// What a queue looks like at some point: its entries, every slot's
+// position, the counters and where it stands.
+struct QueueState {
+  Entries entries;
+  std::vector<uint32_t> positions;
+  uint64_t notifications = 0, unique = 0, tombstones = 0, compactions = 0, sequence = 0, corralStart = 0;
+  uint32_t table = 0, capacity = 0;
+  bool operator==(const QueueState&) const = default;
+  size_t liveEntriesOf(uint32_t slot) const {
+    size_t n = 0;
+    for (const auto& e : entries) n += e.second == slot;
+    return n;
+  }
+};
+
+QueueState stateOf(const ConquerWriter& w) {
+  QueueState st;
+  for (uint32_t p = 0; p < w.currentPos(); ++p) st.entries.push_back(w.entry(p));
+  for (uint32_t slot = 0; slot < 40; ++slot) st.positions.push_back(w.position(slot));
+  const ConquerWriter::Counters c = w.counters();
+  st.notifications = c.notifications;
+  st.unique = c.uniqueNotifications;
+  st.tombstones = c.tombstones;
+  st.compactions = c.compactions;
+  st.sequence = w.sequence();
+  st.corralStart = w.corralStart();
+  st.table = w.currentTable();
+  st.capacity = w.capacity();
+  std::string why;
+  EXPECT_TRUE(w.validate(&why)) << why;
+  return st;
+}
+
+// One history that crosses everything notify()'s inline path has to follow:
+// rewrites, a compaction into the other file, a corral, growth of the file,
+// slots beyond those seen so far, a compaction on a reader's acknowledgement
+// and a restarted writer reusing the files. The state midway (before the
+// acknowledgement) and at the end.
+std::pair<QueueState, QueueState> runHistory(const std::string& dir) {
+  EXPECT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir, nullptr));
+  auto w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{});
+  EXPECT_TRUE(w->attachConquer(16, kEmber));
+  w->updateNumReaders(1);
+  w->updateSequence(ConquerWriter::kNoAck, 20);  // holds minSeq at 20
+  for (uint32_t i = 0; i < 64; ++i) w->notify(i % 24);  // fills the file
+  for (uint32_t slot = 24; slot < 30; ++slot) w->notify(slot);  // the first compacts; new slots
+  w->markShrinkStart();
+  w->notify(3);  // seq 71 tombstones seq 52, before the corral
+  w->notify(3);  // seq 72: 71 lies in the open corral and stays
+  w->markShrinkEnd();
+  w->notify(3);  // seq 73: 72 lies in the closed corral [71, 72] and stays
+  EXPECT_TRUE(w->resize(40));
+  for (uint32_t slot = 30; slot < 40; ++slot) w->notify(slot);  // seq 74..83
+  const QueueState midway = stateOf(*w);
+  // The reader passes the corral: pruned to 72, compacted into conquer.1.
+  w->updateSequence(20, 72);
+  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{});
+  EXPECT_TRUE(w->attachConquer(40, kEmber));
+  for (uint32_t slot : {3, 31, 39, 3}) w->notify(slot);  // seq 84..87
+  return {midway, stateOf(*w)};
+}
+
+// With per-operation tracing every notify() takes the full path; without,
+// most take the inline one, which must leave exactly the same queue.
+TEST_F(QueueTest, InlineNotifyMatchesTheFullPathAcrossCompactionCorralGrowthAndRestart) {
+  w_.reset();
+  const auto [tracedMidway, tracedEnd] = runHistory(dir_ + "/traced");
+  std::pair<QueueState, QueueState> inlined;
+  {
+    CaptureSink quiet{"Mroute::Brume/0-8"};
+    ASSERT_FALSE(Brume::brumeTrace().enabled(Brume::kTraceDetail));
+    inlined = runHistory(dir_ + "/inlined");
+  }
+  const auto& [midway, end] = inlined;
+  EXPECT_EQ(midway.entries, tracedMidway.entries);
+  EXPECT_EQ(midway.positions, tracedMidway.positions);
+  EXPECT_EQ(end.entries, tracedEnd.entries);
+  EXPECT_EQ(end.positions, tracedEnd.positions);
+  EXPECT_TRUE(midway == tracedMidway);
+  EXPECT_TRUE(end == tracedEnd);
+
+  // Absolute checks, so that both paths cannot be wrong alike. Midway: 83
+  // notifications, 40 of them of new slots (0..29, 30..39), 41 that left a
+  // tombstone and 2 whose predecessor the corral kept.
+  EXPECT_EQ(midway.notifications, 83u);
+  EXPECT_EQ(midway.unique, 40u);
+  EXPECT_EQ(midway.tombstones, 41u);
+  EXPECT_EQ(midway.compactions, 1u);
+  EXPECT_EQ(midway.table, 1u);
+  EXPECT_EQ(midway.capacity, 80u) << "the current file grew with the table";
+  EXPECT_EQ(midway.corralStart, 71u);
+  EXPECT_EQ(midway.liveEntriesOf(3), 3u) << "seq 71, 72 (corral) and 73";
+  EXPECT_EQ(midway.entries.back(), (std::pair<uint64_t, uint32_t>{83, 39}));
+  // At the end: the restarted writer counts its own four notifications, all
+  // of slots whose entries it found in the reused file.
+  EXPECT_EQ(end.notifications, 4u);
+  EXPECT_EQ(end.unique, 0u);
+  EXPECT_EQ(end.tombstones, 4u);
+  EXPECT_EQ(end.sequence, 87u);
+  EXPECT_EQ(end.table, 0u);
+  EXPECT_EQ(end.corralStart, 0u);
+  EXPECT_EQ(end.liveEntriesOf(3), 1u);
+  EXPECT_EQ(end.entries.front(), (std::pair<uint64_t, uint32_t>{73, kTomb}));
+  EXPECT_EQ(end.entries.back(), (std::pair<uint64_t, uint32_t>{87, 3}));
+  EXPECT_EQ(end.positions[3], end.entries.size() - 1);
+}
+
 TEST_F(QueueTest, CorralEntriesAreNeverTombstonedOlderOnesAre) {
   int completed = 0;
   w_->shrinkCompleteIs([&] { ++completed; });
@@ -239,6 +346,36 @@ TEST_F(QueueTest, AttachReusesValidFilesAndReformatsOthers) {
     EXPECT_EQ(w_->currentPos(), 0u) << what;
     w_->notify(1);
   }
+}
+
+// The entries are stored one at a time by every write: both files have
+// their pages mapped in when made and when grown, and a kernel that cannot
+// do that still gets a working queue.
+TEST_F(QueueTest, QueueFilesArePopulatedWhenMadeAndGrown) {
+  w_.reset();
+  using Brume::ConquerTable;
+  TableTest::FailingFs fs;
+  const std::string dir = dir_ + "/fresh";
+  ASSERT_TRUE(Mem::makeDirectories(fs, dir, nullptr));
+  auto w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
+  ASSERT_TRUE(w->attachConquer(1000, kEmber));
+  EXPECT_EQ(fs.populated, 2 * ConquerTable::fileSize(2000)) << "both files, header to last entry";
+  fs.populated = 0;
+  ASSERT_TRUE(w->resize(3000));
+  EXPECT_EQ(fs.populated, ConquerTable::fileSize(6000)) << "the current file, after it grew";
+  fs.populated = 0;
+  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
+  ASSERT_TRUE(w->attachConquer(3000, kEmber));
+  EXPECT_EQ(fs.populated, ConquerTable::fileSize(6000) + ConquerTable::fileSize(2000))
+      << "reused files too, each as far as its entries go";
+
+  fs.noPopulate = true;
+  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
+  ASSERT_TRUE(w->attachConquer(1000, kEmber));
+  EXPECT_EQ(w->notify(5), 1u);
+  EXPECT_EQ(w->notify(5), 2u);
+  EXPECT_EQ(w->entry(0).second, kTomb);
+  w.reset();  // before fs goes
 }
 
 TEST_F(QueueTest, AttachAndResizeFailuresAreTracedNotThrown) {

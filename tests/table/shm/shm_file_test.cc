@@ -1,6 +1,7 @@
 #include "mroute/table/shm/shm_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,6 +56,53 @@ TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
   EXPECT_TRUE(Mem::unlinkShmFile(Mem::systemShmFs(), path("buckets"), nullptr));
   EXPECT_TRUE(Mem::unlinkShmFile(Mem::systemShmFs(), path("buckets"), nullptr)) << "missing counts as removed";
   EXPECT_EQ(r.base()[(1 << 20) - 1], 7) << "mappings outlive the name";
+}
+
+long minorFaults() {
+  struct rusage ru {};
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_minflt;
+}
+
+// Stores one byte into each page and returns the minor faults they took.
+long faultsOfStoringInto(uint8_t* base, size_t pages) {
+  const long before = minorFaults();
+  for (size_t i = 0; i < pages; ++i) base[i * 4096 + 100] = static_cast<uint8_t>(i + 1);
+  return minorFaults() - before;
+}
+
+TEST_F(ShmFileTest, PopulateMapsReservedPagesInAheadOfTheFirstStores) {
+  constexpr size_t kPages = 64;
+  constexpr uint64_t kBytes = kPages * 4096;
+  ShmFile plain, populated;
+  bool created = false;
+  ASSERT_TRUE(plain.openOrCreate(path("plain"), &created));
+  ASSERT_TRUE(plain.reserve(kBytes) && plain.map(kBytes)) << plain.error();
+  ASSERT_TRUE(populated.openOrCreate(path("populated"), &created));
+  ASSERT_TRUE(populated.reserve(kBytes) && populated.map(kBytes)) << populated.error();
+  // An unaligned start covers its whole page; a range past the mapping is
+  // cut at its end.
+  if (!populated.populate(100, kBytes)) {
+    GTEST_SKIP() << "this kernel cannot populate a shared mapping: " << populated.error();
+  }
+  EXPECT_GE(faultsOfStoringInto(plain.base(), kPages), static_cast<long>(kPages / 2))
+      << "first stores into a fresh mapping fault (else this test measures nothing)";
+  // A few faults remain possible for pages of the process's own (a
+  // sanitizer's shadow of the range, say), never one per page.
+  EXPECT_LE(faultsOfStoringInto(populated.base(), kPages), static_cast<long>(kPages / 4));
+  EXPECT_TRUE(populated.populate(kBytes, 4096)) << "nothing left to do past the end";
+
+  // Without kernel support populate() says so and the mapping works as
+  // before, page faults and all.
+  TableTest::FailingFs fs;
+  fs.noPopulate = true;
+  ShmFile old(fs);
+  ASSERT_TRUE(old.openOrCreate(path("old"), &created));
+  ASSERT_TRUE(old.reserve(kBytes) && old.map(kBytes));
+  EXPECT_FALSE(old.populate(0, kBytes));
+  EXPECT_EQ(old.error(), "madvise(" + path("old") + "): Invalid argument");
+  old.base()[kBytes - 1] = 9;
+  EXPECT_EQ(old.base()[kBytes - 1], 9);
 }
 
 TEST_F(ShmFileTest, InjectedFailuresAreReportedAndKeepTheOldMapping) {

@@ -90,6 +90,7 @@ bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember, bool reuseE
                  "ConquerWriter::attachConquer() to existing " << directory_ << " currentTable:" << cur_
                                                                << " currentPos:" << currentPos_
                                                                << " sequence:" << sequence_ << " minSeq:" << minSeq_);
+    refreshFastPath();
     return true;
   }
   for (uint32_t t = 0; t < 2; ++t) {
@@ -108,10 +109,12 @@ bool ConquerWriter::attachConquer(uint32_t numSlots, uint32_t ember, bool reuseE
   // so such a reader is told to resynchronise.
   cur_ = 0;
   currentPos_ = 0;
-  sequence_ = minSeq_ = carried == 0 ? 0 : carried + 1;
+  sequenceIs(carried == 0 ? 0 : carried + 1);
+  minSeq_ = sequence_;
   corralStart_ = corralEnd_ = 0;
   positions_.clear();
   for (uint32_t t = 0; t < 2; ++t) conquer::storeMinSeq(header(t), minSeq_);
+  refreshFastPath();
   return true;
 }
 
@@ -158,6 +161,9 @@ bool ConquerWriter::format(uint32_t t, bool created) {
   const uint32_t version =
       static_cast<uint64_t>(size) >= sizeof(ConquerTable::Header) ? header(t).notifications.version() + 1 : 0;
   ConquerTable::format(f.base(), ember_, static_cast<uint32_t>(minCapacity_), 0, version);
+  // The entries are stored one by one on every write; their pages are mapped
+  // in now rather than by a fault on the first store to each.
+  f.populate(0, bytes);
   if (created) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo, "ConquerWriter::attachConquer() to new file " << paths_[t]);
   } else {
@@ -189,7 +195,7 @@ bool ConquerWriter::reuse() {
   corralEnd_ = conquer::loadRelaxed64(h.corralEnd);
   positions_.clear();
   if (!validateEntries(&why)) return false;
-  sequence_ = currentPos_ > 0 ? std::max(minSeq_, entry(currentPos_ - 1).first) : minSeq_;
+  sequenceIs(currentPos_ > 0 ? std::max(minSeq_, entry(currentPos_ - 1).first) : minSeq_);
   // Only slots of the current table are tracked: an entry of a slot that a
   // shrink removed stays untracked until it is pruned.
   const uint32_t tracked = static_cast<uint32_t>(minCapacity_ / 2);
@@ -199,6 +205,9 @@ bool ConquerWriter::reuse() {
     if (slot >= positions_.size()) growPositions(slot);
     positions_[slot] = p;
   }
+  // As for a formatted file (format()); the pages a file's entries use were
+  // reserved when it was made or grown.
+  for (uint32_t t = 0; t < 2; ++t) files_[t].populate(0, ConquerTable::fileSize(capacityOf(t)));
   if (capacityOf(cur_) < minCapacity_ && !growFile(cur_, static_cast<uint32_t>(minCapacity_))) return false;
   return true;
 }
@@ -233,8 +242,10 @@ bool ConquerWriter::growFile(uint32_t t, uint32_t notifications) {
                  "ConquerWriter::resize() remap base address changed from " << static_cast<void*>(oldBase) << " to "
                                                                              << static_cast<void*>(f.base()));
   }
+  f.populate(0, bytes);
   // The file is long enough before a reader can learn the new capacity (QW6).
   header(t).notifications.setRefAtomic(notifications, 1);
+  refreshFastPath();
   return true;
 }
 
@@ -255,6 +266,29 @@ bool ConquerWriter::resize(uint32_t numSlots) {
 void ConquerWriter::detach() {
   files_[0].close();
   files_[1].close();
+  refreshFastPath();
+}
+
+void ConquerWriter::refreshFastPath() {
+  tracked_ = static_cast<uint32_t>(positions_.size());
+  fastBase_ = attached() ? files_[cur_].base() : nullptr;
+  fastLimit_ = 0;
+  if (fastBase_ == nullptr || corralStart_ != 0) return;
+  // Never past what is mapped, whatever the header says.
+  const uint64_t mapped = ConquerTable::entriesIn(files_[cur_].mappedSize());
+  fastLimit_ = static_cast<uint32_t>(std::min<uint64_t>(capacityOf(cur_), mapped));
+}
+
+ConquerWriter::Counters ConquerWriter::counters() const {
+  Counters c = counters_;
+  const uint64_t all = sequence_ - sequenceBase_;
+  // Every notify() that notifySlow() did not count took the inline path:
+  // either a first notification of its slot or one that left a tombstone.
+  const uint64_t inlined = all - counters_.notifications;
+  c.notifications = all;
+  c.uniqueNotifications += fastUnique_;
+  c.tombstones += inlined - fastUnique_;
+  return c;
 }
 
 void ConquerWriter::cleanup() {
@@ -277,6 +311,7 @@ void ConquerWriter::growPositions(uint32_t slot) {
   // Grown geometrically: inserts in slot order would otherwise resize (and
   // fill) once per notification.
   positions_.resize(std::max(size_t{slot} + 1, 2 * positions_.size()), kNoPosition);
+  refreshFastPath();
 }
 
 uint64_t ConquerWriter::notifySlow(uint32_t slot) {
@@ -424,6 +459,7 @@ void ConquerWriter::compact(uint64_t minSeq) {
   s.notifications.setRefAtomic(capacityOf(src), 1);  // QW3: src is no longer current
   cur_ = dst;
   currentPos_ = n;
+  refreshFastPath();
   ++counters_.compactions;
   MROUTE_TRACE(brumeTrace(), kTraceInfo,
                "ConquerWriter::compact() switched to " << paths_[dst] << " live:" << n << " notifications:"
@@ -479,6 +515,7 @@ void ConquerWriter::updateNumReaders(uint32_t connected) {
 // ---- Corral -----------------------------------------------------------------
 
 void ConquerWriter::storeCorral() {
+  refreshFastPath();
   if (!attached()) return;
   conquer::storeRelaxed64(header(cur_).corralStart, corralStart_);
   conquer::storeRelaxed64(header(cur_).corralEnd, corralEnd_);

@@ -51,6 +51,7 @@
 // processes off); no member may be called concurrently.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -113,23 +114,23 @@ class ConquerWriter {
   // REQUIRES: attached() && slot < 0x80000000
   uint64_t notify(uint32_t slot) {
     // Inline for the common case: room in the file, a slot seen before, no
-    // corral and no per-operation tracing. notifySlow() does the rest, and
-    // all the reporting.
+    // corral and no per-operation tracing; fastLimit_ is 0 unless the first
+    // three hold. notifySlow() does the rest, and all the reporting. No
+    // counter is touched here for a slot seen before (counters() derives
+    // them from the sequence).
     const uint32_t pos = currentPos_;
-    uint8_t* const base = files_[cur_].base();  // read once: the stores below cannot move it
-    if (!attached() || slot >= positions_.size() || pos >= ConquerTable::header(base)->notifications.loadRelaxed().ref ||
-        corralStart_ != 0 || trace_->enabled(kTraceDetail)) [[unlikely]] {
+    if (pos >= fastLimit_ || slot >= tracked_ || trace_->enabled(kTraceDetail)) [[unlikely]] {
       return notifySlow(slot);
     }
+    uint8_t* const base = fastBase_;
     uint32_t& position = positions_[slot];
     if (position != kNoPosition) {
       ConquerTable::Entry& e = *ConquerTable::entry(base, position);
       if (position >= pos || conquer::loadSlot(e) != slot) [[unlikely]] return notifySlow(slot);
       // QW1: one 32-bit store, as tombstoneAt() makes it.
       conquer::storeWord(e.slot, ConquerTable::kTombstone);
-      ++counters_.tombstones;
     } else {
-      ++counters_.uniqueNotifications;
+      ++fastUnique_;
     }
     const uint64_t seq = sequence_ + 1;
     sequence_ = seq;
@@ -137,7 +138,6 @@ class ConquerWriter {
     position = pos;
     currentPos_ = pos + 1;
     conquer::storeCurrentPos(*ConquerTable::header(base), pos + 1);  // QW1: publishes the entry
-    ++counters_.notifications;
     if (news_) news_(seq);
     return seq;
   }
@@ -195,14 +195,22 @@ class ConquerWriter {
   uint32_t capacity() const { return capacityOf(cur_); }
   // Position of the slot's live entry in the current file, or kNoPosition.
   uint32_t position(uint32_t slot) const { return slot < positions_.size() ? positions_[slot] : kNoPosition; }
-  // A hint that notify(slot) follows soon: starts fetching the slot's
-  // position so that its cache miss overlaps the caller's value write.
+  // A hint that notify(slot) follows soon: starts fetching the queue entry
+  // that notify() turns into a tombstone, so that its cache and TLB misses
+  // overlap the caller's value write instead of following it (the position
+  // is loaded here, and nothing waits for it). Branch-free on purpose: with
+  // the checks as branches GCC 12 dropped the prefetch. A prefetch never
+  // faults, so a slot without an entry, or a detached queue, merely fetches
+  // something harmless; the address is formed as an integer because the
+  // base may be null.
   void prefetch(uint32_t slot) const {
-    if (slot < positions_.size()) __builtin_prefetch(&positions_[slot], 1);
+    const uint32_t p = slot < tracked_ ? positions_[slot] : 0;
+    const uintptr_t at = reinterpret_cast<uintptr_t>(fastBase_) + ConquerTable::fileSize(std::min(p, fastLimit_));
+    __builtin_prefetch(reinterpret_cast<const void*>(at), 1);
   }
   // {sequence, slot} of an entry of the current file. REQUIRES: pos < currentPos()
   std::pair<uint64_t, uint32_t> entry(uint32_t pos) const;
-  const Counters& counters() const { return counters_; }
+  Counters counters() const;
   const std::string& path(uint32_t table) const { return paths_[table]; }
 
  private:
@@ -220,6 +228,15 @@ class ConquerWriter {
   // tombstone() of the slot whose live entry is at pos.
   bool tombstoneAt(uint32_t slot, uint32_t pos);
   bool inCorral(uint64_t seq) const;
+  // Recomputes what notify()'s inline path tests (fastLimit_, fastBase_,
+  // tracked_) after anything they depend on changed: attach and detach, the
+  // current file, its capacity or mapping, the corral, positions_'s size.
+  void refreshFastPath();
+  // Sets sequence_ without counting the jump as notifications.
+  void sequenceIs(uint64_t seq) {
+    sequenceBase_ += seq - sequence_;
+    sequence_ = seq;
+  }
   void clearCorral();
   void storeCorral();
 
@@ -234,6 +251,9 @@ class ConquerWriter {
   uint32_t currentPos_ = 0;  // private copy of the current header's currentPos
   uint64_t minCapacity_ = 0;
   uint64_t sequence_ = 0;
+  // sequence_ - sequenceBase_ is the number of notify() calls so far: every
+  // notify() advances sequence_ by one, and sequenceIs() moves both.
+  uint64_t sequenceBase_ = 0;
   uint64_t minSeq_ = 0;
   uint64_t corralStart_ = 0;
   uint64_t corralEnd_ = 0;
@@ -244,7 +264,15 @@ class ConquerWriter {
   std::function<void()> shrinkComplete_;
   std::function<void(uint64_t)> news_;
   std::function<void(uint64_t)> compacted_;
+  // Counted by the slow paths; notify()'s inline path only counts the slots
+  // it saw for the first time, in fastUnique_.
   Counters counters_;
+  uint64_t fastUnique_ = 0;
+  // notify()'s inline path: the current file's capacity while attached and
+  // without a corral (0 otherwise), its base, and positions_.size().
+  uint32_t fastLimit_ = 0;
+  uint32_t tracked_ = 0;
+  uint8_t* fastBase_ = nullptr;
   const Mroute::Trace::Facility* trace_ = &brumeTrace();
 };
 

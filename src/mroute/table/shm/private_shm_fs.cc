@@ -42,6 +42,7 @@ void* PrivateShmFs::mremap(void* old, size_t oldLength, size_t newLength) {
   return system_.mremap(old, oldLength, newLength);
 }
 int PrivateShmFs::munmap(void* addr, size_t length) { return ::munmap(addr, length); }
+int PrivateShmFs::populateWrite(void* addr, size_t length) { return system_.populateWrite(addr, length); }
 
 int PrivateShmFs::unlink(const char* path) {
   const auto it = files_.find(path);

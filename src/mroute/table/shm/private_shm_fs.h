@@ -39,6 +39,7 @@ class PrivateShmFs : public ShmFs {
   int punchHole(int fd, off_t offset, off_t length) override;
   ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) override;
   int rename(const char* from, const char* to) override;
+  int populateWrite(void* addr, size_t length) override;
 
   // Paths of the files it holds.
   size_t files() const { return files_.size(); }

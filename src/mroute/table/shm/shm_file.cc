@@ -50,6 +50,16 @@ ssize_t SystemShmFs::pwrite(int fd, const void* data, size_t length, off_t offse
   return ::pwrite(fd, data, length, offset);
 }
 int SystemShmFs::rename(const char* from, const char* to) { return ::rename(from, to); }
+int SystemShmFs::populateWrite(void* addr, size_t length) {
+#ifdef MADV_POPULATE_WRITE
+  return ::madvise(addr, length, MADV_POPULATE_WRITE);
+#else
+  (void)addr;
+  (void)length;
+  errno = EINVAL;
+  return -1;
+#endif
+}
 
 ShmFs& systemShmFs() {
   static SystemShmFs fs;
@@ -155,6 +165,16 @@ bool ShmFile::release(uint64_t from) {
   if (size < 0) return fail("fstat");
   if (static_cast<uint64_t>(size) <= from) return true;
   if (fs_->punchHole(fd_, static_cast<off_t>(from), static_cast<off_t>(size - from)) < 0) return fail("fallocate");
+  return true;
+}
+
+bool ShmFile::populate(uint64_t from, uint64_t bytes) {
+  const uint64_t end = std::min<uint64_t>(from + bytes, mapped_);
+  if (base_ == nullptr || from >= end) return true;
+  // madvise wants a page-aligned start; the mapping's base is one.
+  const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  const uint64_t start = from - from % page;
+  if (fs_->populateWrite(base_ + start, static_cast<size_t>(end - start)) < 0) return fail("madvise");
   return true;
 }
 

@@ -58,6 +58,12 @@ class ShmFs {
   virtual ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) = 0;
   // Atomically replaces `to` by `from` (rename(2)).
   virtual int rename(const char* from, const char* to) = 0;
+  // Maps in the pages of [addr, addr + length) of a writable shared mapping
+  // (madvise MADV_POPULATE_WRITE), so that the first store to each takes no
+  // page fault. -1 with errno on failure: EINVAL where the kernel lacks it,
+  // EFAULT where a page is not backed (the call reports it instead of
+  // raising a signal).
+  virtual int populateWrite(void* addr, size_t length) = 0;
 };
 
 // The real system calls.
@@ -78,6 +84,7 @@ class SystemShmFs : public ShmFs {
   int punchHole(int fd, off_t offset, off_t length) override;
   ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) override;
   int rename(const char* from, const char* to) override;
+  int populateWrite(void* addr, size_t length) override;
 };
 
 // The process's SystemShmFs.
@@ -117,6 +124,13 @@ class ShmFile {
   // Writer: returns the pages of [from, end of file) to the file system. The
   // length stays, so readers' mappings stay valid (the range reads as zeros).
   bool release(uint64_t from);
+  // Writer: maps in the pages of [from, from + bytes) of the mapping ahead of
+  // use, so that stores on a hot path do not each take a first-touch page
+  // fault. Only for reserved pages. Best effort: false (error() says why)
+  // when the kernel cannot do it; the pages are then faulted in on first use
+  // as before, so callers may ignore the result.
+  // REQUIRES: isMapped() && writable()
+  bool populate(uint64_t from, uint64_t bytes);
   // Writer: creates a fresh file beside `path` (replacement(path)) holding
   // `bytes` reserved zero bytes, and maps it. publishAs() then puts it in
   // place of `path` in one step: processes that map the old file keep it
