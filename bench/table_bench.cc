@@ -103,7 +103,8 @@ Figures benchOurs(const Run& run) {
   f.lookup = nsSince(t, run.lookups);
 
   t = Clock::now();
-  const uint64_t count = iterateOurs(r, &sum);
+  uint64_t count = 0;
+  for (uint32_t pass = 0; pass < run.passes; ++pass) count += iterateOurs(r, &sum);
   f.iterate = nsSince(t, count);
 
   auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
@@ -180,12 +181,14 @@ Figures benchStd(const Run& run) {
   }
   f.lookup = nsSince(t, run.lookups);
   t = Clock::now();
-  for (const auto& [k, v] : m) {
-    out = v;
-    keepCopy(out);
-    sum += out.payload[0];
+  for (uint32_t pass = 0; pass < run.passes; ++pass) {
+    for (const auto& [k, v] : m) {
+      out = v;
+      keepCopy(out);
+      sum += out.payload[0];
+    }
   }
-  f.iterate = nsSince(t, m.size());
+  f.iterate = nsSince(t, m.size() * run.passes);
   t = Clock::now();
   for (uint32_t i = 0; i < run.n; ++i) m.erase(makeKey(i));
   f.remove = nsSince(t, run.n);
@@ -308,8 +311,8 @@ int main(int argc, char** argv) {
     const Figures lmdb = lmdbReps.empty() ? Figures{} : medianOf(lmdbReps);
     const double floor = median(floorReps);
     const double floorCopy = median(floorCopyReps);
-    std::printf("\n%u entries (%llu lookups, %llu updates)\n", n, static_cast<unsigned long long>(run.lookups),
-                static_cast<unsigned long long>(run.updates));
+    std::printf("\n%u entries (%llu lookups, %llu updates, %u iteration passes)\n", n,
+                static_cast<unsigned long long>(run.lookups), static_cast<unsigned long long>(run.updates), run.passes);
     std::printf("  %-22s %9s %10s %8s %10s %8s %10s %8s\n", "operation", "ours", "std", "", "boost", "", "lmdb", "");
     print("lookup+copy", ours.lookup, {{"std", stdMap.lookup}, {"boost", boost.lookup}, {"lmdb", lmdb.lookup}});
     print("insert", ours.insert, {{"std", stdMap.insert}, {"boost", boost.insert}, {"lmdb", lmdb.insert}});

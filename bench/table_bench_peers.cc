@@ -68,7 +68,7 @@ Figures benchBoost(const Run& run) {
     }
     f.lookup = nsSince(t, run.lookups);
     t = Clock::now();
-    {
+    for (uint32_t pass = 0; pass < run.passes; ++pass) {
       bip::sharable_lock<bip::interprocess_sharable_mutex> lock(*mutex);
       for (const auto& kv : *m) {
         out = kv.second;
@@ -76,7 +76,7 @@ Figures benchBoost(const Run& run) {
         sum += out.payload[0];
       }
     }
-    f.iterate = nsSince(t, m->size());
+    f.iterate = nsSince(t, m->size() * run.passes);
 
     auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
       Segment rseg(bip::open_only, name.c_str());
@@ -192,7 +192,7 @@ Figures benchLmdb(const Run& run) {
 
   t = Clock::now();
   uint64_t count = 0;
-  {
+  for (uint32_t pass = 0; pass < run.passes; ++pass) {
     mdb_txn_renew(rtxn);
     MDB_cursor* cur = nullptr;
     mdb_cursor_open(rtxn, dbi, &cur);

@@ -94,6 +94,7 @@ struct Run {
   uint32_t n;
   uint64_t lookups;
   uint64_t updates;
+  uint32_t passes;  // whole iterations timed together
   std::vector<uint32_t> order;   // random lookup order
   std::vector<uint32_t> updateOrder;
   bool scaling = true;  // MROUTE_BENCH_SCALING=0: no reader processes (for a run under callgrind)
@@ -103,8 +104,10 @@ inline Run makeRun(uint32_t n) {
   // 200,000 updates at every size: at 12,000 entries one pass over the table
   // lasts about a millisecond, too short to time against a busy neighbour, and
   // a route table's entries are updated over and over, not once each.
-  Run r{n, n < 100000 ? 4000000ull : 3000000ull, 200000, {}, {}, true};
+  // Iteration likewise: whole passes until 200,000 entries were visited.
+  Run r{n, n < 100000 ? 4000000ull : 3000000ull, 200000, std::max(1u, (200000 + n - 1) / n), {}, {}, true};
   if (const char* env = std::getenv("MROUTE_BENCH_LOOKUPS")) r.lookups = std::strtoull(env, nullptr, 10);
+  if (const char* env = std::getenv("MROUTE_BENCH_PASSES")) r.passes = std::max(1, std::atoi(env));
   if (const char* env = std::getenv("MROUTE_BENCH_UPDATES")) r.updates = std::max(1ull, std::strtoull(env, nullptr, 10));
   if (const char* env = std::getenv("MROUTE_BENCH_SCALING")) r.scaling = std::string(env) != "0";
   std::mt19937_64 rng(n);
