@@ -260,8 +260,7 @@ class BrumeReader {
     uint32_t bucket = 0;
     uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
-    uint32_t slot = 0;
-    uint32_t rhash = 0;  // the slot's; the entries after it sort above it
+    uint32_t rhash = 0;  // the entry's slot's; the entries after it sort above it
     Mem::VersionedRef::Value numBuckets{};
     uint32_t next = 0;  // the slot's next link, read under version
   };

@@ -391,14 +391,13 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
   // mapping then holds c's bucket (see lookupOnce()). The shared count is
   // re-checked before the answer (R3).
   if (n != c.numBuckets.ref) [[unlikely]] return Step::retry;
-  uint32_t b = c.bucket;
-  uint32_t rb = c.bucketRb;
-  uint32_t version = c.version;
-  const Mem::VersionedRef* head = heads + b;
+  // The step moves c's bucket fields as it crosses buckets: a retry uses
+  // only c's rhash (the entry returned last), which moves with an answer.
+  const Mem::VersionedRef* head = heads + c.bucket;
   // c.next was read under c.version, which the answer re-checked: it is
   // the chain's link after c's slot as the chain stood then. Every answer
   // below re-checks the head against the version the walk started from, so
-  // a chain that changed since sends the step to the full walk (R2).
+  // a chain that changed since sends the step to the full walk (R7).
   uint32_t ref = c.next;
   // Every entry returned sorts strictly above the one before (chains ascend
   // in rhash, buckets in split order), so a corrupt link that leads back
@@ -407,15 +406,16 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
   uint32_t freeLeft = mapped;
   for (;;) {
     if (isEndMarker(ref)) {
-      // While the count stands the marker names b's successor (kNoRef after
-      // the last bucket, which kEndBit leaves unchanged); anything else (a
-      // resize in flight, corruption) is verified by the full walk.
-      const uint32_t next = ra != nullptr ? ra->at(ra->pos + 1) : successor(b, n);
+      // While the count stands the marker names the bucket's successor
+      // (kNoRef after the last bucket, which kEndBit leaves unchanged);
+      // anything else (a resize in flight, corruption) is verified by the
+      // full walk.
+      const uint32_t next = ra != nullptr ? ra->at(ra->pos + 1) : successor(c.bucket, n);
       if (ref != (kEndBit | next)) return Step::retry;
       if (next == kNoRef) return bh->numBuckets.recheck() == c.numBuckets ? Step::end : Step::retry;
-      b = next;
-      rb -= own;  // plus 2^(32 - log2 n): the next reversed index
-      head = heads + b;
+      c.bucket = next;
+      c.bucketRb -= own;  // plus 2^(32 - log2 n): the next reversed index
+      head = heads + next;
       if (ra != nullptr) {
         // Entering a block, the block after it replaces the one left.
         if (++ra->pos % ReadAhead::kBlock == 0) [[unlikely]] {
@@ -426,7 +426,7 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
       }
       // One atomic load: an empty bucket's end marker needs no re-check.
       const Mem::VersionedRef::Value hv = head->load();
-      version = hv.version;
+      c.version = hv.version;
       ref = hv.ref;
       continue;
     }
@@ -435,30 +435,28 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
     uint32_t rh;
     const uint32_t st = readSlot(s, out, &rh);
     if ((st & kOccupied) != 0) [[likely]] {
-      // The slot's rhash and the key's hash must pick b with the count the
-      // walk stands on; a resize in flight (where the tolerance of half or
-      // twice the count applies) goes to the full walk, as corruption does.
-      if (rh <= c.rhash || (rh & own) != rb || (Ops::hash(Ops::keyOf(out)) & (n - 1)) != b) return Step::retry;
-      // Read before the re-check, which then covers it too: the next step
-      // starts from it without touching the head first.
+      // The slot's rhash and the key's hash must pick the bucket with the
+      // count the walk stands on; a resize in flight (where the tolerance of
+      // half or twice the count applies) goes to the full walk, as
+      // corruption does.
+      if (rh <= c.rhash || (rh & own) != c.bucketRb || (Ops::hash(Ops::keyOf(out)) & (n - 1)) != c.bucket) {
+        return Step::retry;
+      }
+      // Read before the re-check, which then covers it too (R7).
       const uint32_t after = s->next.load().ref;
       // R2 + R3 before the answer.
-      if (recheckInline(*head).version != version || !(recheckInline(bh->numBuckets) == c.numBuckets)) {
+      if (recheckInline(*head).version != c.version || !(recheckInline(bh->numBuckets) == c.numBuckets)) {
         return Step::retry;
       }
       // The chain's next slot, fetched while f runs.
       if (ra != nullptr && after < mapped) prefetchSlot(slotBase, after);
-      c.bucket = b;
-      c.bucketRb = rb;
-      c.version = version;
-      c.slot = ref;
       c.rhash = rh;
       c.next = after;
       return Step::found;
     }
     if (freeLeft-- == 0) return Step::retry;
     ref = s->next.load().ref;
-    if (recheckInline(*head).version != version) return Step::retry;
+    if (recheckInline(*head).version != c.version) return Step::retry;
   }
 }
 
@@ -537,7 +535,7 @@ bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
               restart = true;
               break;
             }
-            c = {true, b, rb, hv.version, ref, rh, nb, next};
+            c = {true, b, rb, hv.version, rh, nb, next};
             return true;
           }
         }
