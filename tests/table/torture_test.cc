@@ -187,19 +187,30 @@ void runTortureReader(const Mem::RootPath& root, const TortureShape& shape, cons
           ++stats.lost;
         }
       }
-      // One whole iteration.
+      // One whole iteration, by first()/next() and by forEach() in turn.
       ++pass;
       uint64_t stableSeen = 0;
-      for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
+      bool torn = false;
+      auto visit = [&] {
         const uint64_t k = out.value.key;
+        if (torn) return;
         if (!out.value.check() || k >= total) {
           ++stats.torn;
-          break;
+          torn = true;
+          return;
         }
         if (seenIn[k] == pass) ++stats.duplicates;
         seenIn[k] = pass;
         check(k);
         stableSeen += k >= shape.keySpace;
+      };
+      if (pass % 2 == 0) {
+        r.forEach([&](const RecordValue& v) {
+          out = v;
+          visit();
+        });
+      } else {
+        for (bool more = r.first(out); more && !torn; more = r.next(out.value.key, out)) visit();
       }
       if (stableSeen < shape.stableKeys) stats.missed += shape.stableKeys - stableSeen;
       ++stats.iterations;

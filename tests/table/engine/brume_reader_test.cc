@@ -109,6 +109,8 @@ TEST_F(BrumeReaderTest, ForEachUnderChangesReturnsEachStayingEntryOnce) {
   });
   std::set<uint64_t> once(seen.begin(), seen.end());
   EXPECT_EQ(once.size(), seen.size());
+  // The changes did send steps back to the full walk.
+  EXPECT_GT(r.readerCounters().walkRestarts, 0u);
   for (uint64_t k = 0; k < 300; ++k) {
     if (w.lookup(k) != nullptr) {  // present throughout
       EXPECT_EQ(once.count(k), 1u) << k;
@@ -121,6 +123,34 @@ TEST_F(BrumeReaderTest, ForEachUnderChangesReturnsEachStayingEntryOnce) {
     r.detach();
   });
   EXPECT_EQ(calls, 1);
+}
+
+// On a table nobody changes, forEach walks every bucket count (fewer buckets
+// than its read-ahead block, exactly one block, many) in first()/next()
+// order without handing a single step back to the full walk: every end
+// marker it meets is the successor its read-ahead worked out.
+TEST_F(BrumeReaderTest, ForEachOnAStillTableNeverFallsBack) {
+  for (const uint32_t entries : {1u, 2u, 3u, 5u, 8u, 9u, 17u, 40u, 300u, 3000u}) {
+    SCOPED_TRACE(entries);
+    TableTest::TempRoot dir{"reader-still"};
+    Writer w(dir.root(), config(1));
+    ASSERT_TRUE(w.attach());
+    Reader r(dir.root());
+    ASSERT_TRUE(r.initialize());
+    for (uint64_t k = 0; k < entries; ++k) w.write(value(k * 7919));
+    std::vector<uint64_t> order;
+    RecordValue out;
+    for (bool more = r.first(out); more; more = r.next(out.value.key, out)) order.push_back(out.value.key);
+    ASSERT_EQ(order.size(), entries);
+    const uint64_t before = r.readerCounters().walkRestarts;
+    std::vector<uint64_t> seen;
+    r.forEach([&](const RecordValue& v) {
+      EXPECT_TRUE(v.value.check());
+      seen.push_back(v.value.key);
+    });
+    EXPECT_EQ(seen, order);
+    EXPECT_EQ(r.readerCounters().walkRestarts, before) << "buckets: " << w.numBuckets();
+  }
 }
 
 TEST_F(BrumeReaderTest, SafeValueReadsOccupiedSlotsOnly) {
@@ -313,6 +343,21 @@ TEST_F(ReaderCorruption, KeyInTheWrongBucketIsReported) {
   EXPECT_THROW(r_.lookup(keys_[2], out), Pavo::CorruptionDetectedException);
   EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
   EXPECT_THROW(forEachAll(), Pavo::CorruptionDetectedException);
+}
+
+TEST_F(ReaderCorruption, EndMarkerLeadingBackIsReported) {
+  // An empty bucket after the keys' bucket names that bucket again: the
+  // walk would go round for ever.
+  const uint32_t after = Brume::endMarkerAfter(9, 64) & ~Brume::kEndBit;
+  TableTest::RawFile buckets(dir_.file("buckets"));
+  buckets.at<Mem::VersionedRef>(32 + 8 * size_t{after})->init(4, Brume::kEndBit | 9);
+  try {
+    forEachAll();
+    ADD_FAILURE() << "bucket cycle not detected";
+  } catch (const Pavo::CorruptionDetectedException& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("BrumeReader::verifyNextBucket() has bucket:", 0), 0u) << e.what();
+  }
+  EXPECT_THROW(iterateAll(), Pavo::CorruptionDetectedException);
 }
 
 TEST_F(ReaderCorruption, RetryOnResizeRemapsOnlyWhenTheFilesGrew) {

@@ -279,12 +279,13 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     cursor_.valid = false;
   } else if (cursor_.valid && Ops::equal(*key, cursorKey_)) {
     k = &cursorKey_;
-    const Step s = stepOnce(out, cursor_);
+    const Step s = stepOnce(out, cursor_, nullptr);
     if (s == Step::end) return false;
     if (s == Step::found) {
       cursorKey_ = Ops::keyOf(out);
       return true;
     }
+    ++counters_.walkRestarts;
   } else {
     cursor_.valid = false;
     given = *key;
@@ -307,79 +308,155 @@ void BrumeReader<Ops>::forEach(F&& f) {
   Stored buffers[2];
   Stored* cur = &buffers[0];
   Stored* prev = &buffers[1];
-  Cursor c;
-  if (!nextLoop(nullptr, *cur, c)) return;
+  // The full walk gets a cursor of its own: c's address never leaves this
+  // frame, so the steps keep it in registers.
+  Cursor found;
+  if (!nextLoop(nullptr, *cur, found)) return;
+  Cursor c = found;
+  ReadAhead ra;
+  readAheadFrom(c.bucket, ra);
   for (;;) {
     f(std::as_const(*cur));
     if (!attached()) return;
     std::swap(cur, prev);
-    const Step s = stepOnce(*cur, c);
+    const Step s = stepOnce(*cur, c, &ra);
     if (s == Step::end) return;
     if (s == Step::retry) {
+      ++counters_.walkRestarts;
+      // c still stands on prev's entry: the full walk starts from there.
       const Key k = Ops::keyOf(*prev);
-      if (!nextLoop(&k, *cur, c)) return;
+      found = c;
+      if (!nextLoop(&k, *cur, found)) return;
+      c = found;
+      readAheadFrom(c.bucket, ra);
     }
   }
 }
 
 template <TableOps Ops>
-inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, Cursor& c) {
+void BrumeReader<Ops>::readAheadFrom(uint32_t b, ReadAhead& ra) {
+  const uint32_t n = numBuckets_;
+  ra.pos = splitPosition(b, n);
+  const uint32_t first = ra.pos - ra.pos % ReadAhead::kBlock;
+  // The base of the cursor's block: the bucket at its first position.
+  ra.lastBase = n < ReadAhead::kBlock ? 0 : bitReverse(first) >> (32 - std::countr_zero(n));
+  readAheadFill(ra, n, first);
+  if (ra.lastBase != kNoRef) {
+    ra.lastBase = n < ReadAhead::kBlock ? kNoRef : successor(ra.lastBase, n / ReadAhead::kBlock);
+  }
+  readAheadFill(ra, n, first + ReadAhead::kBlock);
+  const Mem::VersionedRef* heads = buckets_.header()->buckets();
+  for (uint32_t p = ra.pos + 1; p <= ra.pos + kReadAheadBuckets; ++p) {
+    readAheadSlot(ra, p, heads, slots_.base(), slots_.mappedSlots());
+  }
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::readAheadFill(ReadAhead& ra, uint32_t n, uint32_t firstPos) {
+  constexpr uint32_t kBlock = ReadAhead::kBlock;
+  uint32_t* block = ra.ring + firstPos % ReadAhead::kRing;
+  if (ra.lastBase == kNoRef) {
+    for (uint32_t j = 0; j < kBlock; ++j) block[j] = kNoRef;
+    return;
+  }
+  if (n < kBlock) {
+    // Fewer buckets than a block: all of them, in split order, from the
+    // first (lastBase is 0 here).
+    for (uint32_t j = 0; j < kBlock; ++j) block[j] = j < n ? splitPosition(j, n) : kNoRef;
+    return;
+  }
+  // Position firstPos + j holds bucket reverse_k(firstPos + j), and firstPos
+  // is a multiple of 8: the low three bits of j become the top three bits of
+  // the bucket, the rest is the block's base.
+  const uint32_t q = n / kBlock;
+  const Mem::VersionedRef* heads = buckets_.header()->buckets();
+  static constexpr uint32_t kReverse3[kBlock] = {0, 4, 2, 6, 1, 5, 3, 7};
+  for (uint32_t j = 0; j < kBlock; ++j) {
+    block[j] = ra.lastBase + q * kReverse3[j];
+    // The heads the read-ahead loads a few buckets later.
+    __builtin_prefetch(heads + block[j]);
+  }
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, Cursor& c, ReadAhead* ra) {
   const BucketTable::Header* bh = buckets_.header();
-  // R3: the count word as it was when c's entry was read, so numBuckets_,
-  // bits_ and the chains' bounds are those of c.
-  if (!(bh->numBuckets.load() == c.numBuckets)) return Step::retry;
+  const Mem::VersionedRef* heads = bh->buckets();
   const uint8_t* slotBase = slots_.base();
   const uint32_t mapped = slots_.mappedSlots();
   const uint32_t n = numBuckets_;
-  // Within the mappings (n <= mappedBuckets(), see lookupOnce()) even for a
-  // cursor older than a detach and a new attach.
-  if (c.bucket >= n || c.slot >= mapped) [[unlikely]] return Step::retry;
-  uint32_t b = c.bucket;
-  uint32_t rb = c.bucketRb;
-  const Mem::VersionedRef* head = bh->buckets() + b;
-  Mem::VersionedRef::Value hv = head->load();
-  if (hv.version != c.version) return Step::retry;
-  uint32_t ref = SlotTable::slotAt(slotBase, kSlotSize, c.slot)->next.load().ref;
-  // R2: the slot still linked in the chain, its next link the chain's.
-  if (head->recheck().version != hv.version) return Step::retry;
+  const uint32_t own = bits_.own;
+  // The local count is c's, so numBuckets_ and bits_ describe c's chains
+  // (f may have used this reader meanwhile, and it may have remapped); the
+  // mapping then holds c's bucket (see lookupOnce()). The shared count is
+  // re-checked before the answer (R3).
+  if (n != c.numBuckets.ref) [[unlikely]] return Step::retry;
+  // The step moves c's bucket fields as it crosses buckets: a retry uses
+  // only c's rhash (the entry returned last), which moves with an answer.
+  const Mem::VersionedRef* head = heads + c.bucket;
+  // c.next was read under c.version, which the answer re-checked: it is
+  // the chain's link after c's slot as the chain stood then. Every answer
+  // below re-checks the head against the version the walk started from, so
+  // a chain that changed since sends the step to the full walk (R7).
+  uint32_t ref = c.next;
   // Every entry returned sorts strictly above the one before (chains ascend
   // in rhash, buckets in split order), so a corrupt link that leads back
   // goes to the full walk, which reports it; free slots met on the way are
   // bounded by the mapping.
-  for (uint32_t left = mapped;;) {
+  uint32_t freeLeft = mapped;
+  for (;;) {
     if (isEndMarker(ref)) {
-      if (ref == kNoRef) return bh->numBuckets.recheck() == c.numBuckets ? Step::end : Step::retry;
-      // While the count stands the marker names b's successor; anything else
-      // (a resize in flight, corruption) is verified by the full walk.
-      const uint32_t next = ref & ~kEndBit;
-      if (next != successor(b, n)) return Step::retry;
-      b = next;
-      rb -= bits_.own;  // plus 2^(32 - log2 n): the next reversed index
-      head = bh->buckets() + b;
+      // While the count stands the marker names the bucket's successor
+      // (kNoRef after the last bucket, which kEndBit leaves unchanged);
+      // anything else (a resize in flight, corruption) is verified by the
+      // full walk.
+      const uint32_t next = ra != nullptr ? ra->at(ra->pos + 1) : successor(c.bucket, n);
+      if (ref != (kEndBit | next)) return Step::retry;
+      if (next == kNoRef) return bh->numBuckets.recheck() == c.numBuckets ? Step::end : Step::retry;
+      c.bucket = next;
+      c.bucketRb -= own;  // plus 2^(32 - log2 n): the next reversed index
+      head = heads + next;
+      if (ra != nullptr) {
+        // Entering a block, the block after it replaces the one left.
+        if (++ra->pos % ReadAhead::kBlock == 0) [[unlikely]] {
+          if (ra->lastBase != kNoRef) ra->lastBase = successor(ra->lastBase, n / ReadAhead::kBlock);
+          readAheadFill(*ra, n, ra->pos + ReadAhead::kBlock);
+        }
+        readAheadSlot(*ra, ra->pos + kReadAheadBuckets, heads, slotBase, mapped);
+      }
       // One atomic load: an empty bucket's end marker needs no re-check.
-      hv = head->load();
+      const Mem::VersionedRef::Value hv = head->load();
+      c.version = hv.version;
       ref = hv.ref;
       continue;
     }
-    if (ref >= mapped || left-- == 0) return Step::retry;
+    if (ref >= mapped) return Step::retry;
     const Slot* s = SlotTable::slotAt(slotBase, kSlotSize, ref);
     uint32_t rh;
     const uint32_t st = readSlot(s, out, &rh);
     if ((st & kOccupied) != 0) [[likely]] {
-      if (rh <= c.rhash || !bits_.belongs(rh, rb) || !bits_.holds(Ops::hash(Ops::keyOf(out)), b)) {
+      // The slot's rhash and the key's hash must pick the bucket with the
+      // count the walk stands on; a resize in flight (where the tolerance of
+      // half or twice the count applies) goes to the full walk, as
+      // corruption does.
+      if (rh <= c.rhash || (rh & own) != c.bucketRb || (Ops::hash(Ops::keyOf(out)) & (n - 1)) != c.bucket) {
         return Step::retry;
       }
+      // Read before the re-check, which then covers it too (R7).
+      const uint32_t after = s->next.load().ref;
       // R2 + R3 before the answer.
-      if (head->recheck().version != hv.version || !(bh->numBuckets.recheck() == c.numBuckets)) return Step::retry;
-      c.bucket = b;
-      c.bucketRb = rb;
-      c.version = hv.version;
-      c.slot = ref;
+      if (recheckInline(*head).version != c.version || !(recheckInline(bh->numBuckets) == c.numBuckets)) {
+        return Step::retry;
+      }
+      // The chain's next slot, fetched while f runs.
+      if (ra != nullptr && after < mapped) prefetchSlot(slotBase, after);
       c.rhash = rh;
+      c.next = after;
       return Step::found;
     }
+    if (freeLeft-- == 0) return Step::retry;
     ref = s->next.load().ref;
-    if (head->recheck().version != hv.version) return Step::retry;
+    if (recheckInline(*head).version != c.version) return Step::retry;
   }
 }
 
@@ -414,6 +491,17 @@ bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
       uint32_t ref = hv.ref;
       uint32_t count = 0;
       while (!isEndMarker(ref)) {
+        const Slot* s = slots_.slot(ref);
+        if (s == nullptr) {
+          if (!unchanged()) {
+            restart = true;
+            break;
+          }
+          s = slotOrCorrupt(ref, "BrumeReader::doNext()");
+        }
+        // Bounded by the mapping as it stands after slot() remapped for
+        // this index: a chain the writer grew past the old mapping is no
+        // cycle.
         if (++count > slots_.mappedSlots()) {
           if (!unchanged()) {
             restart = true;
@@ -422,14 +510,6 @@ bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
           std::ostringstream os;
           os << "BrumeReader::doNext() hash chain cycle detected, slotCount:" << count;
           corrupt(os.str());
-        }
-        const Slot* s = slots_.slot(ref);
-        if (s == nullptr) {
-          if (!unchanged()) {
-            restart = true;
-            break;
-          }
-          s = slotOrCorrupt(ref, "BrumeReader::doNext()");
         }
         uint32_t rh;
         const uint32_t st = readSlot(s, out, &rh);
@@ -449,11 +529,13 @@ bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
             corrupt(os.str());
           }
           if (after) {
+            // The next link is read before the re-check, which covers it.
+            const uint32_t next = s->next.load().ref;
             if (!unchanged()) {
               restart = true;
               break;
             }
-            c = {true, b, rb, hv.version, ref, rh, nb};
+            c = {true, b, rb, hv.version, rh, nb, next};
             return true;
           }
         }
