@@ -160,13 +160,15 @@ class BrumeReader {
   // are out of line, so that the common case keeps its registers.
   static constexpr uint32_t kInlineSlots = 3;
   [[gnu::always_inline]] bool lookupOnce(const Key& key, uint32_t h, uint32_t r, Stored& out);
-  // The rest of the first attempt, from the head value hv of the key's
-  // bucket head: lookupWalk(), and the full loop when that cannot settle it.
+  // The rest of the first attempt: lookupWalk(), and the full loop when that
+  // cannot settle it.
   [[gnu::noinline]] bool lookupRest(const Key& key, uint32_t r, const Mem::VersionedRef& head,
-                                    Mem::VersionedRef::Value hv, Stored& out);
-  // The walk of one attempt, with no restart, no remap and no report.
+                                    Mem::VersionedRef::Value hv, uint32_t ref, Stored& out);
+  // The walk of one attempt, with no restart, no remap and no report: along
+  // the chain of head, loaded as hv, from the link ref onwards (every slot
+  // before ref was passed under hv, R2).
   Attempt lookupWalk(const Key& key, uint32_t r, const Mem::VersionedRef& head, Mem::VersionedRef::Value hv,
-                     Stored& out);
+                     uint32_t ref, Stored& out);
   // A restart: counted, then the full loop.
   [[gnu::noinline]] bool lookupRetry(const Key& key, uint32_t r, Stored& out) {
     ++counters_.restarts;

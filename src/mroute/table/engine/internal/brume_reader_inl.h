@@ -188,9 +188,8 @@ inline bool BrumeReader<Ops>::lookupOnce(const Key& key, uint32_t h, uint32_t r,
       const uint32_t st = readSlot(s, out, &rh);
       // The key is compared on the private copy, before the re-checks.
       if (rh == r && (st & kOccupied) != 0 && Ops::equal(Ops::keyOf(out), key)) [[likely]] {
-        // R2 + R3 (R6): the head and the count word unchanged since the
-        // walk began.
-        // The whole head word is compared: every store advances its version.
+        // R2 + R3 (R6, R7): the head word and the count word unchanged
+        // since the walk began.
         if (head.recheck() == hv && view_.count->recheck() == view_.countSeen) [[likely]] return true;
         return lookupRetry(key, r, out);
       }
@@ -204,13 +203,14 @@ inline bool BrumeReader<Ops>::lookupOnce(const Key& key, uint32_t h, uint32_t r,
     if (head.recheck().version != hv.version) return lookupRetry(key, r, out);
     ref = next;
   }
-  return lookupRest(key, r, head, hv, out);
+  // The walk goes on from where this stopped.
+  return lookupRest(key, r, head, hv, ref, out);
 }
 
 template <TableOps Ops>
 bool BrumeReader<Ops>::lookupRest(const Key& key, uint32_t r, const Mem::VersionedRef& head,
-                                  Mem::VersionedRef::Value hv, Stored& out) {
-  const Attempt a = lookupWalk(key, r, head, hv, out);
+                                  Mem::VersionedRef::Value hv, uint32_t ref, Stored& out) {
+  const Attempt a = lookupWalk(key, r, head, hv, ref, out);
   if (a != Attempt::retry) return a == Attempt::found;
   return lookupRetry(key, r, out);
 }
@@ -218,7 +218,8 @@ bool BrumeReader<Ops>::lookupRest(const Key& key, uint32_t r, const Mem::Version
 template <TableOps Ops>
 typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupWalk(const Key& key, uint32_t r,
                                                                 const Mem::VersionedRef& head,
-                                                                Mem::VersionedRef::Value hv, Stored& out) {
+                                                                Mem::VersionedRef::Value hv, uint32_t ref,
+                                                                Stored& out) {
   // The view is taken into locals once, before anything is copied into out:
   // nothing in one attempt remaps, and out may alias this object for all the
   // compiler knows.
@@ -232,7 +233,6 @@ typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupWalk(const Key& key, 
   // equal to r's settle it; otherwise a resize may be in flight, which the
   // half and twice masks allow for.
   auto belongs = [&](uint32_t rh) { return ((rh ^ r) & own) == 0 || bits_.belongs(rh, r & own); };
-  uint32_t ref = hv.ref;
   // The cycle bound as a count-down: more steps than mapped slots means a
   // loop, which the full loop then reports.
   for (uint32_t left = mapped; !isEndMarker(ref); --left) {
