@@ -43,6 +43,77 @@ TEST_F(BrumeReaderTest, FindsWhatTheWriterWroteAcrossGrowth) {
   EXPECT_EQ(r.members(), 1000u);
 }
 
+// A lookup settles the first entries of a chain itself and hands longer
+// chains to a walk: every position of a long chain must be found, with its
+// own value, and a key absent from the chain must be answered "absent"
+// wherever it would sort (before the first entry, between two, after the
+// last).
+TEST_F(BrumeReaderTest, LookupFindsEveryPositionOfALongChain) {
+  Writer w(dir_.root(), config(64));
+  ASSERT_TRUE(w.attach());
+  ASSERT_EQ(w.numBuckets(), 64u);
+  std::vector<uint64_t> chain;
+  for (uint64_t k = 0; chain.size() < 7; ++k) {
+    if ((RecordOps::hash(k) & 63) == 9) chain.push_back(k);
+  }
+  for (uint64_t k : chain) w.write(value(k, k + 7));
+  ASSERT_EQ(w.numBuckets(), 64u);  // still one chain of seven
+  auto rhashOf = [](uint64_t k) { return Brume::bitReverse(RecordOps::hash(k)); };
+  auto sortsBefore = [&](uint64_t a, uint64_t b) { return rhashOf(a) < rhashOf(b); };
+  std::sort(chain.begin(), chain.end(), sortsBefore);
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  RecordValue out;
+  for (uint64_t k : chain) {
+    ASSERT_TRUE(r.lookup(k, out)) << "key " << k;
+    EXPECT_EQ(out.value.key, k);
+    EXPECT_EQ(out.value.version, k + 7);
+    EXPECT_TRUE(out.value.check());
+  }
+  // Absent keys of the same bucket, one sorting into each gap of the chain.
+  std::set<size_t> gaps;
+  for (uint64_t k = 100000; gaps.size() < chain.size() + 1 && k < 10000000; ++k) {
+    if ((RecordOps::hash(k) & 63) != 9) continue;
+    const size_t gap =
+        static_cast<size_t>(std::lower_bound(chain.begin(), chain.end(), k, sortsBefore) - chain.begin());
+    if (!gaps.insert(gap).second) continue;
+    EXPECT_FALSE(r.lookup(k, out)) << "absent key " << k << " found, gap " << gap;
+  }
+  EXPECT_EQ(gaps.size(), chain.size() + 1);
+  EXPECT_EQ(r.readerCounters().restarts, 0u);
+}
+
+// The lookup's hot state follows the mappings wherever they are remapped:
+// after an iteration or safeValue() grew them (not a lookup), every entry is
+// found at the new mapping.
+TEST_F(BrumeReaderTest, LookupAfterOtherCallsRemappedFindsEveryEntry) {
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  for (uint64_t k = 0; k < 4; ++k) w.write(value(k));
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  RecordValue out;
+  ASSERT_TRUE(r.lookup(3, out));
+  for (uint64_t k = 4; k < 3000; ++k) w.write(value(k, 2));
+  uint64_t seen = 0;
+  r.forEach([&](const RecordValue&) { ++seen; });
+  EXPECT_EQ(seen, 3000u);
+  for (uint64_t k = 0; k < 3000; ++k) {
+    ASSERT_TRUE(r.lookup(k, out)) << k;
+    EXPECT_EQ(out.value.key, k);
+  }
+  for (uint64_t k = 3000; k < 9000; ++k) w.write(value(k, 3));
+  // safeValue() past the mapping remaps first.
+  uint32_t occupied = 0;
+  for (uint32_t i = 0; i < w.capacity(); ++i) occupied += r.safeValue(i, out) ? 1 : 0;
+  EXPECT_EQ(occupied, 9000u);
+  for (uint64_t k = 0; k < 9000; ++k) {
+    ASSERT_TRUE(r.lookup(k, out)) << k;
+    EXPECT_EQ(out.value.version, k < 4 ? 1u : k < 3000 ? 2u : 3u);
+  }
+  EXPECT_FALSE(r.lookup(9000, out));
+}
+
 TEST_F(BrumeReaderTest, IterationReturnsEveryEntryOnceInBucketOrder) {
   Writer w(dir_.root(), config(16));
   ASSERT_TRUE(w.attach());

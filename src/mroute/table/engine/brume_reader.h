@@ -28,13 +28,16 @@
 //       state. Only a slot that may hold the key, or end the search, is read
 //       by R1.
 //   R6. A lookup's first attempt takes the bucket count as this reader last
-//       loaded it (count_) instead of loading it again, and compares the
-//       whole count word (version and ref) with it before answering. Every
-//       store of the count advances its version, so an equal word proves no
-//       store happened since that earlier acquire load, which is all R3's
-//       load at the start of the attempt proved. A mismatch hands the lookup
-//       to the full loop, which loads the count afresh.
-//   R7. An iteration step starts from the next link it read with the entry
+//       loaded it (LookupView::countSeen) instead of loading it again, and
+//       compares the whole count word (version and ref) with it before
+//       answering. Every store of the count advances its version, so an
+//       equal word proves no store happened since that earlier acquire load,
+//       which is all R3's load at the start of the attempt proved. A mismatch
+//       hands the lookup to the full loop, which loads the count afresh.
+//   R7. The common case compares the whole head word with the one it loaded
+//       (version and ref): as with the count, every store of a link advances
+//       its version, so equal words mean no store in between.
+//   R8. An iteration step starts from the next link it read with the entry
 //       returned last, before that entry's re-check: the re-check proves the
 //       link was the chain's at that head version, and the step re-checks
 //       the head against the same version before its answer (R2), so a
@@ -64,8 +67,9 @@
 
 namespace Brume {
 
+// Rare events only: nothing here is touched by a lookup that needs no
+// restart.
 struct ReaderCounters {
-  uint64_t lookups = 0;
   uint64_t restarts = 0;        // version checks that failed
   uint64_t lookasideReads = 0;  // copies served from the lookaside slot
   uint64_t walkRestarts = 0;    // iteration steps handed back to the full walk
@@ -78,7 +82,7 @@ class BrumeReader {
   using Stored = typename Ops::Stored;
 
   explicit BrumeReader(const Mem::RootPath& root, Mem::ShmFs& fs = Mem::systemShmFs())
-      : root_(root), fs_(&fs), slots_(fs, kSlotSize), buckets_(fs) {}
+      : root_(root), fs_(&fs), slots_(fs, kSlotSize, view_), buckets_(fs, view_) {}
   BrumeReader(const BrumeReader&) = delete;
   BrumeReader& operator=(const BrumeReader&) = delete;
 
@@ -110,7 +114,7 @@ class BrumeReader {
   // Calls f(const Stored&) for each entry, in the order of first()/next().
   // The walk keeps its own cursor, so f may use this reader meanwhile; it
   // continues from the slot it stands on while that slot's bucket has not
-  // changed, without comparing or copying keys (R7), and prefetches the
+  // changed, without comparing or copying keys (R8), and prefetches the
   // slots a few buckets ahead while f runs. Stops early when f detaches the
   // reader. Corruption raises as first()/next() do.
   template <typename F>
@@ -136,7 +140,7 @@ class BrumeReader {
   void afterCountLoadIs(void (*hook)(void* context), void* context) {
     afterCountLoad_ = hook;
     afterCountLoadContext_ = context;
-    fastLookup_ = numBuckets_ != 0 && hook == nullptr;
+    view_.fast = numBuckets_ != 0 && hook == nullptr;
   }
 
  private:
@@ -146,20 +150,48 @@ class BrumeReader {
   // Inlined everywhere: the copy is most of a step's work, and out of line
   // it costs a call frame per entry.
   [[gnu::always_inline]] uint32_t readSlot(const Slot* s, Stored& out, uint32_t* rhash);
+  // readSlot() once the slot was found in an update (LOOKASIDE set, or the
+  // status moved during the copy): out of line, so that the inline copy
+  // keeps no registers for the lookaside slot.
+  [[gnu::noinline]] uint32_t readSlotAgain(const Slot* s, Stored& out, uint32_t* rhash);
   // R3: the writer's bucket count now, remapping when it changed.
   Mem::VersionedRef::Value loadNumBuckets() {
     const Mem::VersionedRef::Value v = buckets_.header()->numBuckets.load();
     if (v.ref != numBuckets_) [[unlikely]] numBucketsChanged(v.ref);
-    count_ = v;
+    view_.countSeen = v;
     return v;
   }
   // The outcome of one lookup attempt; retry hands over to the full loop.
   enum class Attempt : uint8_t { absent, found, retry };
-  // The common case of doLookup() in one attempt (R6), with no restart, no
-  // remap and no report: whatever it cannot settle it leaves to lookupLoop().
-  [[gnu::always_inline]] Attempt lookupOnce(const Key& key, uint32_t h, uint32_t r, Stored& out);
+  // The common case of doLookup() (R6): the key's entry among the first
+  // kInlineSlots of its chain, found in one attempt. Whatever else it meets
+  // it hands to lookupRest() or, when a re-check failed, lookupRetry(); both
+  // are out of line, so that the common case keeps its registers.
+  static constexpr uint32_t kInlineSlots = 3;
+  [[gnu::always_inline]] bool lookupOnce(const Key& key, uint32_t h, uint32_t r, Stored& out);
+  // The rest of the first attempt: lookupWalk(), and the full loop when that
+  // cannot settle it.
+  [[gnu::noinline]] bool lookupRest(const Key& key, uint32_t r, const Mem::VersionedRef& head,
+                                    Mem::VersionedRef::Value hv, uint32_t ref, Stored& out);
+  // The walk of one attempt, with no restart, no remap and no report: along
+  // the chain of head, loaded as hv, from the link ref onwards (every slot
+  // before ref was passed under hv, R2).
+  Attempt lookupWalk(const Key& key, uint32_t r, const Mem::VersionedRef& head, Mem::VersionedRef::Value hv,
+                     uint32_t ref, Stored& out);
+  // A restart: counted, then the full loop.
+  [[gnu::noinline]] bool lookupRetry(const Key& key, uint32_t r, Stored& out) {
+    ++counters_.restarts;
+    return lookupLoop(key, r, out);
+  }
+  // The ref of a link word, split off the loaded pair with a shift (left to
+  // itself the compiler moves the pair through a vector register to split
+  // it, which costs the common case of a lookup three instructions).
+  static uint32_t refOf(Mem::VersionedRef::Value v) {
+    const uint64_t w = std::bit_cast<uint64_t>(v);
+    return static_cast<uint32_t>(std::endian::native == std::endian::little ? w >> 32 : w);
+  }
   // The full lookup: restarts, remaps and corruption reports.
-  [[gnu::noinline]] bool lookupLoop(const Key& key, uint32_t h, uint32_t r, Stored& out);
+  [[gnu::noinline]] bool lookupLoop(const Key& key, uint32_t r, Stored& out);
   // doLookup() while detached or with the test seam set.
   [[gnu::noinline]] bool lookupSlow(const Key& key, Stored& out);
   void numBucketsChanged(uint32_t n);
@@ -183,9 +215,11 @@ class BrumeReader {
   // Takes n (a power of two, or 0 when detached) as the local bucket count.
   void useNumBuckets(uint32_t n) {
     numBuckets_ = n;
-    fastLookup_ = n != 0 && afterCountLoad_ == nullptr;
     const uint32_t k = n == 0 ? 0 : static_cast<uint32_t>(std::countr_zero(n));
     bits_.own = topBits(k);
+    view_.fast = n != 0 && afterCountLoad_ == nullptr;
+    view_.bucketMask = n - 1;
+    view_.ownBits = bits_.own;
     // Where a half or double count does not exist, the own mask stands in:
     // testing it again changes nothing.
     bits_.half = k > 0 ? topBits(k - 1) : bits_.own;
@@ -231,16 +265,14 @@ class BrumeReader {
   }
   [[noreturn]] void bucketOutOfRange(uint32_t b);
 
+  // Declared before the tables, which keep a pointer to it.
+  LookupView view_;
   Mem::RootPath root_;
   Mem::ShmFs* fs_;
   SlotReaderTable slots_;
   BucketReaderTable buckets_;
   uint32_t ember_ = 0;
   uint32_t numBuckets_ = 0;  // local view; 0 while detached
-  // The count word as this reader last loaded it from this file (R6).
-  Mem::VersionedRef::Value count_{};
-  // Attached and no test seam set: doLookup() may try lookupOnce().
-  bool fastLookup_ = false;
   // The top log2(numBuckets_) bits, and those of half and twice the count:
   // the bits of a reversed hash that pick its bucket.
   BucketBits bits_;

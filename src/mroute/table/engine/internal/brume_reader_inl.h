@@ -29,8 +29,8 @@ bool BrumeReader<Ops>::initialize() {
   if (!readEmber(*fs_, root_, &ember_)) return fail("BrumeReader::initialize() failed to read ember file", "");
   std::string why;
   if (!buckets_.validate(ember_, &why)) return fail("BrumeReader::initialize() failed to validate buckets", why);
-  count_ = buckets_.header()->numBuckets.load();
-  const uint32_t n = count_.ref;
+  view_.countSeen = buckets_.header()->numBuckets.load();
+  const uint32_t n = view_.countSeen.ref;
   if (n == 0 || (n & (n - 1)) != 0 || !buckets_.doResize(n)) {
     return fail("BrumeReader::initialize() failed to validate buckets",
                 "BucketTable::validate() bad numBuckets:" + std::to_string(n));
@@ -64,6 +64,27 @@ void BrumeReader<Ops>::corrupt(const std::string& what) {
 
 template <TableOps Ops>
 inline uint32_t BrumeReader<Ops>::readSlot(const Slot* s, Stored& out, uint32_t* rhash) {
+  const uint32_t st = loadAcquire(s->status);
+  uint32_t rh;
+  if ((st & kLookaside) == 0) [[likely]] {
+    rh = loadRelaxed(s->rhash);
+    copyFromShared(&out, s->value(), sizeof(Stored));
+    // R1: the copy's loads stay before the re-check.
+    Mem::acquireFence();
+    if (loadRelaxed(s->status) == st) [[likely]] {
+      *rhash = rh;
+      return st;
+    }
+    ++counters_.restarts;
+  }
+  // Through a local of its own: the caller's rhash need not live in memory.
+  const uint32_t again = readSlotAgain(s, out, &rh);
+  *rhash = rh;
+  return again;
+}
+
+template <TableOps Ops>
+uint32_t BrumeReader<Ops>::readSlotAgain(const Slot* s, Stored& out, uint32_t* rhash) {
   for (;;) {
     const uint32_t st = loadAcquire(s->status);
     const Slot* src = s;
@@ -133,14 +154,9 @@ void BrumeReader<Ops>::lookupCorruptKey(const Key& k, uint32_t b) {
 
 template <TableOps Ops>
 inline bool BrumeReader<Ops>::doLookup(const Key& key, Stored& out) {
-  if (!fastLookup_) [[unlikely]] return lookupSlow(key, out);
-  ++counters_.lookups;
+  if (!view_.fast) [[unlikely]] return lookupSlow(key, out);
   const uint32_t h = Ops::hash(key);
-  const uint32_t r = bitReverse(h);
-  const Attempt a = lookupOnce(key, h, r, out);
-  if (a != Attempt::retry) [[likely]] return a == Attempt::found;
-  ++counters_.restarts;
-  return lookupLoop(key, h, r, out);
+  return lookupOnce(key, h, bitReverse(h), out);
 }
 
 template <TableOps Ops>
@@ -149,49 +165,93 @@ bool BrumeReader<Ops>::lookupSlow(const Key& key, Stored& out) {
     MROUTE_TRACE(brumeTrace(), kTraceDetail, "BrumeReader::doLookup() bucket table detached");
     return false;
   }
-  ++counters_.lookups;
   const uint32_t h = Ops::hash(key);
-  return lookupLoop(key, h, bitReverse(h), out);
+  return lookupLoop(key, bitReverse(h), out);
 }
 
 template <TableOps Ops>
-inline typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupOnce(const Key& key, uint32_t h, uint32_t r,
-                                                                      Stored& out) {
-  // Mapping bases and bounds are read once: nothing in one attempt remaps.
-  const BucketTable::Header* bh = buckets_.header();
-  const uint8_t* slotBase = slots_.base();
-  const uint32_t mapped = slots_.mappedSlots();
-  const Mem::VersionedRef::Value nb = count_;  // R6
-  const uint32_t rb = r & bits_.own;          // bitReverse(b)
-  // b < numBuckets_ <= mappedBuckets(): the local count is only ever taken
-  // after the bucket mapping was made to hold it, and mappings never shrink.
-  const Mem::VersionedRef& head = bh->buckets()[h & (numBuckets_ - 1)];
+inline bool BrumeReader<Ops>::lookupOnce(const Key& key, uint32_t h, uint32_t r, Stored& out) {
+  // h & bucketMask < numBuckets_ <= mappedBuckets(): the local count is only
+  // ever taken after the bucket mapping was made to hold it, and mappings
+  // never shrink.
+  const Mem::VersionedRef& head = view_.buckets[h & view_.bucketMask];
   const Mem::VersionedRef::Value hv = head.load();
-  uint32_t ref = hv.ref;
+  uint32_t ref = refOf(hv);
+  // The usual chains: the key's entry among the first kInlineSlots. Entries
+  // sorted before it are passed on their rhash and next alone (R5).
+  for (uint32_t step = 1;; ++step) {
+    // mappedSlots <= kEndBit: a slot index within it is no end marker.
+    if (ref >= view_.mappedSlots) break;
+    const Slot* s = reinterpret_cast<const Slot*>(view_.slot0 + size_t{ref} * kSlotSize);
+    uint32_t rh = loadRelaxed(s->rhash);
+    if (rh == r) [[likely]] {
+      const uint32_t st = readSlot(s, out, &rh);
+      // The key is compared on the private copy, before the re-checks.
+      if (rh == r && (st & kOccupied) != 0 && Ops::equal(Ops::keyOf(out), key)) [[likely]] {
+        // R2 + R3 (R6, R7): the head word and the count word unchanged
+        // since the walk began.
+        if (head.recheck() == hv && view_.count->recheck() == view_.countSeen) [[likely]] return true;
+        return lookupRetry(key, r, out);
+      }
+      break;
+    }
+    // Past the key's place, too far, or an rhash that this bucket's chain
+    // cannot hold without a resize in flight: the walk settles it.
+    if (rh > r || step == kInlineSlots || ((rh ^ r) & view_.ownBits) != 0) break;
+    const uint32_t next = s->next.load().ref;
+    // R2 alone, as in lookupWalk().
+    if (head.recheck().version != hv.version) return lookupRetry(key, r, out);
+    ref = next;
+  }
+  // The walk goes on from where this stopped.
+  return lookupRest(key, r, head, hv, ref, out);
+}
+
+template <TableOps Ops>
+bool BrumeReader<Ops>::lookupRest(const Key& key, uint32_t r, const Mem::VersionedRef& head,
+                                  Mem::VersionedRef::Value hv, uint32_t ref, Stored& out) {
+  const Attempt a = lookupWalk(key, r, head, hv, ref, out);
+  if (a != Attempt::retry) return a == Attempt::found;
+  return lookupRetry(key, r, out);
+}
+
+template <TableOps Ops>
+typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupWalk(const Key& key, uint32_t r,
+                                                                const Mem::VersionedRef& head,
+                                                                Mem::VersionedRef::Value hv, uint32_t ref,
+                                                                Stored& out) {
+  // The view is taken into locals once, before anything is copied into out:
+  // nothing in one attempt remaps, and out may alias this object for all the
+  // compiler knows.
+  const uint8_t* const slot0 = view_.slot0;
+  const uint32_t mapped = view_.mappedSlots;
+  const uint32_t own = view_.ownBits;
+  const Mem::VersionedRef* const countRef = view_.count;
+  const Mem::VersionedRef::Value nb = view_.countSeen;  // R6
+  auto unchanged = [&] { return head.recheck().version == hv.version && countRef->recheck() == nb; };
+  // Whether a reversed hash may stand in this bucket's chain. Its top bits
+  // equal to r's settle it; otherwise a resize may be in flight, which the
+  // half and twice masks allow for.
+  auto belongs = [&](uint32_t rh) { return ((rh ^ r) & own) == 0 || bits_.belongs(rh, r & own); };
   // The cycle bound as a count-down: more steps than mapped slots means a
   // loop, which the full loop then reports.
   for (uint32_t left = mapped; !isEndMarker(ref); --left) {
     if (ref >= mapped || left == 0) [[unlikely]] return Attempt::retry;
-    const Slot* s = SlotTable::slotAt(slotBase, kSlotSize, ref);
+    const Slot* s = reinterpret_cast<const Slot*>(slot0 + size_t{ref} * kSlotSize);
     // R5.
     uint32_t rh = loadRelaxed(s->rhash);
-    if (rh >= r) [[likely]] {
+    if (rh >= r) {
       const uint32_t st = readSlot(s, out, &rh);
-      if ((st & kOccupied) != 0 && rh >= r) [[likely]] {
-        // R2 + R3 (R6): the head and the count word unchanged since the
-        // walk began (the key is compared on the private copy, before).
-        auto unchanged = [&] { return head.recheck().version == hv.version && bh->numBuckets.recheck() == nb; };
-        if (rh == r && Ops::equal(Ops::keyOf(out), key)) [[likely]] {
-          return unchanged() ? Attempt::found : Attempt::retry;
-        }
+      if ((st & kOccupied) != 0 && rh >= r) {
+        if (rh == r && Ops::equal(Ops::keyOf(out), key)) return unchanged() ? Attempt::found : Attempt::retry;
         if (!unchanged()) return Attempt::retry;
         if (rh > r || Ops::less(key, Ops::keyOf(out))) {
           // The stopping key must belong here; the full loop reports it if not.
-          return bits_.belongs(bitReverse(Ops::hash(Ops::keyOf(out))), rb) ? Attempt::absent : Attempt::retry;
+          return belongs(bitReverse(Ops::hash(Ops::keyOf(out)))) ? Attempt::absent : Attempt::retry;
         }
       }
     }
-    if (!bits_.belongs(rh, rb)) [[unlikely]] return Attempt::retry;
+    if (!belongs(rh)) [[unlikely]] return Attempt::retry;
     const uint32_t next = s->next.load().ref;
     // R2 alone: the head's version covers every link of the chain (W2), so
     // the next link read belongs to the chain as it stood when the walk
@@ -200,11 +260,14 @@ inline typename BrumeReader<Ops>::Attempt BrumeReader<Ops>::lookupOnce(const Key
     if (head.recheck().version != hv.version) return Attempt::retry;
     ref = next;
   }
-  return head.recheck().version == hv.version && bh->numBuckets.recheck() == nb ? Attempt::absent : Attempt::retry;
+  return unchanged() ? Attempt::absent : Attempt::retry;
 }
 
 template <TableOps Ops>
-bool BrumeReader<Ops>::lookupLoop(const Key& key, uint32_t h, uint32_t r, Stored& out) {
+bool BrumeReader<Ops>::lookupLoop(const Key& key, uint32_t r, Stored& out) {
+  // The reversal is its own inverse: the caller's common case keeps no
+  // register for h.
+  const uint32_t h = bitReverse(r);
   for (;; ++counters_.restarts) {
     const Mem::VersionedRef::Value nb = loadNumBuckets();
     if (afterCountLoad_ != nullptr) [[unlikely]] afterCountLoad_(afterCountLoadContext_);
@@ -397,7 +460,7 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
   // c.next was read under c.version, which the answer re-checked: it is
   // the chain's link after c's slot as the chain stood then. Every answer
   // below re-checks the head against the version the walk started from, so
-  // a chain that changed since sends the step to the full walk (R7).
+  // a chain that changed since sends the step to the full walk (R8).
   uint32_t ref = c.next;
   // Every entry returned sorts strictly above the one before (chains ascend
   // in rhash, buckets in split order), so a corrupt link that leads back
@@ -442,7 +505,7 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, C
       if (rh <= c.rhash || (rh & own) != c.bucketRb || (Ops::hash(Ops::keyOf(out)) & (n - 1)) != c.bucket) {
         return Step::retry;
       }
-      // Read before the re-check, which then covers it too (R7).
+      // Read before the re-check, which then covers it too (R8).
       const uint32_t after = s->next.load().ref;
       // R2 + R3 before the answer.
       if (recheckInline(*head).version != c.version || !(recheckInline(bh->numBuckets) == c.numBuckets)) {
@@ -598,7 +661,7 @@ auto BrumeReader<Ops>::retryOnResize(Op&& op) -> decltype(op()) {
     const uint32_t n = count.ref;
     if (n != 0 && (n & (n - 1)) == 0 && buckets_.doResize(n)) {
       useNumBuckets(n);
-      count_ = count;
+      view_.countSeen = count;
     }
     if (slotBase == slots_.base() && bucketBase == buckets_.base() && mappedSlots == slots_.mappedSlots() &&
         mappedBuckets == buckets_.mappedBuckets()) {

@@ -24,6 +24,8 @@ bool SlotReaderTable::attach(const Mem::RootPath& root) {
 void SlotReaderTable::detach() {
   file_.close();
   mappedSlots_ = 0;
+  view_->slot0 = nullptr;
+  view_->mappedSlots = 0;
 }
 
 bool SlotReaderTable::validate(uint32_t ember, std::string* why) const {
@@ -37,6 +39,8 @@ void SlotReaderTable::account() {
   const size_t mapped = file_.mappedSize();
   const size_t n = mapped < fixed ? 0 : (mapped - fixed) / slotSize_;
   mappedSlots_ = static_cast<uint32_t>(std::min<size_t>(n, kEndBit));
+  view_->slot0 = mappedSlots_ == 0 ? nullptr : file_.base() + fixed;
+  view_->mappedSlots = mappedSlots_;
 }
 
 bool SlotReaderTable::doResize() {
@@ -87,12 +91,20 @@ bool BucketReaderTable::attach(const Mem::RootPath& root) {
                        ? 0
                        : static_cast<uint32_t>(std::min<size_t>((mapped - sizeof(BucketTable::Header)) / 8,
                                                                 BucketTable::kMaxBuckets));
+  publish();
   return true;
 }
 
 void BucketReaderTable::detach() {
   file_.close();
   mappedBuckets_ = 0;
+  publish();
+}
+
+void BucketReaderTable::publish() {
+  const bool mapped = file_.isMapped() && file_.mappedSize() >= sizeof(BucketTable::Header);
+  view_->buckets = mapped ? header()->buckets() : nullptr;
+  view_->count = mapped ? &header()->numBuckets : nullptr;
 }
 
 bool BucketReaderTable::validate(uint32_t ember, std::string* why) const {
@@ -117,6 +129,7 @@ bool BucketReaderTable::doResize(uint32_t n) {
     return false;
   }
   mappedBuckets_ = n;
+  publish();
   MROUTE_TRACE(brumeTrace(), kTraceInfo, "BucketReader::doResize() successful");
   if (old != file_.base()) {
     MROUTE_TRACE(brumeTrace(), kTraceInfo,

@@ -20,9 +20,32 @@
 
 namespace Brume {
 
+// What the common case of a lookup reads, kept together in one cache line of
+// the reader's private memory. The two tables below keep their parts current
+// on every map, remap and unmap; the reader owns the rest. A lookup takes it
+// into locals once, so the value it copies out cannot make the compiler load
+// any of it again.
+struct alignas(64) LookupView {
+  // Set by the tables (null and 0 while unmapped).
+  const uint8_t* slot0 = nullptr;              // slot 0 of the slot mapping
+  const Mem::VersionedRef* buckets = nullptr;  // bucket 0 of the bucket mapping
+  const Mem::VersionedRef* count = nullptr;    // the bucket header's numBuckets
+  uint32_t mappedSlots = 0;
+  // Set by the reader.
+  uint32_t bucketMask = 0;  // numBuckets - 1
+  uint32_t ownBits = 0;     // the top log2(numBuckets) bits
+  // Attached and no test seam set: the common case may be tried.
+  bool fast = false;
+  // The count word as the reader last loaded it.
+  Mem::VersionedRef::Value countSeen{};
+};
+static_assert(sizeof(LookupView) == 64);
+
 class SlotReaderTable {
  public:
-  SlotReaderTable(Mem::ShmFs& fs, uint32_t slotSize) : slotSize_(slotSize), file_(fs) {}
+  // view receives the mapping's slot 0 and slot count.
+  SlotReaderTable(Mem::ShmFs& fs, uint32_t slotSize, LookupView& view)
+      : slotSize_(slotSize), file_(fs), view_(&view) {}
 
   // Opens and maps the whole file. False (traced) when it is missing or
   // cannot be mapped.
@@ -52,11 +75,13 @@ class SlotReaderTable {
   uint32_t slotSize_;
   Mem::ShmFile file_;
   uint32_t mappedSlots_ = 0;
+  LookupView* view_;
 };
 
 class BucketReaderTable {
  public:
-  explicit BucketReaderTable(Mem::ShmFs& fs) : file_(fs) {}
+  // view receives the mapping's bucket array and count word.
+  BucketReaderTable(Mem::ShmFs& fs, LookupView& view) : file_(fs), view_(&view) {}
 
   bool attach(const Mem::RootPath& root);
   void detach();
@@ -77,9 +102,12 @@ class BucketReaderTable {
 
  private:
   const Mem::VersionedRef* outOfRange(uint32_t b) const;
+  // Publishes the mapping (or its absence) to the view.
+  void publish();
 
   Mem::ShmFile file_;
   uint32_t mappedBuckets_ = 0;
+  LookupView* view_;
 };
 
 }  // namespace Brume
