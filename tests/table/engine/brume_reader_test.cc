@@ -43,6 +43,31 @@ TEST_F(BrumeReaderTest, FindsWhatTheWriterWroteAcrossGrowth) {
   EXPECT_EQ(r.members(), 1000u);
 }
 
+// A reader that mapped the table when it held 4 slots meets a chain longer
+// than its mapping, laid out so that the chain's first 4 entries sit in the
+// slots it already maps: the walk must remap on the 5th instead of taking the
+// chain for a cycle.
+TEST_F(BrumeReaderTest, LookupWalksAChainLongerThanAStaleMapping) {
+  Writer w(dir_.root(), config(4));
+  ASSERT_TRUE(w.attach());
+  Reader r(dir_.root());
+  ASSERT_TRUE(r.initialize());
+  std::vector<uint64_t> chain;
+  for (uint64_t k = 0; chain.size() < 7; ++k) {
+    if ((RecordOps::hash(k) & 7) == 1) chain.push_back(k);
+  }
+  // Written in chain order: slot i holds the chain's i-th entry.
+  std::sort(chain.begin(), chain.end(), [](uint64_t a, uint64_t b) {
+    return Brume::bitReverse(RecordOps::hash(a)) < Brume::bitReverse(RecordOps::hash(b));
+  });
+  for (uint64_t k : chain) w.write(value(k, k + 3));
+  ASSERT_EQ(w.numBuckets(), 8u);
+  RecordValue out;
+  ASSERT_TRUE(r.lookup(chain.back(), out)) << "the last of the chain, first lookup after growth";
+  EXPECT_EQ(out.value.version, chain.back() + 3);
+  for (uint64_t k : chain) EXPECT_TRUE(r.lookup(k, out)) << k;
+}
+
 // A lookup settles the first entries of a chain itself and hands longer
 // chains to a walk: every position of a long chain must be found, with its
 // own value, and a key absent from the chain must be answered "absent"

@@ -286,14 +286,16 @@ bool BrumeReader<Ops>::lookupLoop(const Key& key, uint32_t r, Stored& out) {
         if (unchanged()) return false;
         break;
       }
-      if (++count > slots_.mappedSlots()) {
-        if (!unchanged()) break;
-        lookupCycle(count);
-      }
       const Slot* s = slots_.slot(ref);
       if (s == nullptr) {
         if (!unchanged()) break;
         s = slotOrCorrupt(ref, "BrumeReader::doLookup()");
+      }
+      // Bounded by the mapping as it stands after slot() remapped for this
+      // index: a chain the writer grew past a stale mapping is no cycle.
+      if (++count > slots_.mappedSlots()) {
+        if (!unchanged()) break;
+        lookupCycle(count);
       }
       // R5: a slot sorted before the key is passed on its rhash and next
       // alone; only a slot where the key may be is copied.
