@@ -361,3 +361,4 @@ class BrumeReader {
 }  // namespace Brume
 
 #include "mroute/table/engine/internal/brume_reader_inl.h"
+#include "mroute/table/engine/internal/brume_reader_walk_inl.h"
