@@ -239,59 +239,103 @@ double benchFloor(const Run& run, bool withCopy) {
 // A chained table at the floor: the same bucket count and the same chains,
 // in the same order, as our table holds (each bucket's keys by reversed
 // hash, slot i holding key i as our in-order inserts leave them), walked with
-// nothing but an end test and a compare of the stored hash, then of the whole
-// key, per slot, then the copy.
-// What remains between ours and this is the cost of sharing the table
-// (version re-checks, the consistent copy, the corruption checks), not of the
-// chains every lookup of a chained table walks.
-uint32_t load32(const unsigned char* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
-}
-double benchFloorChained(const Run& run) {
-  constexpr uint32_t kEnd = ~0u;
-  uint32_t buckets = 1;
-  while (buckets < run.n) buckets *= 2;
-  std::vector<uint64_t> bucketWords(buckets, kEnd);
-  std::vector<unsigned char> slots(size_t{run.n} * 184 + 64);
-  auto slotAt = [&](uint64_t s) { return slots.data() + s * 184; };
-  std::vector<std::vector<uint32_t>> chains(buckets);
-  for (uint32_t i = 0; i < run.n; ++i) {
-    const Value v = makeValue(i, 1);
-    std::memcpy(slotAt(i) + 16, &v, sizeof v);
-    const uint32_t h = makeKey(i).hash();
-    std::memcpy(slotAt(i) + 4, &h, 4);
-    chains[makeKey(i).hash() & (buckets - 1)].push_back(i);
-  }
-  for (uint32_t b = 0; b < buckets; ++b) {
-    auto& c = chains[b];
-    std::sort(c.begin(), c.end(), [](uint32_t x, uint32_t y) {
-      return Brume::bitReverse(makeKey(x).hash()) < Brume::bitReverse(makeKey(y).hash());
-    });
-    uint32_t next = kEnd;
-    for (size_t k = c.size(); k-- > 0;) {
-      std::memcpy(slotAt(c[k]), &next, 4);
-      next = c[k];
+// nothing but an end test and a whole-key compare per slot. What remains
+// between ours and this is the cost of sharing the table (version re-checks,
+// the consistent copy, the corruption checks, the notifications), not of the
+// chains every operation of a chained table walks.
+class BareChains {
+ public:
+  static constexpr uint32_t kEnd = ~0u;
+
+  explicit BareChains(uint32_t n) : slots_(size_t{n} * 184 + 64) {
+    while (buckets_ < n) buckets_ *= 2;
+    bucketWords_.assign(buckets_, kEnd);
+    std::vector<std::vector<uint32_t>> chains(buckets_);
+    for (uint32_t i = 0; i < n; ++i) {
+      const Value v = makeValue(i, 1);
+      std::memcpy(valueAt(i), &v, sizeof v);
+      chains[makeKey(i).hash() & (buckets_ - 1)].push_back(i);
     }
-    bucketWords[b] = next;
+    for (uint32_t b = 0; b < buckets_; ++b) {
+      auto& c = chains[b];
+      std::sort(c.begin(), c.end(), [](uint32_t x, uint32_t y) {
+        return Brume::bitReverse(makeKey(x).hash()) < Brume::bitReverse(makeKey(y).hash());
+      });
+      uint32_t next = kEnd;
+      for (size_t k = c.size(); k-- > 0;) {
+        std::memcpy(slotAt(c[k]), &next, 4);
+        next = c[k];
+      }
+      bucketWords_[b] = next;
+    }
   }
-  chains = {};
+
+  uint32_t find(const Key& k) {
+    uint32_t slot = static_cast<uint32_t>(bucketWords_[k.hash() & (buckets_ - 1)]);
+    while (slot != kEnd && std::memcmp(valueAt(slot), &k, sizeof k) != 0) std::memcpy(&slot, slotAt(slot), 4);
+    return slot;
+  }
+  unsigned char* valueAt(uint64_t slot) { return slotAt(slot) + 16; }
+
+ private:
+  unsigned char* slotAt(uint64_t slot) { return slots_.data() + slot * 184; }
+
+  uint32_t buckets_ = 1;
+  std::vector<uint64_t> bucketWords_;
+  std::vector<unsigned char> slots_;
+};
+
+double benchFloorChained(const Run& run) {
+  BareChains t(run.n);
   uint64_t sum = 0;
-  const auto t = Clock::now();
+  const auto start = Clock::now();
   Value out;
   for (uint32_t i : run.order) {
-    const Key k = makeKey(i);
-    uint64_t slot = bucketWords[k.hash() & (buckets - 1)];
-    while (slot != kEnd && std::memcmp(slotAt(slot) + 16, &k, sizeof k) != 0) {
-      slot = load32(slotAt(slot));
-    }
-    if (slot == kEnd) continue;
-    std::memcpy(&out, slotAt(slot) + 16, sizeof out);
+    const uint32_t slot = t.find(makeKey(i));
+    if (slot == BareChains::kEnd) continue;
+    std::memcpy(&out, t.valueAt(slot), sizeof out);
     keepCopy(out);
     sum += out.payload[3] + out.key.w[0];
   }
-  const double ns = nsSince(t, run.lookups);
+  const double ns = nsSince(start, run.lookups);
+  gSink = sum;
+  return ns;
+}
+
+// The bare chained table's in-place update: find, store the new value; with
+// notify, also the least a queue of changes asks for: append an entry naming
+// the slot and turn the slot's previous entry into a tombstone (its position
+// kept per slot), with no compaction (the queue is long enough for the run).
+double benchFloorChainedUpdate(const Run& run, bool notify) {
+  struct Entry {
+    uint64_t sequence;
+    uint32_t slot;
+    uint32_t live;
+  };
+  BareChains t(run.n);
+  std::vector<Entry> queue(size_t{run.n} + run.updates);
+  std::vector<uint32_t> positions(run.n);
+  for (uint32_t i = 0; i < run.n; ++i) {
+    queue[i] = {i, i, 1};
+    positions[i] = i;
+  }
+  uint64_t tail = run.n;
+  uint64_t version = 2;
+  const auto start = Clock::now();
+  for (uint32_t i : run.updateOrder) {
+    const Value v = makeValue(i, version++);
+    const uint32_t slot = t.find(v.key);
+    if (slot == BareChains::kEnd) continue;
+    std::memcpy(t.valueAt(slot), &v, sizeof v);
+    if (notify) {
+      queue[positions[slot]].live = 0;
+      queue[tail] = {tail, slot, 1};
+      positions[slot] = static_cast<uint32_t>(tail++);
+    }
+  }
+  const double ns = nsSince(start, run.updates);
+  uint64_t sum = tail;
+  for (uint32_t i = 0; i < run.n; ++i) sum += t.valueAt(i)[60];
   gSink = sum;
   return ns;
 }
@@ -356,7 +400,7 @@ int main(int argc, char** argv) {
     const char* env = std::getenv("MROUTE_BENCH_PEERS");
     const std::string peers = env != nullptr ? env : "std,boost,lmdb";
     std::vector<Figures> oursReps, stdReps, boostReps, lmdbReps;
-    std::vector<double> floorReps, floorCopyReps, floorChainedReps;
+    std::vector<double> floorReps, floorCopyReps, floorChainedReps, bareUpdateReps, bareNotifyReps;
     for (int rep = 0; rep < repetitions; ++rep) {
       oursReps.push_back(benchOurs(run));
       stdReps.push_back(peers.find("std") != std::string::npos ? benchStd(run) : Figures{});
@@ -365,6 +409,8 @@ int main(int argc, char** argv) {
       floorReps.push_back(benchFloor(run, false));
       floorCopyReps.push_back(benchFloor(run, true));
       floorChainedReps.push_back(benchFloorChained(run));
+      bareUpdateReps.push_back(benchFloorChainedUpdate(run, false));
+      bareNotifyReps.push_back(benchFloorChainedUpdate(run, true));
     }
     const Figures ours = medianOf(oursReps);
     const Figures stdMap = medianOf(stdReps);
@@ -389,6 +435,10 @@ int main(int argc, char** argv) {
                 ours.lookup / floorCopy);
     std::printf("  a bare chained table on our chains, plus the copy: %.1f ns; ours / that = %.2fx\n", floorChained,
                 ours.lookup / floorChained);
+    const double bareUpdate = median(bareUpdateReps);
+    const double bareNotify = median(bareNotifyReps);
+    std::printf("  the bare chained table's update: %.1f ns; with a notification (append, tombstone): %.1f ns; "
+                "ours / that = %.2fx\n", bareUpdate, bareNotify, ours.update / bareNotify);
     std::printf("  reader scaling while the writer updates (millions per second; ours / boost):\n");
     auto mps = [](double v) { return v < 0 ? -1.0 : v / 1e6; };
     print("lookups, 1 reader", mps(ours.lookups1), {{"boost", mps(boost.lookups1)}}, true);
