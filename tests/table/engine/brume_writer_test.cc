@@ -48,7 +48,7 @@ TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
   EXPECT_EQ(w.members(), 0u);
   EXPECT_EQ(w.writerCounters().writes, 1u);
   EXPECT_EQ(w.writerCounters().updates, 1u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, DoublesUpToTheSoftMaximumThenGrowsByATenth) {
@@ -81,7 +81,7 @@ TEST_F(BrumeWriterTest, ZeroSizeIsRefusedFixedCapacityRaisesTableFull) {
   // Updates of present keys need no slot.
   w.write(value(2, 5));
   EXPECT_EQ(w.lookup(2)->value.version, 5u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, BucketsDoubleAndHalveKeepingEveryKeyReachable) {
@@ -201,7 +201,7 @@ TEST_F(BrumeWriterTest, DirectWriteFillsInPlaceAndMustBePaired) {
   w.directCommit();
   ASSERT_TRUE(r.lookup(9, out));
   EXPECT_EQ(out.value.version, 4u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, AttachReusesValidFilesAndReformatsCorruptOnes) {
@@ -269,7 +269,7 @@ TEST_F(ValidatorFindings, FreeListFaults) {
   slot(6)->status |= Brume::kOccupied;
   EXPECT_EQ(finding(), "Validator::walkFreeSlots() corrupted free slot not marked as empty:6");
   slot(6)->status &= ~Brume::kOccupied;
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
 }
 
 TEST_F(ValidatorFindings, OccupiedSlotFaults) {
@@ -296,7 +296,7 @@ TEST_F(ValidatorFindings, SlotsThatDoNotBelongWhereTheyAre) {
   reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 77;
   EXPECT_EQ(finding(), "Validator::walkOccupiedSlots() slot:1 rhash does not match its key");
   reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 1;
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
   // An rhash of another bucket.
   slot(1)->rhash ^= 0x80000000u;
   EXPECT_EQ(finding().rfind("Validator::walkOccupiedSlots() slot:1 out of place in bucket:", 0), 0u);
@@ -331,7 +331,7 @@ TEST_F(ValidatorFindings, WritesReportDamagedChainsAndFreeListsInsteadOfFollowin
   header()->freeSlots = 4;
   // Nothing was changed by the refused writes.
   EXPECT_EQ(w_->write(value(1, 2))->value.version, 2u);
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
 }
 
 }  // namespace

@@ -22,6 +22,13 @@ constexpr uint32_t kEmber = 0xE1;
 constexpr uint32_t kTomb = Brume::ConquerTable::kTombstone;
 constexpr const char* kFac = "Mroute::Brume";
 
+// The queue's entries from the first position to the current one.
+Entries entriesOf(const ConquerWriter& w) {
+  Entries out;
+  for (uint32_t p = 0; p < w.currentPos(); ++p) out.push_back(w.entry(p));
+  return out;
+}
+
 class QueueTest : public TableTest::ShmDirTest {
  protected:
   void SetUp() override {
@@ -29,11 +36,7 @@ class QueueTest : public TableTest::ShmDirTest {
     w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
     ASSERT_TRUE(w_->attachConquer(16, kEmber));
   }
-  Entries entries() const {
-    Entries out;
-    for (uint32_t p = 0; p < w_->currentPos(); ++p) out.push_back(w_->entry(p));
-    return out;
-  }
+  Entries entries() const { return entriesOf(*w_); }
   std::unique_ptr<ConquerWriter> w_;
   CaptureSink sink_{"Mroute::Brume/0-9"};
 };
@@ -65,9 +68,8 @@ struct QueueState {
 
 QueueState stateOf(const ConquerWriter& w) {
   const ConquerWriter::Counters c = w.counters();
-  QueueState st{{}, {}, c.notifications, c.uniqueNotifications, c.tombstones, c.compactions,
+  QueueState st{entriesOf(w), {}, c.notifications, c.uniqueNotifications, c.tombstones, c.compactions,
                 w.sequence(), w.corralStart(), w.currentTable(), w.capacity()};
-  for (uint32_t p = 0; p < w.currentPos(); ++p) st.entries.push_back(w.entry(p));
   for (uint32_t slot = 0; slot < 40; ++slot) st.positions.push_back(w.position(slot));
   EXPECT_TRUE(TableTest::valid(w));
   return st;
