@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <map>
 #include <set>
 
 #include <gtest/gtest.h>
