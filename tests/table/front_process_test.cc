@@ -1,6 +1,7 @@
 // Table fronts in separate processes: a writer killed mid-churn and
-// restarted (followed by readers that attached before it was there), readers that die or stop while the writer
-// goes on, and a corruption report from another process.
+// restarted (followed by readers that attached before it was there), readers
+// that die or stop while the writer goes on, and a corruption report from
+// another process.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -70,13 +71,16 @@ class FrontProcessChild : public ::testing::Test {
   void SetUp() override {
     if (std::getenv("MROUTE_FRONT_CHILD") == nullptr) GTEST_SKIP() << "runs as a child process only";
   }
+  [[noreturn]] void serve() {
+    for (;;) loop_.runOnce(std::chrono::milliseconds(100));
+  }
+  Mroute::Loop::EventLoop loop_;
 };
 
 constexpr uint64_t kChurnKeys = 200;
 
 TEST_F(FrontProcessChild, Churn) {
-  Mroute::Loop::EventLoop loop;
-  RecordMap writer(loop, kMount, kName, BrumeType::writer, fastOptions());
+  RecordMap writer(loop_, kMount, kName, BrumeType::writer, fastOptions());
   std::mt19937_64 rng(1);
   for (uint64_t version = 1;; ++version) {
     const uint64_t k = rng() % kChurnKeys;
@@ -85,27 +89,20 @@ TEST_F(FrontProcessChild, Churn) {
     } else {
       writer.write(value(k, version));
     }
-    loop.runOnce(std::chrono::milliseconds(0));
+    loop_.runOnce(std::chrono::milliseconds(0));
   }
 }
 
 // The restarted writer republishes keys 0..49 and removes the rest.
 TEST_F(FrontProcessChild, Republish) {
-  Mroute::Loop::EventLoop loop;
-  RecordMap writer(loop, kMount, kName, BrumeType::writer, fastOptions());
-  for (uint64_t k = 0; k < kChurnKeys; ++k) {
-    if (k < 50) {
-      writer.write(value(k, 1000000));
-    } else {
-      writer.remove(k);
-    }
-  }
-  for (;;) loop.runOnce(std::chrono::milliseconds(100));
+  RecordMap writer(loop_, kMount, kName, BrumeType::writer, fastOptions());
+  for (uint64_t k = 0; k < 50; ++k) writer.write(value(k, 1000000));
+  for (uint64_t k = 50; k < kChurnKeys; ++k) writer.remove(k);
+  serve();
 }
 
 TEST_F(FrontProcessChild, DieMidWalk) {
-  Mroute::Loop::EventLoop loop;
-  RecordMap shadow(loop, kMount, kName, BrumeType::shadow, fastOptions());
+  RecordMap shadow(loop_, kMount, kName, BrumeType::shadow, fastOptions());
   // Dies in the middle of the first walk that brings news.
   shadow.onChangeIs([](const uint64_t& k) {
     if (k >= 2) ::raise(SIGKILL);
@@ -113,13 +110,12 @@ TEST_F(FrontProcessChild, DieMidWalk) {
   // News that came while the front was being opened was walked before the
   // callback was set.
   if (shadow.members() > 1) ::raise(SIGKILL);
-  for (;;) loop.runOnce(std::chrono::milliseconds(100));
+  serve();
 }
 
 TEST_F(FrontProcessChild, Follow) {
-  Mroute::Loop::EventLoop loop;
-  RecordMap shadow(loop, kMount, kName, BrumeType::shadow, fastOptions());
-  for (;;) loop.runOnce(std::chrono::milliseconds(100));
+  RecordMap shadow(loop_, kMount, kName, BrumeType::shadow, fastOptions());
+  serve();
 }
 
 TEST_F(FrontProcessTest, WriterKilledMidChurnAndRestartedIsFollowedOnce) {

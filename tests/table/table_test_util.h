@@ -77,6 +77,14 @@ inline Brume::TableConfig config(uint32_t initial, uint32_t max = 1u << 16) {
   return c;
 }
 
+// The same table giving slots back, down to `min`, as it empties.
+inline Brume::TableConfig shrinking(uint32_t initial, uint32_t max = 1u << 16, uint32_t min = 1) {
+  Brume::TableConfig c = config(initial, max);
+  c.minSize = min;
+  c.shrinkSlots = true;
+  return c;
+}
+
 // Front options with short timers.
 inline Brume::BrumeMapOptions fastOptions() {
   Brume::BrumeMapOptions o;
@@ -93,6 +101,15 @@ inline Brume::BrumeMapOptions fastOptions() {
 // lookaside slot.
 constexpr uint32_t kSlotSize = 16 + sizeof(RecordValue);
 constexpr size_t slotOffset(uint32_t i) { return 184 + kSlotSize + size_t{i} * kSlotSize; }
+
+// A table's or queue's own deep validation, as an assertion that prints the
+// finding: EXPECT_TRUE(valid(w)).
+template <typename W>
+::testing::AssertionResult valid(W& w) {
+  std::string why;
+  if (w.validate(&why)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << why;
+}
 
 // A fresh reader of the table under root finds exactly the keys [from, to),
 // each at `version` and intact, and an iteration returns each once.

@@ -65,19 +65,10 @@ struct TortureShape {
   uint32_t initialSize = 64;  // slots at creation; growth starts from here
 };
 
-Brume::TableConfig tortureConfig(const TortureShape& shape) {
-  Brume::TableConfig c;
-  c.name = "torture";
-  c.initialSize = shape.initialSize;
-  c.minSize = 64;
-  c.maxSize = shape.keySpace;  // growth goes past the soft maximum too
-  c.shrinkSlots = true;
-  return c;
-}
-
 void runTortureWriter(const Mem::RootPath& root, const TortureShape& shape, const std::atomic<bool>& stop,
                       std::atomic<bool>& ready, TortureStats& stats) {
-  Writer w(root, tortureConfig(shape));
+  // Growth goes past the soft maximum (the key space) too.
+  Writer w(root, shrinking(shape.initialSize, shape.keySpace, 64));
   if (!w.attach()) throw std::runtime_error("torture writer cannot attach");
   // No reader is connected to the queue: pruning frees it (and the shrink
   // corral) whenever it fills.

@@ -26,10 +26,8 @@ int shmEntriesNaming(const std::string& name) {
 }
 
 TEST(BrumeTemporaryTest, PrivateTableGrowsShrinksAndLeavesNoFiles) {
-  Brume::TableConfig c = config(4, 1024);
-  c.shrinkSlots = true;
-  Temporary a("routes", c);
-  Temporary b("routes", c);
+  Temporary a("routes", shrinking(4, 1024));
+  Temporary b("routes", shrinking(4, 1024));
   EXPECT_EQ(a.name().rfind("BrumeTemp-routes-", 0), 0u) << a.name();
   EXPECT_NE(a.name(), b.name());
   for (uint64_t k = 0; k < 500; ++k) a.writer().write(value(k, 2));
@@ -46,8 +44,7 @@ TEST(BrumeTemporaryTest, PrivateTableGrowsShrinksAndLeavesNoFiles) {
   for (uint64_t k = 10; k < 500; ++k) a.writer().remove(k);
   EXPECT_LT(a.writer().capacity(), 512u);
   for (uint64_t k = 0; k < 10; ++k) EXPECT_TRUE(a.reader().lookup(k, out)) << k;
-  std::string why;
-  EXPECT_TRUE(a.writer().validate(&why)) << why;
+  EXPECT_TRUE(valid(a.writer()));
   EXPECT_EQ(shmEntriesNaming("BrumeTemp-"), 0);
 }
 

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 #include "table/table_test_util.h"
@@ -22,8 +21,7 @@ class BrumeWriterTest : public ::testing::Test {
   void expectContents(Writer& w, uint64_t from, uint64_t to, uint64_t version) {
     for (uint64_t k = from; k < to; ++k) ASSERT_NE(w.lookup(k), nullptr) << k;
     expectTable(dir_.root(), from, to, version);
-    std::string why;
-    EXPECT_TRUE(w.validate(&why)) << why;
+    EXPECT_TRUE(valid(w));
   }
 
   TableTest::TempRoot dir_{"writer"};
@@ -50,7 +48,7 @@ TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
   EXPECT_EQ(w.members(), 0u);
   EXPECT_EQ(w.writerCounters().writes, 1u);
   EXPECT_EQ(w.writerCounters().updates, 1u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, DoublesUpToTheSoftMaximumThenGrowsByATenth) {
@@ -83,7 +81,7 @@ TEST_F(BrumeWriterTest, ZeroSizeIsRefusedFixedCapacityRaisesTableFull) {
   // Updates of present keys need no slot.
   w.write(value(2, 5));
   EXPECT_EQ(w.lookup(2)->value.version, 5u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, BucketsDoubleAndHalveKeepingEveryKeyReachable) {
@@ -118,23 +116,19 @@ TEST_F(BrumeWriterTest, LongChainsSplitAndJoinInOrder) {
   ASSERT_TRUE(r.initialize());
   RecordValue out;
   for (uint64_t k : keys) ASSERT_TRUE(r.lookup(k, out)) << k;
-  std::string why;
-  EXPECT_TRUE(w.validate(&why)) << why;
+  EXPECT_TRUE(valid(w));
   for (size_t i = 0; i < keys.size(); i += 2) ASSERT_TRUE(w.remove(keys[i]));
   for (size_t i = 0; i < 180; i += 2) ASSERT_TRUE(w.remove(keys[i + 1]));
   EXPECT_LT(w.numBuckets(), 256u);
   for (size_t i = 0; i < keys.size(); ++i) {
     EXPECT_EQ(r.lookup(keys[i], out), i >= 181 && i % 2 == 1) << i;
   }
-  EXPECT_TRUE(w.validate(&why)) << why;
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, ShrinkMovesEntriesBelowTheTargetAndCorralsTheirNotifications) {
   Mroute::Trace::CaptureSink sink("Mroute::Brume/39");
-  auto c = config(16, 1024);
-  c.minSize = 16;
-  c.shrinkSlots = true;
-  Writer w(dir_.root(), c);
+  Writer w(dir_.root(), shrinking(16, 1024, 16));
   ASSERT_TRUE(w.attach());
   // One reader is connected and acknowledges nothing until told to.
   Brume::ConquerWriter* q = w.conquer();
@@ -203,12 +197,11 @@ TEST_F(BrumeWriterTest, DirectWriteFillsInPlaceAndMustBePaired) {
   // A new key: reachable only after the commit.
   *w.directWrite(9) = value(9, 4);
   EXPECT_FALSE(r.lookup(9, out));
-  std::string why;
-  EXPECT_TRUE(w.validate(&why)) << "the pending slot is not leaked: " << why;
+  EXPECT_TRUE(valid(w)) << "the pending slot is not leaked";
   w.directCommit();
   ASSERT_TRUE(r.lookup(9, out));
   EXPECT_EQ(out.value.version, 4u);
-  EXPECT_TRUE(w.validate());
+  EXPECT_TRUE(valid(w));
 }
 
 TEST_F(BrumeWriterTest, AttachReusesValidFilesAndReformatsCorruptOnes) {
@@ -276,7 +269,7 @@ TEST_F(ValidatorFindings, FreeListFaults) {
   slot(6)->status |= Brume::kOccupied;
   EXPECT_EQ(finding(), "Validator::walkFreeSlots() corrupted free slot not marked as empty:6");
   slot(6)->status &= ~Brume::kOccupied;
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
 }
 
 TEST_F(ValidatorFindings, OccupiedSlotFaults) {
@@ -303,7 +296,7 @@ TEST_F(ValidatorFindings, SlotsThatDoNotBelongWhereTheyAre) {
   reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 77;
   EXPECT_EQ(finding(), "Validator::walkOccupiedSlots() slot:1 rhash does not match its key");
   reinterpret_cast<RecordValue*>(slot(1)->value())->value.key = 1;
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
   // An rhash of another bucket.
   slot(1)->rhash ^= 0x80000000u;
   EXPECT_EQ(finding().rfind("Validator::walkOccupiedSlots() slot:1 out of place in bucket:", 0), 0u);
@@ -338,7 +331,7 @@ TEST_F(ValidatorFindings, WritesReportDamagedChainsAndFreeListsInsteadOfFollowin
   header()->freeSlots = 4;
   // Nothing was changed by the refused writes.
   EXPECT_EQ(w_->write(value(1, 2))->value.version, 2u);
-  EXPECT_TRUE(w_->validate());
+  EXPECT_TRUE(valid(*w_));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // nothing crashes or loops.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -17,12 +18,6 @@ using namespace TableTest;
 
 constexpr uint64_t kKeys = 300;
 
-Brume::TableConfig shrinking() {
-  Brume::TableConfig c = config(64);
-  c.shrinkSlots = true;
-  return c;
-}
-
 struct Flip {
   std::string file;
   size_t offset = 0;
@@ -35,7 +30,7 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
   // links and status words), otherwise anywhere.
   Flip fill(std::mt19937_64& rng) {
     {
-      Writer w(dir_->root(), shrinking());
+      Writer w(dir_->root(), shrinking(64));
       EXPECT_TRUE(w.attach());
       for (uint64_t k = 0; k < kKeys; ++k) w.write(value(k, 1));
       for (uint64_t k = 0; k < kKeys; k += 7) w.remove(k);
@@ -92,10 +87,9 @@ class CorruptionTest : public ::testing::TestWithParam<const char*> {
   }
 
   void writeAgain() {
-    Writer w(dir_->root(), shrinking());
+    Writer w(dir_->root(), shrinking(64));
     ASSERT_TRUE(w.attach());
-    std::string why;
-    EXPECT_TRUE(w.validate(&why)) << why;
+    EXPECT_TRUE(valid(w));
     try {
       for (uint64_t k = 0; k < kKeys; ++k) w.write(value(k, 5));
       for (uint64_t k = 0; k < kKeys; k += 3) w.remove(k);
@@ -134,9 +128,7 @@ INSTANTIATE_TEST_SUITE_P(EachFile, CorruptionTest,
                          ::testing::Values("slots", "buckets", "ember", "conquer.1", "conquer.2"),
                          [](const auto& info) {
                            std::string n = info.param;
-                           for (char& c : n) {
-                             if (c == '.') c = '_';
-                           }
+                           std::replace(n.begin(), n.end(), '.', '_');
                            return n;
                          });
 

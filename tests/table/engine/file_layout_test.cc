@@ -40,8 +40,10 @@ struct SlotImage {
   }
   void* data() { return reinterpret_cast<void*>((reinterpret_cast<uintptr_t>(bytes.data()) + 7) & ~uintptr_t{7}); }
   SlotTable::Header* header() { return static_cast<SlotTable::Header*>(data()); }
-  bool validate(size_t size, uint32_t ember, std::string* why) {
-    return header()->validate(size, valueSize + 16, ember, why);
+  // "ok", or the first finding of the header checks.
+  std::string check(size_t size, uint32_t ember = 0) {
+    std::string why;
+    return header()->validate(size, valueSize + 16, ember, &why) ? "ok" : why;
   }
   uint32_t valueSize;
   std::vector<unsigned char> value;
@@ -109,44 +111,36 @@ TEST(SlotFileLayout, HeaderChecksInOrder) {
   Mroute::Trace::CaptureSink sink("Mroute::Brume/1");
   SlotImage img(0);
   const size_t fixed = 184 + 88;
-  std::string why;
   // Exactly the fixed part with numSlots 0 validates; one byte less does not.
-  EXPECT_TRUE(img.validate(fixed, 0, &why)) << why;
-  EXPECT_FALSE(img.validate(fixed - 1, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad header file size: 271 wanted:272");
-  EXPECT_TRUE(sink.contains("Mroute::Brume", why));
+  EXPECT_EQ(img.check(fixed), "ok");
+  const std::string tooShort = img.check(fixed - 1);
+  EXPECT_EQ(tooShort, "SlotTable::Header::validate() bad header file size: 271 wanted:272");
+  EXPECT_TRUE(sink.contains("Mroute::Brume", tooShort));
 
   SlotImage four(4);
   const size_t full = SlotTable::fileSize(88, 4);
-  EXPECT_TRUE(four.validate(full, 0x1234, &why));
   // Ember: no expectation passes, a different one fails.
-  EXPECT_FALSE(four.validate(full, 0x99, &why));
-  EXPECT_EQ(why, "SlotTable::validate() bad ember:0x1234 wanted:0x99");
+  EXPECT_EQ(four.check(full, 0x1234), "ok");
+  EXPECT_EQ(four.check(full, 0x99), "SlotTable::validate() bad ember:0x1234 wanted:0x99");
   // freeSlots: none is fine, numSlots is out of range.
   four.header()->freeSlots = Brume::kNoRef;
-  EXPECT_TRUE(four.validate(full, 0, &why));
+  EXPECT_EQ(four.check(full), "ok");
   four.header()->freeSlots = 4;
-  EXPECT_FALSE(four.validate(full, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad freeSlots: 4 slots: 4");
+  EXPECT_EQ(four.check(full), "SlotTable::Header::validate() bad freeSlots: 4 slots: 4");
   four.header()->freeSlots = 0;
   four.header()->occupiedSlots = 5;
-  EXPECT_FALSE(four.validate(full, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad occupiedSlots: 5 num slots: 4");
+  EXPECT_EQ(four.check(full), "SlotTable::Header::validate() bad occupiedSlots: 5 num slots: 4");
   four.header()->occupiedSlots = 0;
-  EXPECT_FALSE(four.validate(full - 1, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad shmem size:" + std::to_string(full - 1) + " wanted:" +
-                     std::to_string(full) + " for 4 slots");
+  EXPECT_EQ(four.check(full - 1), "SlotTable::Header::validate() bad shmem size:" + std::to_string(full - 1) +
+                                      " wanted:" + std::to_string(full) + " for 4 slots");
   // The checksum covers the fourth configuration word.
   four.header()->config ^= 1;
-  EXPECT_FALSE(four.validate(full, 0, &why));
-  EXPECT_EQ(why.rfind("SlotTable::Header::validate() checksum fail: ", 0), 0u) << why;
+  EXPECT_EQ(four.check(full).rfind("SlotTable::Header::validate() checksum fail: ", 0), 0u) << four.check(full);
   four.header()->config ^= 1;
   four.header()->version = 11;
-  EXPECT_FALSE(four.validate(full, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad version: 11");
+  EXPECT_EQ(four.check(full), "SlotTable::Header::validate() bad version: 11");
   four.header()->magic[0] = 'X';
-  EXPECT_FALSE(four.validate(full, 0, &why));
-  EXPECT_EQ(why, "SlotTable::Header::validate() bad magic: 0x544c53454d555258");
+  EXPECT_EQ(four.check(full), "SlotTable::Header::validate() bad magic: 0x544c53454d555258");
 }
 
 TEST(SlotFileLayout, TypeNamesUpTo63Characters) {
@@ -174,28 +168,24 @@ TEST(BucketFileLayout, EmptyBucketsInSplitOrderThenHeaderChecksInOrder) {
   EXPECT_EQ(h->buckets()[2].load().ref, 0x80000001u);
   EXPECT_EQ(h->buckets()[1].load().ref, 0x80000003u);
   EXPECT_EQ(h->buckets()[3].load().ref, 0xFFFFFFFFu);
-  std::string why;
-  EXPECT_TRUE(h->validate(64, 7, &why)) << why;
-  EXPECT_FALSE(h->validate(31, 7, &why));
-  EXPECT_EQ(why, "BucketTable::validate() bad header file size: 31 wanted:32");
-  EXPECT_FALSE(h->validate(63, 7, &why));
-  EXPECT_EQ(why, "BucketTable::validate() bad shmem size:63 wanted:64");
-  EXPECT_FALSE(h->validate(64, 8, &why));
-  EXPECT_EQ(why, "BucketTable::validate() bad ember:0x7 wanted:0x8");
+  const auto check = [h](size_t size, uint32_t ember = 7) {
+    std::string why;
+    return h->validate(size, ember, &why) ? "ok" : why;
+  };
+  EXPECT_EQ(check(64), "ok");
+  EXPECT_EQ(check(31), "BucketTable::validate() bad header file size: 31 wanted:32");
+  EXPECT_EQ(check(63), "BucketTable::validate() bad shmem size:63 wanted:64");
+  EXPECT_EQ(check(64, 8), "BucketTable::validate() bad ember:0x7 wanted:0x8");
   // The count check lets 0x80000000 through (then the size check fails) and
   // stops 0x80000001.
   h->numBuckets.init(0, 0x80000000u);
-  EXPECT_FALSE(h->validate(64, 7, &why));
-  EXPECT_EQ(why.rfind("BucketTable::validate() bad shmem size:", 0), 0u) << why;
+  EXPECT_EQ(check(64).rfind("BucketTable::validate() bad shmem size:", 0), 0u) << check(64);
   h->numBuckets.init(0, 0x80000001u);
-  EXPECT_FALSE(h->validate(64, 7, &why));
-  EXPECT_EQ(why, "BucketTable::validate() bad numBuckets:2147483649");
+  EXPECT_EQ(check(64), "BucketTable::validate() bad numBuckets:2147483649");
   h->version = 3;
-  EXPECT_FALSE(h->validate(64, 7, &why));
-  EXPECT_EQ(why, "BucketTable::validate() bad version: 3");
+  EXPECT_EQ(check(64), "BucketTable::validate() bad version: 3");
   h->magic[7] = 'X';
-  EXPECT_FALSE(h->validate(64, 7, &why));
-  EXPECT_EQ(why.rfind("BucketTable::validate() bad magic: 0x", 0), 0u);
+  EXPECT_EQ(check(64).rfind("BucketTable::validate() bad magic: 0x", 0), 0u) << check(64);
 }
 
 }  // namespace

@@ -47,12 +47,7 @@ struct Journal {
   std::atomic<uint32_t> kind{kNone};
 };
 
-Brume::TableConfig killConfig() {
-  Brume::TableConfig c = config(16, 4096);
-  c.minSize = 16;
-  c.shrinkSlots = true;
-  return c;
-}
+Brume::TableConfig killConfig() { return shrinking(16, 4096, 16); }
 
 // The writer process: fills the table to about kKeys entries, drains it to a
 // few, and again, until it is killed.

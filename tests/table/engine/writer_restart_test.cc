@@ -25,10 +25,10 @@ class WriterRestartTest : public ::testing::Test {
     Brume::Validator v(slots.at<Brume::SlotTable::Header>(0), kSlotSize, buckets.at<Brume::BucketTable::Header>(0));
     return v.validate(why);
   }
-  ino_t inode(const std::string& name) {
+  struct stat statOf(const std::string& name) {
     struct stat st {};
     EXPECT_EQ(::stat(dir_.file(name).c_str(), &st), 0);
-    return st.st_ino;
+    return st;
   }
 
   TempRoot dir_{"restart"};
@@ -47,7 +47,7 @@ TEST_F(WriterRestartTest, ReformatReplacesFilesUnderAMappedReaderAndKeepsSequenc
   ASSERT_TRUE(old.initialize());
   RecordValue out;
   ASSERT_TRUE(old.lookup(2999, out));  // maps the whole grown files
-  const ino_t slotsBefore = inode("slots");
+  const ino_t slotsBefore = statOf("slots").st_ino;
   {
     RawFile buckets(dir_.file("buckets"));
     buckets.base()[0] = 'X';  // damaged magic: the next writer re-formats
@@ -58,7 +58,7 @@ TEST_F(WriterRestartTest, ReformatReplacesFilesUnderAMappedReaderAndKeepsSequenc
   // The old files were replaced, not cut short: the reader still reads them
   // whole (a shortened file would kill it), and learns of the new
   // incarnation through the ember.
-  EXPECT_NE(inode("slots"), slotsBefore);
+  EXPECT_NE(statOf("slots").st_ino, slotsBefore);
   for (uint64_t k = 0; k < 3000; k += 7) {
     ASSERT_TRUE(old.lookup(k, out)) << k;
     EXPECT_TRUE(out.value.check());
@@ -79,9 +79,7 @@ TEST_F(WriterRestartTest, ChangedMaximumAndFlagsKeepSoundEntries) {
     ASSERT_TRUE(w.attach());
     for (uint64_t k = 0; k < 100; ++k) w.write(value(k));
   }
-  Brume::TableConfig c = config(8, 1000);
-  c.shrinkSlots = true;
-  Writer w(dir_.root(), c);
+  Writer w(dir_.root(), shrinking(8, 1000));
   ASSERT_TRUE(w.attach());
   EXPECT_FALSE(sink_.contains("Mroute::Brume", "will be lost"));
   EXPECT_EQ(w.maxSize(), 1000u);
@@ -110,8 +108,7 @@ class KilledWriterState : public WriterRestartTest {
     EXPECT_TRUE(sink_.contains("Mroute::Brume", "BrumeWriter::attach() recovered " + dir_.dir()));
     expectTable(dir_.root(), 0, 127, 1);
     for (uint64_t k = 127; k < 300; ++k) w.write(value(k));
-    std::string why;
-    EXPECT_TRUE(w.validate(&why)) << why;
+    EXPECT_TRUE(valid(w));
   }
   uint32_t numBuckets_ = 0;
 };
@@ -211,22 +208,17 @@ TEST_F(WriterRestartTest, FullFileSystemIsAnErrorAndKeepsWhatWasWritten) {
 }
 
 TEST_F(WriterRestartTest, ShrinkGivesMemoryBackUnderAMappedReader) {
-  Brume::TableConfig c = config(32, 4096);
-  c.minSize = 32;
-  c.shrinkSlots = true;
-  Writer w(dir_.root(), c);
+  Writer w(dir_.root(), shrinking(32, 4096, 32));
   ASSERT_TRUE(w.attach());
   for (uint64_t k = 0; k < 4096; ++k) w.write(value(k));
   Reader r(dir_.root());
   ASSERT_TRUE(r.initialize());
   RecordValue out;
   ASSERT_TRUE(r.lookup(4095, out));
-  struct stat before {};
-  ASSERT_EQ(::stat(dir_.file("slots").c_str(), &before), 0);
+  const struct stat before = statOf("slots");
   for (uint64_t k = 8; k < 4096; ++k) w.remove(k);
   ASSERT_EQ(w.capacity(), 32u);
-  struct stat after {};
-  ASSERT_EQ(::stat(dir_.file("slots").c_str(), &after), 0);
+  const struct stat after = statOf("slots");
   EXPECT_EQ(after.st_size, before.st_size);  // mappings stay valid
   EXPECT_LT(after.st_blocks * 512, 64 * 1024) << "blocks before: " << before.st_blocks;
   // The reader still maps the whole old length: it reads, it does not fault.
