@@ -29,11 +29,7 @@ IpGenRouteKey routeKey(const char* source, const char* group) {
 
 struct Recorder : Status::NotifieeConst {
   explicit Recorder(Log* log) : log(log) {}
-  void onRoute(const IpGenRouteKey& k) override {
-    std::ostringstream os;
-    os << "route " << k.s() << " " << k.g();
-    log->push_back(os.str());
-  }
+  void onRoute(const IpGenRouteKey& k) override { log->push_back("route " + k.s().text() + " " + k.g().text()); }
   void onRoutekivImmediate() override { log->push_back("route immediate"); }
   void onRoute() override { log->push_back("route all"); }
   void onBitMapperBrumeStatus() override { log->push_back("bitMapper"); }
