@@ -96,7 +96,8 @@ TEST_F(NotifieeListTest, AddedDuringDeliveryHearsNextTime) {
   EXPECT_EQ(order, (std::vector<int>{1, 1, 2}));
 }
 
-TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAlive) {
+// A notifiee keeps its notifier alive; registering without one asserts.
+TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAliveAndNeedsOneToRegister) {
   bool sawZero = false;
   {
     Listener l;
@@ -109,9 +110,6 @@ TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAlive) {
     EXPECT_EQ(l.notifier()->references(), 1u);
   }
   EXPECT_TRUE(sawZero);  // the destructor detached and dropped the reference
-}
-
-TEST(NotifieeLifetimeTest, RegisteringWithoutNotifierAsserts) {
   Listener l;
   EXPECT_ASSERTION(l.isRegisteredNotifieeIs(true), "!on || notifier_");
 }
