@@ -10,22 +10,20 @@ using Sample::Holder;
 
 using CollectionTest = EntityTest::HolderTest;
 
-// Same value, absent delete and xDelAll are in the conformance suite.
-TEST_F(CollectionTest, AbsentKeyReadsTheDefaultAndDelByIteratorNotifies) {
-  holder->itemIs(1, "a");
-  EXPECT_EQ(holder->item(2), "");  // absent: the value type's default
-  log.clear();
-  holder->itemDel(holder->item().find(1));
-  EXPECT_EQ(log, (Log{"item 1"}));
-  EXPECT_TRUE(holder->item().empty());
-}
-
-TEST_F(CollectionTest, NewAlwaysNotifiesAndNotifyAsksReadersToLookAgain) {
+// Same value, absent delete and xDelAll are in the conformance suite. An
+// absent key reads the default; new always notifies; xNotify asks readers to
+// look again; a delete by iterator notifies.
+TEST_F(CollectionTest, AbsentKeysNewNotifyAndDelByIterator) {
   holder->newItem(1, "a");
   holder->newItem(1, "a");
   holder->itemNotify(7);
   EXPECT_EQ(log, (Log{"item 1", "item 1", "item 7"}));
   EXPECT_EQ(holder->item().count(7), 0u);
+  EXPECT_EQ(holder->item(2), "");  // absent: the value type's default
+  log.clear();
+  holder->itemDel(holder->item().find(1));
+  EXPECT_EQ(log, (Log{"item 1"}));
+  EXPECT_TRUE(holder->item().empty());
 }
 
 // The member is gone by the time notifiees hear of its removal.
@@ -86,20 +84,18 @@ TEST_F(CollectionTest, ChildrenAreOwnedAndParented) {
   EXPECT_EQ(log, (Log{"leaf a", "leaf a", "leaf first"}));
 }
 
-TEST_F(CollectionTest, NewChildReplacesAMemberOfTheSameName) {
+// A new child replaces a member of the same name; a child that outlives its
+// parent loses it.
+TEST_F(CollectionTest, NewChildReplacesItsNamesakeAndOutlivesItsParent) {
   Kiv::Ptr<Sample::Leaf> old = holder->leaf("first");
   Kiv::Ptr<Sample::Leaf> fresh = holder->newLeaf("first");
   EXPECT_NE(old, fresh);
   EXPECT_EQ(old->parent(), nullptr);
   EXPECT_EQ(holder->leaf("first"), fresh);
   EXPECT_EQ(log, (Log{"leaf first"}));
-}
-
-TEST_F(CollectionTest, ChildOutlivingItsParentLosesIt) {
-  Kiv::Ptr<Sample::Leaf> kept = holder->leaf("first");
   rec.notifierIs(nullptr);
   holder = nullptr;
-  EXPECT_EQ(kept->parent(), nullptr);
+  EXPECT_EQ(fresh->parent(), nullptr);
 }
 
 }  // namespace

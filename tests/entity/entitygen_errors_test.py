@@ -10,16 +10,15 @@ sys.dont_write_bytecode = True  # leave no cache in the source tree
 import entitygen  # noqa: E402
 
 
-def generate(body):
-    return entitygen.generate('namespace T\n' + body, 't.ent', 't/t.h')
-
-
-class DescriptionErrors(unittest.TestCase):
-    def rejects(self, body, *words):
+class Rejecting(unittest.TestCase):
+    def rejects(self, body, *words, catalog=None):
         with self.assertRaises(entitygen.DescriptionError) as e:
-            generate(body)
+            entitygen.generate('namespace T\n' + body, 't.ent', 't/t.h', catalog)
         for w in words:
             self.assertIn(w, str(e.exception))
+
+
+class DescriptionErrors(Rejecting):
 
     def test_flag_words(self):
         self.rejects('flags F: i32 a\n', 'line 2', 'not an unsigned word')
@@ -35,18 +34,13 @@ class DescriptionErrors(unittest.TestCase):
         self.rejects('bounded B: u16\n  const a = 1\n  const a = 2\n', 'a is declared twice')
 
     def test_limits_reach_the_template(self):
-        header, _ = generate('bounded B: u64 = 5 max 0xffffffffffffffff\nbounded C: u8 max 0x3f\n')
+        header, _ = entitygen.generate('namespace T\nbounded B: u64 = 5 max 0xffffffffffffffff\nbounded C: u8 max 0x3f\n',
+                                       't.ent', 't/t.h')
         self.assertIn('Kiv::BoundedValue<B, uint64_t, 0, 18446744073709551615ull, 5>', header)
         self.assertIn('Kiv::BoundedValue<C, uint8_t, 0, 63, 0>', header)
 
 
-class TypeCheck(unittest.TestCase):
-    def rejects(self, body, *words, catalog=None):
-        with self.assertRaises(entitygen.DescriptionError) as e:
-            entitygen.generate('namespace T\n' + body, 't.ent', 't/t.h', catalog)
-        for w in words:
-            self.assertIn(w, str(e.exception))
-
+class TypeCheck(Rejecting):
     def other(self, text, path='other.ent', header='o/other.h'):
         catalog = entitygen.Catalog()
         catalog.add_known(entitygen.KNOWN_TYPES)

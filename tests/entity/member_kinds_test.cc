@@ -97,7 +97,7 @@ class TreeTableTest : public TreeTest {
   Mroute::Loop::EventLoop loop;
 };
 
-TEST_F(TreeTableTest, TableOperationsNotifyOnlyOnChange) {
+TEST_F(TreeTableTest, TableOperationsNotifyOnlyOnChangeAndNeedAMount) {
   tree->entriesIs(Entry(1, 5));
   tree->entriesIs(Entry(1, 5));
   tree->newEntries(Entry(1, 5));  // the generated insertion always tells
@@ -109,9 +109,7 @@ TEST_F(TreeTableTest, TableOperationsNotifyOnlyOnChange) {
   tree->entriesNotify(4);
   tree->entriesNotifyCollection();
   EXPECT_EQ(log, (Log{"entries 4", "entries immediate", "entries all"}));
-}
-
-TEST_F(TreeTableTest, UnmountedTableReadsEmptyAndWritingAsserts) {
+  // Unmounted, the table reads empty and writing asserts.
   tree->unmountTables();
   EXPECT_EQ(tree->entries(1), Entry());
   EXPECT_EQ(tree->entries().begin(), tree->entries().end());

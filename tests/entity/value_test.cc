@@ -18,24 +18,20 @@ using Sample::Span;
 using Sample::Volume;
 using Sample::Weight;
 
-TEST(ValueTest, ConstructorAndSettersCheckRanges) {
+// Constructor, setters and the text reader check ranges; the text form
+// round trips and a parse error names the field.
+TEST(ValueTest, RangesAndTextForm) {
   EXPECT_THROW_TEXT(Span(0, 1, Volume::quiet, ""), Kiv::RangeException, "Span::low < 1 or > 4094 not allowed");
   EXPECT_THROW_TEXT(Span(4095, 1, Volume::quiet, ""), Kiv::RangeException, "Span::low < 1 or > 4094 not allowed");
   EXPECT_THROW_TEXT(Span(1, 0x40, Volume::quiet, ""), Kiv::RangeException, "Span::high > 0x3f not allowed");
   Span s(4094, 0x3f, Volume::loud, "ok");
   EXPECT_THROW_TEXT(s.lowIs(0), Kiv::RangeException, "Span::low < 1 or > 4094 not allowed");
   EXPECT_EQ(s.low(), 4094);  // nothing stored on failure
-}
-
-TEST(ValueTest, TextFormRoundTrips) {
-  Span s(10, 3, Volume::loud, "it's");
+  Span t(10, 3, Volume::loud, "it's");
   std::ostringstream os;
-  os << s;
+  os << t;
   EXPECT_EQ(os.str(), "Value('Sample::Span', ** {'low': 10, 'high': 3, 'volume': 'loud', 'label': 'it\\'s'})");
-  EXPECT_EQ(Span::fromText(os.str()), s);
-}
-
-TEST(ValueTest, ParseErrorsNameTheField) {
+  EXPECT_EQ(Span::fromText(os.str()), t);
   EXPECT_THROW_TEXT(Span::fromText("Value('Sample::Span', ** {'low': 0, 'high': 3, 'volume': 'loud', 'label': ''})"),
                     Kiv::DeserializationException, "low: Span::low < 1 or > 4094 not allowed");
   EXPECT_THROW_TEXT(Span::fromText("Value('Sample::Span', ** {'low': 1, 'high': 3, 'volume': 'soft', 'label': ''})"),
@@ -65,7 +61,9 @@ TEST(ValueTest, PackedFieldsShareOneWordAndKeepTheirOwnBits) {
   EXPECT_EQ(Pair::fromText(Kiv::textOf(p)), p);
 }
 
-TEST(FlagSetTest, FlagsPrintByNameAndLimitIsChecked) {
+// Flags print by name and their limit is checked; they may fill the whole
+// word; a bare flag prints as its boolean.
+TEST(FlagSetTest, NamesLimitsWholeWordsAndBareFlags) {
   Marks m(3);
   EXPECT_TRUE(m.first());
   EXPECT_TRUE(m.second());
@@ -80,21 +78,17 @@ TEST(FlagSetTest, FlagsPrintByNameAndLimitIsChecked) {
   EXPECT_LT(Marks(1), Marks(2));
   std::unordered_set<Marks> set{Marks(1), Marks(2), Marks(1)};
   EXPECT_EQ(set.size(), 2u);
-}
 
-TEST(FlagSetTest, FlagsMayFillTheWholeWord) {
   Octet o(0xff);
   EXPECT_TRUE(o.b0() && o.b7());
   o.b7Is(false);
   EXPECT_EQ(o.value(), 0x7f);
   EXPECT_EQ(Octet::fromText("255"), Octet(0xff));
   EXPECT_THROW_TEXT(Octet::fromText("256"), Kiv::RangeException, "Octet::value > 0xff not allowed");
-}
 
-TEST(FlagSetTest, BareFlagPrintsAsItsBooleanUnderItsOwnName) {
   Lone l;
   l.onlyIs(true);
-  std::ostringstream os;
+  os.str("");
   os << l;
   EXPECT_EQ(os.str(), "True");
   EXPECT_EQ(Lone::fromText("True"), l);
@@ -102,7 +96,7 @@ TEST(FlagSetTest, BareFlagPrintsAsItsBooleanUnderItsOwnName) {
   EXPECT_THROW_TEXT(Lone(2), Kiv::RangeException, "Lone::value > 0x1 not allowed");
 }
 
-TEST(BoundedValueTest, DefaultConstantsAndNamedRangeError) {
+TEST(BoundedValueTest, DefaultsConstantsAndRangeErrors) {
   EXPECT_TRUE(Slot().isNone());
   EXPECT_FALSE(Slot::first.isNone());
   const char* error = "Slot::value < Slot::first or > Slot::none not allowed";
@@ -115,9 +109,7 @@ TEST(BoundedValueTest, DefaultConstantsAndNamedRangeError) {
   os << s;
   EXPECT_EQ(os.str(), "3");
   EXPECT_EQ(Slot::fromText(os.str()), s);
-}
-
-TEST(BoundedValueTest, GenericErrorNamesTheLimitsAndDefaultIsTheLowEnd) {
+  // The generic error names the limits; the default is the low end.
   EXPECT_EQ(Weight(), Weight(0));
   EXPECT_EQ(Weight(1000).value(), 1000);
   EXPECT_THROW_TEXT(Weight(1001), Kiv::RangeException, "Weight::value < 0 or > 1000 not allowed");

@@ -12,12 +12,9 @@ namespace {
 
 using Orvet::IntfId;
 
-TEST(KernelMfibStatusTest, MountPathsByFamily) {
+TEST(KernelMfibStatusTest, MountPathsByFamilyAndAFreshCollectionHoldsTheDefaultVrf) {
   EXPECT_EQ(StatusColl::mountPath(Orvet::ipv4()), "routing/kernelmfib/status");
   EXPECT_EQ(StatusColl::mountPath(Orvet::ipv6()), "routing6/kernelmfib/status");
-}
-
-TEST(KernelMfibStatusTest, FreshCollectionHoldsTheDefaultVrf) {
   Kiv::Ptr<StatusColl> coll = StatusCollIs("kernelMfibStatus");
   ASSERT_EQ(coll->vrfStatus().size(), 1u);
   Kiv::Ptr<Status> def = coll->vrfStatus("default");

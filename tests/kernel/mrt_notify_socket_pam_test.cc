@@ -104,6 +104,10 @@ TEST_F(MrtNotifySocketPamTest, OpenTwiceOpensOnceAndCloseOrTeardownSendsNoOption
 }
 
 TEST_F(MrtNotifySocketPamTest, OpenFailuresCloseTheSocketAndLeaveItDisabled) {
+  pam_->eventLoopIs(nullptr);  // a programming error: nothing is opened
+  EXPECT_ASSERTION(pam_->enabledIs(true), "eventLoop()");
+  EXPECT_TRUE(sys_.calls.empty());
+  pam_->eventLoopIs(&loop_);
   sys_.failSocket = EACCES;
   EXPECT_THROW_TEXT(pam_->enabledIs(true), Mroute::ErrnoException, "socket: Permission denied");
   EXPECT_EQ(messages(), (Strings{"socket open error"}));
@@ -221,12 +225,6 @@ TEST_F(MrtNotifySocketPamTest, EmptyDatagramsErrorsAndExhaustionDeliverNothing) 
   pam_->doGetRxPkt();
   EXPECT_EQ(messages(), (Strings{"Failed to obtain new packet object"}));
   EXPECT_EQ(sys_.queue.size(), 1u) << "the datagram stays in the kernel";
-}
-
-TEST_F(MrtNotifySocketPamTest, EnablingWithoutALoopIsAProgrammingError) {
-  pam_->eventLoopIs(nullptr);
-  EXPECT_ASSERTION(pam_->enabledIs(true), "eventLoop()");
-  EXPECT_TRUE(sys_.calls.empty());
 }
 
 TEST(MrtStockSocketPamTest, OpensTheStandardSocketAndFiltersKindsNotAskedFor) {

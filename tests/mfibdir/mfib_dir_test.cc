@@ -49,14 +49,13 @@ class MfibDirTest : public testing::Test {
   Texts initTraces;
 };
 
-TEST_F(MfibDirTest, InitializingPublishesTheDirectoryWithItsDefaultCollection) {
+// Initializing publishes the directory with its default collection; the
+// first table set of a VRF creates both collections, a second neither.
+TEST_F(MfibDirTest, InitializingPublishesTheDirectoryAndTheFirstTableSetOfAVrfItsCollections) {
   EXPECT_EQ(initTraces, (Texts{"MfibDirWriter::handleInitialized() for app pim",
                                "Created directory collection for default vrf default"}));
   EXPECT_EQ(directory->mfibDir(Kiv::Name("pim")), writer.mfibDir());
   EXPECT_NE(writer.mfibDir()->dirColl(kDefault), nullptr);
-}
-
-TEST_F(MfibDirTest, FirstTableSetOfAVrfCreatesBothCollectionsAndASecondNeither) {
   Kiv::Ptr<Status> pim = writer.doAddBrume(kRed, "pim");
   EXPECT_EQ(traces(), (Texts{"MfibDirWriter::doAddBrume() vrf red application pim for app pim", "Mounted " + kPimRed,
                              "Created Brumed directory collection for vrf red",

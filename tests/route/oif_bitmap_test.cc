@@ -77,7 +77,8 @@ TEST(OifBitmapIterator, StartsAtGivenIndexWhenSetElseAfterIt) {
   EXPECT_EQ(b.iterator(idx(70), OifIndex::null).key(), OifIndex::null);
 }
 
-TEST(OifBitmapBits, SetClearTestAndWords) {
+// Bits and words; the count is eight bits wide; null is not a position.
+TEST(OifBitmapBits, SetClearTestWordsAndCount) {
   OifBitmap b;
   b.set(idx(130));
   EXPECT_TRUE(b.test(idx(130)));
@@ -88,21 +89,13 @@ TEST(OifBitmapBits, SetClearTestAndWords) {
   EXPECT_TRUE(b.test(idx(448 + 4)));
   EXPECT_EQ(b.wordDel(7), 0xf0u);
   EXPECT_EQ(b.word(7), 0u);
-}
-
-TEST(OifBitmapBits, CountIsEightBitsWide) {
-  OifBitmap b;
+  EXPECT_ASSERTION(b.set(OifIndex::null), "i.value() < OifIndex::kPositions");
+  EXPECT_ASSERTION(b.word(8), "n < kWords");
   for (uint8_t w = 0; w < OifBitmap::kWords; ++w) b.wordIs(w, ~0ull);
   EXPECT_EQ(b.count(), 0);
   b.clear(idx(511));
   EXPECT_EQ(b.count(), 255);
   EXPECT_EQ(withBits({1, 100, 500}).count(), 3);
-}
-
-TEST(OifBitmapBits, NullIsNotAPosition) {
-  OifBitmap b;
-  EXPECT_ASSERTION(b.set(OifIndex::null), "i.value() < OifIndex::kPositions");
-  EXPECT_ASSERTION(b.word(8), "n < kWords");
 }
 
 }  // namespace

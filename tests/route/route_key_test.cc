@@ -86,14 +86,12 @@ TEST(RouteKeyEncodingTest, RoutesAndTheirDisplay) {
 TEST(RouteKeyEncodingTest, MisuseTexts) {
   RouteKey route = key("0.0.0.0/0", "239.1.1.1");
   IpGenRouteKey genRoute(route);
+  const std::string vlanKinds =
+      "type == vlanFloodset_ or type == multicastFloodset_ or type == vxlanCoreSideFloodset_ or type == ethGroup_";
   EXPECT_ASSERTION(route.vlanId(), "key.kind() != mroute_");
-  EXPECT_ASSERTION(genRoute.vlanId(),
-                   "type == vlanFloodset_ or type == multicastFloodset_ or type == vxlanCoreSideFloodset_ or "
-                   "type == ethGroup_");
+  EXPECT_ASSERTION(genRoute.vlanId(), vlanKinds);
   EXPECT_THROW_TEXT(RouteKey().vlanId(), Kiv::RangeException, "VlanId::value < 1 or > 4094 not allowed");
-  EXPECT_ASSERTION(IpGenRouteKey(RouteKey()).vlanId(),
-                   "type == vlanFloodset_ or type == multicastFloodset_ or type == vxlanCoreSideFloodset_ or "
-                   "type == ethGroup_");
+  EXPECT_ASSERTION(IpGenRouteKey(RouteKey()).vlanId(), vlanKinds);
   EXPECT_THROW_TEXT(IpGenRouteKey(key("0.0.0.0/0", "16.0.0.0")).vlanId(), Kiv::RangeException,
                     "VlanId::value < 1 or > 4094 not allowed");
   EXPECT_ASSERTION(route.ethAddr(), "type != mroute_");

@@ -5,8 +5,6 @@
 
 #include <chrono>
 #include <sstream>
-
-#include <algorithm>
 #include <string>
 
 #include "bitmapper/bitmapper_test_util.h"
@@ -17,7 +15,6 @@ namespace {
 using namespace BitMapper;
 using BitMapperTest::key;
 using namespace ToolTest;
-
 
 class MroutectlBitmapTest : public testing::Test {
  protected:

@@ -13,7 +13,7 @@ struct Recorder : VrfIntfColl::NotifieeConst {
   int calls = 0;
 };
 
-TEST(AppIntfsTest, IntfsIsNotifiesOnlyWhenTheTargetChanges) {
+TEST(AppIntfsTest, IntfsIsNotifiesOnlyWhenTheTargetChangesAndASharedSetOutlivesACollection) {
   Kiv::Ptr<AppVrfIntfs> app = appVrfIntfsFactory("pim");
   Kiv::Ptr<VrfIntfColl> red = app->vrfIntfIs(L3::VrfName("red"));
   EXPECT_EQ(red->vrfName(), L3::VrfName("red"));
@@ -27,11 +27,10 @@ TEST(AppIntfsTest, IntfsIsNotifiesOnlyWhenTheTargetChanges) {
   red->intfsIs(nullptr);
   EXPECT_EQ(rec.calls, 2);
   EXPECT_EQ(set->references(), 1u);
-}
 
-TEST(AppIntfsTest, DeletingACollectionKeepsASetOthersStillUse) {
-  Kiv::Ptr<AppVrfIntfs> app = AppVrfIntfsIs("pim");
-  Kiv::Ptr<MulticastIntfsForApplications> set = MulticastIntfsForApplicationsIs("set");
+  // Deleting a collection keeps a set that others still use.
+  app = AppVrfIntfsIs("pim");
+  set = MulticastIntfsForApplicationsIs("set");
   set->multicastIntfIs(Orvet::IntfId::fromText("Ethernet1"), true);
   app->vrfIntfIs(L3::VrfName("red"))->intfsIs(set);
   app->vrfIntfIs(L3::VrfName("blue"))->intfsIs(set);

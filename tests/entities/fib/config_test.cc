@@ -97,8 +97,9 @@ TEST(VrfConfigTest, ResetLeavesCollectionsAndNotifiesThroughSetters) {
                         "activityPollingInterval"}));
 }
 
-// The ids and paths are published: reordering a description must not move them.
-TEST(ConfigIdsTest, AttributeIdsAndMountPaths) {
+// The ids, paths and literal numbers are published: reordering a description
+// must not move them.
+TEST(ConfigIdsTest, AttributeIdsMountPathsAndLiteralNumbers) {
   EXPECT_EQ(Config::kRoutingId, 258);
   EXPECT_EQ(Config::kMaxFastdropsDefaultId, 263);
   EXPECT_EQ(Config::kCounterRouteId, 264);
@@ -108,11 +109,8 @@ TEST(ConfigIdsTest, AttributeIdsAndMountPaths) {
   EXPECT_EQ(Routing::Multicast::MulticastLegacyConfig::kVersionId, 259);
   EXPECT_EQ(VrfConfig::mountPath(Orvet::ipv4()), "routing/multicast/vrf/config");
   EXPECT_EQ(VrfConfig::mountPath(Orvet::ipv6()), "routing6/multicast/vrf/config");
-}
-
-// The enumeration machinery is covered in entity/kiv and the conformance
-// suite; here only what the FIB descriptions decide: literal numbering.
-TEST(FibEnumTest, LiteralNumbering) {
+  // The enumeration machinery is entity/kiv's and the conformance suite's;
+  // the literal numbering is the descriptions'.
   EXPECT_EQ(static_cast<unsigned>(CounterModeInstance("None")), 0u);
   EXPECT_EQ(stringValue(CounterModeInstance(2u)), "byteMode");
   EXPECT_EQ(MultipathControlInstance("multipathNone"), MultipathControlInstance(1u));

@@ -19,7 +19,7 @@ PortVlan member(const char* port, uint32_t outLif) {
   return PortVlan(Orvet::IntfId::fromText(port), OutLif(outLif), PortProperty());
 }
 
-TEST(PortVlanTest, OutLifOrVlan) {
+TEST(PortVlanTest, OutLifOrVlanAndTheOneBytePropertyMask) {
   EXPECT_TRUE(member("Ethernet1", 0).isOutLif());
   EXPECT_TRUE(member("Ethernet1", 4095).isOutLif());
   EXPECT_FALSE(member("Ethernet1", 1).isOutLif());
@@ -35,9 +35,6 @@ TEST(PortVlanTest, OutLifOrVlan) {
   os << p;
   EXPECT_EQ(os.str(), "Value('MrouteLib::PortVlan', ** {'port': Ethernet1, 'outLif': 20, 'portProperty': "
                       "Value('MrouteLib::PortProperty', ** {'mlagPort': False, 'tagOnEgress': False})})");
-}
-
-TEST(PortVlanTest, PropertyMaskIsOneByte) {
   static_assert(sizeof(MrouteLib::PortPropertyMask) == 1);
   MrouteLib::PortPropertyMask m(1, 3);
   EXPECT_EQ(Kiv::textOf(m), "Value('MrouteLib::PortPropertyMask', ** {'mask': 1, 'value': 3})");

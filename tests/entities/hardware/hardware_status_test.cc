@@ -16,17 +16,14 @@ IpGenRouteKey routeKey(const char* group) {
   return IpGenRouteKey(Orvet::IpGenPrefix::fromText("0.0.0.0/0"), Orvet::IpGenPrefix::fromText(group));
 }
 
-// Unlike most, a fresh hardware status routes and avoids duplicates.
-TEST(HardwareStatusTest, UnusualDefaultsAndPath) {
+// Unlike most, a fresh hardware status routes and avoids duplicates. A dirty
+// LAG's delete hands back its count (who hears a change or an absent delete
+// is the conformance suite's).
+TEST(HardwareStatusTest, UnusualDefaultsPathAndDirtyLagDel) {
   Kiv::Ptr<Status> status = statusFactory("hw");
   EXPECT_TRUE(status->hwRouting() && status->avoidDuplicates() && status->deleteL2RouteOnFailure());
   EXPECT_EQ(status->pollingInterval(), 60);
   EXPECT_EQ(Status::mountPath(Orvet::AddressFamily(1)), "routing/hardware/multicast/status");
-}
-
-// Who hears a change or an absent delete is the conformance suite's.
-TEST(HardwareStatusTest, DirtyLagDelReturnsTheRemovedCount) {
-  Kiv::Ptr<Status> status = StatusIs("hw");
   const Orvet::IntfId lag = Orvet::IntfId::fromText("Port-Channel1");
   EXPECT_EQ(status->dirtyLagDel(lag), 0u);
   status->dirtyLagIs(lag, 4);

@@ -27,11 +27,6 @@ TEST(PimIntfTest, NewInterfaceHoldsOneReferenceAndBackPointers) {
   EXPECT_EQ(intfStatusFactory(eth, status.ptr())->pimIntfStatus(), status.ptr());
 }
 
-TEST(PimIntfTest, PrefixGroupIsAConstant) {
-  EXPECT_EQ(Kiv::textOf(PrefixRouteInfo::prefixGroup()), "224.0.0.0/4");
-  EXPECT_EQ(PrefixRouteInfo::kPrefixGroupId, 260);
-}
-
 TEST(PimIntfTest, WildcardRoutesAreFiledUnderTheirKey) {
   Kiv::Ptr<IntfStatus> intf = IntfStatusIs("Ethernet1");
   const IpGenRouteKey key(Orvet::IpGenPrefix::fromText("0.0.0.0/0"), Orvet::IpGenPrefix::fromText("239.1.1.1/32"));
@@ -43,7 +38,9 @@ TEST(PimIntfTest, WildcardRoutesAreFiledUnderTheirKey) {
   EXPECT_TRUE(intf->toAddWc().empty());
 }
 
-TEST(PimStatusTest, Paths) {
+TEST(PimStatusTest, PathsAndThePrefixGroupConstant) {
+  EXPECT_EQ(Kiv::textOf(PrefixRouteInfo::prefixGroup()), "224.0.0.0/4");
+  EXPECT_EQ(PrefixRouteInfo::kPrefixGroupId, 260);
   EXPECT_EQ(Routing::Multicast::Pim::Status::mountPath(Orvet::AddressFamily(1)),
             "routing/multicast/pim/global/status");
   EXPECT_EQ(Routing::Multicast::Vxlan::Status::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/vxlan/status");

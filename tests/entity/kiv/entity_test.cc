@@ -57,7 +57,10 @@ class NotifieeListTest : public testing::Test {
   std::vector<int> order;
 };
 
-TEST_F(NotifieeListTest, DeliversInListOrder) {
+// Delivery follows list order. A notifiee that detaches itself, or a later
+// one, mid-delivery: the walk skips the removed ones and the list is whole
+// again afterwards.
+TEST_F(NotifieeListTest, DeliversInListOrderAndDetachDuringDeliverySkipsRemoved) {
   Listener a, b, c;
   listen(a, 1);
   listen(b, 2);
@@ -65,15 +68,7 @@ TEST_F(NotifieeListTest, DeliversInListOrder) {
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
   EXPECT_EQ(p->notifieeList().attrInDelivery(), Kiv::kNoAttrId);
-}
-
-// A notifiee that detaches itself, or a later one, mid-delivery: the walk
-// skips the removed ones and the list is whole again afterwards.
-TEST_F(NotifieeListTest, DetachDuringDeliverySkipsRemoved) {
-  Listener a, b, c;
-  listen(a, 1);
-  listen(b, 2);
-  listen(c, 3);
+  order.clear();
   a.onEvent = [&] { order.push_back(1); a.attach(nullptr); c.isRegisteredNotifieeIs(false); };
   fire(*p);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
@@ -96,7 +91,8 @@ TEST_F(NotifieeListTest, AddedDuringDeliveryHearsNextTime) {
   EXPECT_EQ(order, (std::vector<int>{1, 1, 2}));
 }
 
-TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAlive) {
+// A notifiee keeps its notifier alive; registering without one asserts.
+TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAliveAndNeedsOneToRegister) {
   bool sawZero = false;
   {
     Listener l;
@@ -109,9 +105,6 @@ TEST(NotifieeLifetimeTest, NotifieeKeepsItsNotifierAlive) {
     EXPECT_EQ(l.notifier()->references(), 1u);
   }
   EXPECT_TRUE(sawZero);  // the destructor detached and dropped the reference
-}
-
-TEST(NotifieeLifetimeTest, RegisteringWithoutNotifierAsserts) {
   Listener l;
   EXPECT_ASSERTION(l.isRegisteredNotifieeIs(true), "!on || notifier_");
 }

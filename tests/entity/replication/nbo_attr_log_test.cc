@@ -19,7 +19,7 @@ namespace {
 using Mroute::Loop::EventLoop;
 using Testing::runUntil;
 
-TEST(WireTest, ValuesRoundTripInNetworkOrder) {
+TEST(WireTest, ValuesRoundTripInNetworkOrderAndBadFieldsThrow) {
   std::string buf;
   WireWriter w(buf);
   Wire<uint32_t>::write(w, 0x01020304);
@@ -37,11 +37,8 @@ TEST(WireTest, ValuesRoundTripInNetworkOrder) {
   EXPECT_EQ(Wire<Kiv::Name>::read(r), Kiv::Name("default"));
   EXPECT_EQ(textOf(Wire<Orvet::IpGenPrefix>::read(r)), "10.0.0.0/24");
   r.end();
-}
-
-// Truncated and overlong fields are refused with their texts in
-// ChannelTest.MalformedRecordsDropTheConnection.
-TEST(WireTest, BadFieldsThrow) {
+  // Truncated and overlong fields are refused with their texts in
+  // ChannelTest.MalformedRecordsDropTheConnection.
   EXPECT_THROW_TEXT(fromWireBytes<bool>(std::string("\x07", 1)), WireError, "bool byte 7");
   // A string whose length runs past the record.
   EXPECT_THROW(fromWireBytes<std::string>(std::string("\x00\x00\x01\x00xy", 6)), WireError);

@@ -36,9 +36,13 @@ struct Pipe {
   }
 };
 
-TEST(EventLoopTest, ReadableAndWritableCallbacksFollowInterest) {
+class EventLoopTest : public testing::Test {
+ protected:
   EventLoop loop;
   Pipe p;
+};
+
+TEST_F(EventLoopTest, ReadableAndWritableCallbacksFollowInterest) {
   FdWatch r(loop, p.rd), w(loop, p.wr);
   int reads = 0, writes = 0;
   r.onReadableIs([&] {
@@ -64,9 +68,7 @@ TEST(EventLoopTest, ReadableAndWritableCallbacksFollowInterest) {
   EXPECT_EQ(loop.runOnce(milliseconds(0)), 0);
 }
 
-TEST(EventLoopTest, WatchDestroyedInsideItsOwnCallback) {
-  EventLoop loop;
-  Pipe p;
+TEST_F(EventLoopTest, WatchDestroyedInsideItsOwnCallback) {
   auto w = std::make_unique<FdWatch>(loop, p.rd);
   bool ranToEnd = false;
   w->onReadableIs([&] {
@@ -80,10 +82,10 @@ TEST(EventLoopTest, WatchDestroyedInsideItsOwnCallback) {
   EXPECT_EQ(loop.runOnce(milliseconds(0)), 0);
 }
 
-TEST(EventLoopTest, RemovedInTheSameBatchIsNotCalled) {
+TEST_F(EventLoopTest, RemovedInTheSameBatchIsNotCalled) {
   // Both pipes are ready in one wait; whichever runs first removes the other.
-  EventLoop loop;
-  Pipe a, b;
+  Pipe& a = p;
+  Pipe b;
   FdWatch wa(loop, a.rd), wb(loop, b.rd);
   int calls = 0;
   wa.onReadableIs([&] {
@@ -102,8 +104,7 @@ TEST(EventLoopTest, RemovedInTheSameBatchIsNotCalled) {
   EXPECT_FALSE(wa.watching() && wb.watching());
 }
 
-TEST(EventLoopTest, RemovalInsideReadableSkipsWritable) {
-  EventLoop loop;
+TEST_F(EventLoopTest, RemovalInsideReadableSkipsWritable) {
   int fds[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
   FdWatch w(loop, fds[0]);
@@ -119,9 +120,7 @@ TEST(EventLoopTest, RemovalInsideReadableSkipsWritable) {
   ::close(fds[1]);
 }
 
-TEST(EventLoopTest, RunUntilStop) {
-  EventLoop loop;
-  Pipe p;
+TEST_F(EventLoopTest, RunUntilStop) {
   FdWatch r(loop, p.rd);
   int seen = 0;
   r.onReadableIs([&] {
@@ -159,7 +158,7 @@ class FaultySys : public Sys {
   }
 };
 
-TEST(EventLoopTest, InterruptedWaitIsNotAnError) {
+TEST(EventLoopFaultTest, InterruptedWaitIsNotAnError) {
   FaultySys sys;
   EventLoop loop(sys);
   Pipe p;
@@ -176,7 +175,7 @@ TEST(EventLoopTest, InterruptedWaitIsNotAnError) {
   EXPECT_EQ(reads, 1);
 }
 
-TEST(EventLoopTest, RefusedRegistrationThrowsWithContext) {
+TEST(EventLoopFaultTest, RefusedRegistrationThrowsWithContext) {
   FaultySys sys;
   EventLoop loop(sys);
   Pipe p;

@@ -14,9 +14,13 @@ using std::chrono::milliseconds;
 
 using Testing::runUntil;
 
-TEST(TimerTest, OneShotFiresOnceAndDisarms) {
+class TimerTest : public testing::Test {
+ protected:
   EventLoop loop;
   int fired = 0;
+};
+
+TEST_F(TimerTest, OneShotFiresOnceAndDisarms) {
   Timer t(loop, [&] { ++fired; });
   EXPECT_FALSE(t.armed());
   t.startOneShot(milliseconds(5));
@@ -29,22 +33,19 @@ TEST(TimerTest, OneShotFiresOnceAndDisarms) {
 
 // A zero it_value disarms a timerfd: a zero or negative delay must still fire,
 // at the very next wait, or a retry scheduled "now" would never happen.
-TEST(TimerTest, ZeroOrNegativeDelayFiresAtTheNextWait) {
+TEST_F(TimerTest, ZeroOrNegativeDelayFiresAtTheNextWait) {
   for (auto delay : {milliseconds(0), milliseconds(-5)}) {
-    EventLoop loop;
-    int fired = 0;
     Timer t(loop, [&] { ++fired; });
     t.startOneShot(delay);
     EXPECT_TRUE(t.armed());
     loop.runOnce(milliseconds(500));
     EXPECT_EQ(fired, 1) << delay.count();
     EXPECT_FALSE(t.armed());
+    fired = 0;
   }
 }
 
-TEST(TimerTest, PeriodicRepeatsUntilCancelledFromItsCallback) {
-  EventLoop loop;
-  int fired = 0;
+TEST_F(TimerTest, PeriodicRepeatsUntilCancelledFromItsCallback) {
   std::unique_ptr<Timer> t;
   t = std::make_unique<Timer>(loop, [&] {
     if (++fired == 3) t->cancel();
@@ -56,9 +57,7 @@ TEST(TimerTest, PeriodicRepeatsUntilCancelledFromItsCallback) {
   EXPECT_EQ(fired, 3);
 }
 
-TEST(TimerTest, CancelAfterExpiryBeforeDispatchSuppressesCallback) {
-  EventLoop loop;
-  int fired = 0;
+TEST_F(TimerTest, CancelAfterExpiryBeforeDispatchSuppressesCallback) {
   Timer t(loop, [&] { ++fired; });
   t.startOneShot(milliseconds(1));
   ::usleep(5'000);  // expired; readiness pending in the kernel
@@ -67,9 +66,7 @@ TEST(TimerTest, CancelAfterExpiryBeforeDispatchSuppressesCallback) {
   EXPECT_EQ(fired, 0);
 }
 
-TEST(TimerTest, RearmPushesExpiryBack) {
-  EventLoop loop;
-  int fired = 0;
+TEST_F(TimerTest, RearmPushesExpiryBack) {
   Timer t(loop, [&] { ++fired; });
   t.startOneShot(milliseconds(5));
   t.startOneShot(milliseconds(300));
@@ -80,9 +77,7 @@ TEST(TimerTest, RearmPushesExpiryBack) {
   EXPECT_TRUE(runUntil(loop, [&] { return fired == 1; }));
 }
 
-TEST(TimerTest, DestroyedInsideItsCallback) {
-  EventLoop loop;
-  int fired = 0;
+TEST_F(TimerTest, DestroyedInsideItsCallback) {
   std::unique_ptr<Timer> t;
   t = std::make_unique<Timer>(loop, [&] {
     ++fired;

@@ -13,7 +13,7 @@ namespace {
 
 using Orvet::IntfId;
 
-TEST(IntfIdTest, NamesRoundTrip) {
+TEST(IntfIdTest, NamesRoundTripAndOrderByKindThenNumbers) {
   for (const char* name : {"Ethernet1", "Ethernet3/1", "Ethernet3/1/2", "Ethernet16777214/65534/65534",
                            "Vlan1", "Vlan4094", "Port-Channel7", "Register0", "Loopback0", "Management1/1",
                            "Vxlan1", "Tunnel0", "Cpu", "Recirc-Channel1"}) {
@@ -30,6 +30,12 @@ TEST(IntfIdTest, NamesRoundTrip) {
   EXPECT_NE(IntfId("Ethernet3"), IntfId("Ethernet3/0"));
   EXPECT_NE(IntfId("Ethernet1/2"), IntfId("Ethernet2/1"));
   EXPECT_NE(IntfId("Loopback0"), IntfId("Register0"));
+  // Ordered by kind, then by the numbers.
+  EXPECT_LT(IntfId(), IntfId("Ethernet1"));
+  EXPECT_LT(IntfId("Ethernet3"), IntfId("Ethernet3/1"));
+  EXPECT_LT(IntfId("Ethernet3/1"), IntfId("Ethernet3/2"));
+  EXPECT_LT(IntfId("Ethernet3/2"), IntfId("Ethernet10/1"));
+  EXPECT_LT(IntfId("Ethernet10/1"), IntfId("Vlan1"));
 }
 
 TEST(IntfIdTest, BadNamesAreRangeErrors) {
@@ -39,14 +45,6 @@ TEST(IntfIdTest, BadNamesAreRangeErrors) {
     EXPECT_THROW_TEXT(IntfId{std::string_view(bad)}, Kiv::RangeException,
                       "IntfId '" + std::string(bad) + "' not allowed");
   }
-}
-
-TEST(IntfIdTest, OrdersByKindThenNumbers) {
-  EXPECT_LT(IntfId(), IntfId("Ethernet1"));
-  EXPECT_LT(IntfId("Ethernet3"), IntfId("Ethernet3/1"));
-  EXPECT_LT(IntfId("Ethernet3/1"), IntfId("Ethernet3/2"));
-  EXPECT_LT(IntfId("Ethernet3/2"), IntfId("Ethernet10/1"));
-  EXPECT_LT(IntfId("Ethernet10/1"), IntfId("Vlan1"));
 }
 
 TEST(BoundedValuesTest, VlanAndNames) {
