@@ -286,11 +286,21 @@ class BrumeReader {
   struct Cursor {
     bool valid = false;
     uint32_t bucket = 0;
-    uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
-    uint32_t rhash = 0;  // the entry's slot's; the entries after it sort above it
-    Mem::VersionedRef::Value numBuckets{};
+    // A lower bound of what comes next: the rhash of the entry returned
+    // last, raised to just below a bucket's first rhash when the walk
+    // crosses into it (everything below was passed). Entries after it sort
+    // above it, which keeps a walk from ever going back.
+    uint32_t rhash = 0;
+    // The highest rhash bucket's chain may hold: its reversed index with
+    // the bits below it set.
+    uint32_t rhashMax = 0;
+    // The count word as loaded with the entry, kept as one 64-bit word: the
+    // re-check compares it in one instruction.
+    uint64_t countWord = 0;
     uint32_t next = 0;  // the slot's next link, read under version
+    uint32_t inBlock = 0;  // forEach(): bucket's place in its read-ahead block
+    uint32_t numBuckets() const { return refOf(std::bit_cast<Mem::VersionedRef::Value>(countWord)); }
   };
   // forEach() reads ahead of its cursor: kReadAheadBuckets buckets further
   // in split order it loads the bucket's head and prefetches the slot it
@@ -299,39 +309,49 @@ class BrumeReader {
   // Of 2, 4 and 8, 4 was the fastest in the table benchmark at 12,000 and
   // at 1,000,000 entries.
   static constexpr uint32_t kReadAheadBuckets = 4;
-  // The buckets around the cursor's, by split position: the block of eight
-  // positions the cursor stands in and the block after it. Within a block
-  // the buckets are base + q * reverse3(j) (q = numBuckets / 8), so a block
-  // costs one successor() and eight additions; the walk checks each end
-  // marker against the ring instead of working out the successor itself.
+  // The buckets ahead of the cursor's, by split position, in blocks of
+  // eight positions: within a block the buckets are base + q * reverse3(j)
+  // (q = numBuckets / 8), so the walk finds the bucket after its own with
+  // one load and one addition, and works out the next block's base (one
+  // successor()) once per block. The cursor's place in its block is
+  // Cursor::inBlock, which the step keeps in a register.
   struct ReadAhead {
     static constexpr uint32_t kBlock = 8;
-    static constexpr uint32_t kRing = 2 * kBlock;
     static_assert(kReadAheadBuckets > 0 && kReadAheadBuckets <= kBlock);
-    uint32_t ring[kRing];
-    uint32_t pos = 0;           // split position of the cursor's bucket
-    uint32_t lastBase = kNoRef;  // the first bucket of the block filled last
-    uint32_t at(uint32_t p) const { return ring[p % kRing]; }
+    // Bucket at block position j minus base; at kBlock the next block's
+    // base minus this one's, so that the last position's successor needs no
+    // branch (kNoRef past the last block: kNoRef - base + base).
+    uint32_t offset[kBlock + 1];
+    // The bucket kReadAheadBuckets positions after position j, minus base
+    // (a hint: past the last bucket it is anything, masked).
+    uint32_t lead[kBlock];
+    uint32_t base = 0;       // the first bucket of the cursor's block
+    uint32_t nextBase = 0;   // the next block's, kNoRef past the last
   };
-  // Fills ra around bucket b (at split position pos) and prefetches ahead.
-  void readAheadFrom(uint32_t b, ReadAhead& ra);
-  // Fills the block after the one filled last (kNoRef past the last bucket).
-  void readAheadFill(ReadAhead& ra, uint32_t n, uint32_t firstPos);
-  // Prefetches the slot that the head of the bucket at split position p names.
-  [[gnu::always_inline]] static void readAheadSlot(const ReadAhead& ra, uint32_t p,
-                                                   const Mem::VersionedRef* heads, const uint8_t* slotBase,
-                                                   uint32_t mapped) {
-    const uint32_t a = ra.at(p);
-    if (a == kNoRef) return;
-    // A hint only: whatever the head names now is checked when the walk
-    // reaches it, so a relaxed load serves, and an index past the mapping
-    // is simply not prefetched.
-    const uint32_t ref = heads[a].loadRelaxed().ref;
-    if (ref < mapped) prefetchSlot(slotBase, ref);
+  // Sets ra up around bucket b and prefetches ahead; returns b's place in
+  // its block.
+  uint32_t readAheadFrom(uint32_t b, ReadAhead& ra);
+  // Moves ra to the next block and prefetches the heads of the one after.
+  [[gnu::noinline]] void readAheadNextBlock(ReadAhead& ra);
+  // Works out what depends on the next block's base (offset[kBlock], the
+  // leads into that block) and prefetches its heads.
+  void readAheadLead(ReadAhead& ra);
+  // Prefetches the slot that bucket a's head names. A hint only: whatever
+  // the head names now is checked when the walk reaches it, so a relaxed
+  // load serves. Where the head names no slot (an empty bucket's end marker,
+  // an index past the mapping) it prefetches slot 0 instead of branching:
+  // whether a bucket is empty is a coin toss that the branch predictor
+  // loses half the time, which costs more than the prefetch.
+  [[gnu::always_inline]] static void readAheadSlot(uint32_t a, const Mem::VersionedRef* heads,
+                                                   const uint8_t* slot0, uint32_t mapped) {
+    prefetchSlot(slot0, withinOrZero(heads[a].loadRelaxed().ref, mapped));
   }
+  // i when below mapped, else 0, worked out without a branch (as a select,
+  // the compiler makes it two paths, one per prefetch address).
+  static uint32_t withinOrZero(uint32_t i, uint32_t mapped) { return i & (0u - static_cast<uint32_t>(i < mapped)); }
   // Asks the cache for the lines of slot i (a hint: no load, no fault).
-  static void prefetchSlot(const uint8_t* slotBase, uint32_t i) {
-    const auto* p = reinterpret_cast<const char*>(SlotTable::slotAt(slotBase, kSlotSize, i));
+  static void prefetchSlot(const uint8_t* slot0, uint32_t i) {
+    const auto* p = reinterpret_cast<const char*>(slot0 + size_t{i} * kSlotSize);
     for (uint32_t off = 0; off < kSlotSize; off += 64) __builtin_prefetch(p + off);
     __builtin_prefetch(p + kSlotSize - 1);
   }
@@ -341,13 +361,21 @@ class BrumeReader {
     Mem::acquireFence();
     return r.loadRelaxed();
   }
+  [[gnu::always_inline]] static uint64_t recheckWord(const Mem::VersionedRef& r) {
+    return std::bit_cast<uint64_t>(recheckInline(r));
+  }
   enum class Step : uint8_t { end, found, retry };
   // The common case of an iteration step: from a valid c's slot along its
   // chain and across empty buckets to the next entry, into out, with nothing
   // changed meanwhile. Whatever it cannot settle (a change, a resize,
   // anything unexpected) it leaves to nextLoop(), which finds the position
-  // again by rhash and key. With ra it reads ahead as it crosses buckets.
+  // again by rhash and key. With kAhead it reads ahead through ra as it
+  // crosses buckets (ra is unused otherwise).
+  template <bool kAhead>
   [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c, ReadAhead* ra);
+  // forEach()'s loop, with or without the read-ahead.
+  template <bool kAhead, typename F>
+  void walk(F& f);
   // The full walk to the entry after key (the first when key is null), c
   // moved onto it: restarts, remaps and corruption reports. A valid c stands
   // on key's entry. REQUIRES: attached; key does not point into out.
