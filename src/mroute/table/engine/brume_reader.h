@@ -299,58 +299,62 @@ class BrumeReader {
     // re-check compares it in one instruction.
     uint64_t countWord = 0;
     uint32_t next = 0;  // the slot's next link, read under version
-    uint32_t inBlock = 0;  // forEach(): bucket's place in its read-ahead block
+    // forEach() only: the bucket after this one in split order, and the
+    // read-ahead item the walk moves to when this bucket's chain ends.
+    uint32_t successor = 0;
+    uint32_t item = 0;
     uint32_t numBuckets() const { return refOf(std::bit_cast<Mem::VersionedRef::Value>(countWord)); }
   };
-  // forEach() reads ahead of its cursor: kReadAheadBuckets buckets further
-  // in split order it loads the bucket's head and prefetches the slot it
-  // names, so that the slot is in cache when the walk gets there (split
-  // order visits slots in no memory order the hardware could follow).
-  // Of 2, 4 and 8, 4 was the fastest in the table benchmark at 12,000 and
-  // at 1,000,000 entries.
-  static constexpr uint32_t kReadAheadBuckets = 4;
-  // The buckets ahead of the cursor's, by split position, in blocks of
-  // eight positions: within a block the buckets are base + q * reverse3(j)
-  // (q = numBuckets / 8), so the walk finds the bucket after its own with
-  // one load and one addition, and works out the next block's base (one
-  // successor()) once per block. The cursor's place in its block is
-  // Cursor::inBlock, which the step keeps in a register.
+  // forEach() reads ahead of its cursor a block of eight buckets (in split
+  // order) at a time: when it enters a block it loads the heads of the next
+  // one, keeps those that name a slot and prefetches that slot, and checks
+  // that each empty one's end marker names the bucket after it. Crossing
+  // buckets then costs no branch per empty bucket (whether a bucket is
+  // empty is a coin toss that the branch predictor loses half the time),
+  // and the slots are in cache when the walk gets there (split order visits
+  // slots in no memory order the hardware could follow). The heads of the
+  // block after that are prefetched meanwhile.
   struct ReadAhead {
     static constexpr uint32_t kBlock = 8;
-    static_assert(kReadAheadBuckets > 0 && kReadAheadBuckets <= kBlock);
-    // Bucket at block position j minus base; at kBlock the next block's
-    // base minus this one's, so that the last position's successor needs no
-    // branch (kNoRef past the last block: kNoRef - base + base).
-    uint32_t offset[kBlock + 1];
-    // The bucket kReadAheadBuckets positions after position j, minus base
-    // (a hint: past the last bucket it is anything, masked).
-    uint32_t lead[kBlock];
-    uint32_t base = 0;       // the first bucket of the cursor's block
-    uint32_t nextBase = 0;   // the next block's, kNoRef past the last
+    // A bucket whose head named a slot: its place in the block, and the
+    // head as loaded (with an acquire fence after the block's loads).
+    struct Item {
+      uint32_t inBlock;
+      Mem::VersionedRef::Value head;
+    };
+    struct Block {
+      uint32_t base = kNoRef;      // its first bucket, kNoRef past the last block
+      uint32_t nextBase = kNoRef;  // the next block's
+      uint32_t rhashBase = 0;      // base's reversed index
+      uint32_t count = 0;          // items
+      // An empty bucket's end marker named another bucket than the one
+      // after it: a resize in flight or corruption, for the full walk.
+      bool bad = false;
+      Item items[kBlock];
+    };
+    // Within a block the buckets are base + q * reverse3(j) (q = numBuckets
+    // / 8) and their reversed indexes rhashBase + j * 2^(32 - log2 n): one
+    // successor() per block finds them all.
+    uint32_t offset[kBlock];
+    uint32_t rhashOffset[kBlock + 1];
+    Block blocks[2];
+    uint32_t current = 0;  // the cursor's block; the other is the next one
   };
-  // Sets ra up around bucket b and prefetches ahead; returns b's place in
-  // its block.
-  uint32_t readAheadFrom(uint32_t b, ReadAhead& ra);
-  // Moves ra to the next block and prefetches the heads of the one after.
+  // Sets ra up around c's bucket (c as the full walk left it) and reads
+  // ahead from there. REQUIRES: at least kBlock buckets.
+  void readAheadFrom(Cursor& c, ReadAhead& ra);
+  // Loads the heads of blk from block position `from` on, and prefetches
+  // what they name and the heads of the block after.
+  [[gnu::always_inline]] void readAheadBlock(ReadAhead& ra, typename ReadAhead::Block& blk, uint32_t from);
+  // Makes the next block the cursor's and reads ahead the one after it.
   [[gnu::noinline]] void readAheadNextBlock(ReadAhead& ra);
-  // Works out what depends on the next block's base (offset[kBlock], the
-  // leads into that block) and prefetches its heads.
-  void readAheadLead(ReadAhead& ra);
-  // Prefetches the slot that bucket a's head names. A hint only: whatever
-  // the head names now is checked when the walk reaches it, so a relaxed
-  // load serves. Where the head names no slot (an empty bucket's end marker,
-  // an index past the mapping) it prefetches slot 0 instead of branching:
-  // whether a bucket is empty is a coin toss that the branch predictor
-  // loses half the time, which costs more than the prefetch.
-  [[gnu::always_inline]] static void readAheadSlot(uint32_t a, const Mem::VersionedRef* heads,
-                                                   const uint8_t* slot0, uint32_t mapped) {
-    prefetchSlot(slot0, withinOrZero(heads[a].loadRelaxed().ref, mapped));
-  }
   // i when below mapped, else 0, worked out without a branch (as a select,
   // the compiler makes it two paths, one per prefetch address).
   static uint32_t withinOrZero(uint32_t i, uint32_t mapped) { return i & (0u - static_cast<uint32_t>(i < mapped)); }
   // Asks the cache for the lines of slot i (a hint: no load, no fault).
-  static void prefetchSlot(const uint8_t* slot0, uint32_t i) {
+  // Always inlined: out of line, the compiler finds a function of nothing
+  // but prefetches free of side effects and drops the calls.
+  [[gnu::always_inline]] static void prefetchSlot(const uint8_t* slot0, uint32_t i) {
     const auto* p = reinterpret_cast<const char*>(slot0 + size_t{i} * kSlotSize);
     for (uint32_t off = 0; off < kSlotSize; off += 64) __builtin_prefetch(p + off);
     __builtin_prefetch(p + kSlotSize - 1);
@@ -369,13 +373,18 @@ class BrumeReader {
   // chain and across empty buckets to the next entry, into out, with nothing
   // changed meanwhile. Whatever it cannot settle (a change, a resize,
   // anything unexpected) it leaves to nextLoop(), which finds the position
-  // again by rhash and key. With kAhead it reads ahead through ra as it
-  // crosses buckets (ra is unused otherwise).
-  template <bool kAhead>
-  [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c, ReadAhead* ra);
-  // forEach()'s loop, with or without the read-ahead.
+  // again by rhash and key. stepAhead() is the same with ra's read-ahead:
+  // it moves from a chain's end to the next bucket that ra found occupied.
+  [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c);
+  [[gnu::always_inline]] Step stepAhead(Stored& out, Cursor& c, ReadAhead& ra);
+  // The entry at slot ref of c's chain into out, checked and re-checked,
+  // c moved onto it (the part both steps share).
+  [[gnu::always_inline]] Step stepSlot(Stored& out, Cursor& c, uint32_t ref, const uint8_t* slot0,
+                                       const Mem::VersionedRef* heads, uint32_t mapped, uint32_t mask);
+  // forEach()'s loop from c, whose entry is in *cur: f, then a step, until
+  // the end. kAhead with the read-ahead (at least kBlock buckets).
   template <bool kAhead, typename F>
-  void walk(F& f);
+  void walk(F& f, Cursor c, Stored* cur, Stored* prev);
   // The full walk to the entry after key (the first when key is null), c
   // moved onto it: restarts, remaps and corruption reports. A valid c stands
   // on key's entry. REQUIRES: attached; key does not point into out.
