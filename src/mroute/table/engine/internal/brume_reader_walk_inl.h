@@ -139,7 +139,7 @@ inline void BrumeReader<Ops>::readAheadBlock(ReadAhead& ra, typename ReadAhead::
   // The heads are loaded relaxed and ordered before the walk's reads of the
   // slots they name by one acquire fence after them all (R2 re-checks each
   // version before the answer, however much later).
-  uint32_t bucket = base + ra.offset[from];
+  uint32_t bucket = from < kBlock ? base + ra.offset[from] : kNoRef;
 #pragma GCC unroll 8
   for (uint32_t j = from; j < kBlock; ++j) {
     const uint32_t successor = j + 1 < kBlock ? base + ra.offset[j + 1] : nextBase;
