@@ -305,15 +305,17 @@ class BrumeReader {
     uint32_t item = 0;
     uint32_t numBuckets() const { return refOf(std::bit_cast<Mem::VersionedRef::Value>(countWord)); }
   };
-  // forEach() reads ahead of its cursor a block of eight buckets (in split
-  // order) at a time: when it enters a block it loads the heads of the next
-  // one, keeps those that name a slot and prefetches that slot, and checks
-  // that each empty one's end marker names the bucket after it. Crossing
-  // buckets then costs no branch per empty bucket (whether a bucket is
-  // empty is a coin toss that the branch predictor loses half the time),
-  // and the slots are in cache when the walk gets there (split order visits
-  // slots in no memory order the hardware could follow). The heads of the
-  // block after that are prefetched meanwhile.
+  // forEach() reads ahead of its cursor in blocks of eight buckets (in
+  // split order): when it enters a block it loads the heads of the block two
+  // further on, keeps those that name a slot and prefetches that slot, and
+  // checks that each empty one's end marker names the bucket after it; it
+  // prefetches the heads of the block after that, and the second slots of
+  // the chains of the block in between (their first slots arrived
+  // meanwhile). Crossing buckets then costs no branch per empty bucket
+  // (whether a bucket is empty is a coin toss that the branch predictor
+  // loses half the time), and the slots are in cache when the walk gets
+  // there (split order visits slots in no memory order the hardware could
+  // follow).
   struct ReadAhead {
     static constexpr uint32_t kBlock = 8;
     // A bucket whose head named a slot: its place in the block, and the
@@ -337,8 +339,10 @@ class BrumeReader {
     // successor() per block finds them all.
     uint32_t offset[kBlock];
     uint32_t rhashOffset[kBlock + 1];
-    Block blocks[2];
-    uint32_t current = 0;  // the cursor's block; the other is the next one
+    // The cursor's block and the two after it, in turn.
+    static constexpr uint32_t kDepth = 3;
+    Block blocks[kDepth];
+    uint32_t current = 0;  // the cursor's block
   };
   // Sets ra up around c's bucket (c as the full walk left it) and reads
   // ahead from there. REQUIRES: at least kBlock buckets.

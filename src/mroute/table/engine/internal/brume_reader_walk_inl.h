@@ -116,14 +116,17 @@ void BrumeReader<Ops>::readAheadFrom(Cursor& c, ReadAhead& ra) {
   c.item = 0;
   ra.current = 0;
   readAheadBlock(ra, blk, j + 1);
-  typename ReadAhead::Block& next = ra.blocks[1];
-  next.base = blk.nextBase;
-  next.count = 0;
-  next.bad = false;
-  if (next.base == kNoRef) return;
-  next.nextBase = successor(next.base, q);
-  next.rhashBase = blk.rhashBase + ra.rhashOffset[kBlock];
-  readAheadBlock(ra, next, 0);
+  for (uint32_t i = 1; i < ReadAhead::kDepth; ++i) {
+    const typename ReadAhead::Block& before = ra.blocks[i - 1];
+    typename ReadAhead::Block& next = ra.blocks[i];
+    next.base = before.base == kNoRef ? kNoRef : before.nextBase;
+    next.count = 0;
+    next.bad = false;
+    if (next.base == kNoRef) continue;
+    next.nextBase = successor(next.base, q);
+    next.rhashBase = before.rhashBase + ra.rhashOffset[kBlock];
+    readAheadBlock(ra, next, 0);
+  }
 }
 
 template <TableOps Ops>
@@ -164,17 +167,28 @@ inline void BrumeReader<Ops>::readAheadBlock(ReadAhead& ra, typename ReadAhead::
 
 template <TableOps Ops>
 void BrumeReader<Ops>::readAheadNextBlock(ReadAhead& ra) {
-  const uint32_t q = numBuckets_ / ReadAhead::kBlock;
+  constexpr uint32_t kDepth = ReadAhead::kDepth;
   typename ReadAhead::Block& left = ra.blocks[ra.current];
-  ra.current ^= 1;
-  const typename ReadAhead::Block& entered = ra.blocks[ra.current];
-  // The block left becomes the one after the block entered.
-  left.base = entered.nextBase;
+  ra.current = (ra.current + 1) % kDepth;
+  // The block after the one entered: its first slots were prefetched one
+  // block ago, so their next links are in cache by now, or nearly. Loaded
+  // as hints (a slot index past the mapping reads slot 0), they name the
+  // chains' second slots, which are prefetched in turn.
+  const typename ReadAhead::Block& ahead = ra.blocks[(ra.current + 1) % kDepth];
+  const uint8_t* slot0 = view_.slot0;
+  const uint32_t mapped = view_.mappedSlots;
+  for (uint32_t i = 0; i < ahead.count; ++i) {
+    const size_t first = withinOrZero(ahead.items[i].head.ref, mapped);
+    const Slot* s = reinterpret_cast<const Slot*>(slot0 + first * kSlotSize);
+    prefetchSlot(slot0, withinOrZero(s->next.loadRelaxed().ref, mapped));
+  }
+  // The block left becomes the one after that.
+  left.base = ahead.base == kNoRef ? kNoRef : ahead.nextBase;
   left.count = 0;
   left.bad = false;
   if (left.base == kNoRef) return;
-  left.nextBase = successor(left.base, q);
-  left.rhashBase = entered.rhashBase + ra.rhashOffset[ReadAhead::kBlock];
+  left.nextBase = successor(left.base, numBuckets_ / ReadAhead::kBlock);
+  left.rhashBase = ahead.rhashBase + ra.rhashOffset[ReadAhead::kBlock];
   readAheadBlock(ra, left, 0);
 }
 
@@ -293,11 +307,7 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepAhead(Stored& out, 
     c.version = it.head.version;
     ref = it.head.ref;
   }
-  const Step s = stepSlot(out, c, ref, slot0, heads, mapped, mask);
-  // The chain's next slot, fetched while f runs (slot 0 at a chain's end:
-  // no branch on it).
-  prefetchSlot(slot0, withinOrZero(c.next, mapped));
-  return s;
+  return stepSlot(out, c, ref, slot0, heads, mapped, mask);
 }
 
 template <TableOps Ops>
