@@ -44,8 +44,9 @@ void put(const std::string& path, std::optional<std::string_view> bytes) {
   ::close(fd);
 }
 
-// A reader's walk from the first entry, each key looked up again; bounded,
-// since a damaged chain may lead in circles until the reader notices.
+// A reader's walk from the first entry, each key looked up again, then its
+// forEach; bounded, since a damaged chain may lead in circles until the
+// reader notices (f detaching the reader ends forEach).
 void readerWalk(const Mem::RootPath& root) {
   Brume::BrumeReader<Ops> reader(root);
   if (!reader.initialize()) return;
@@ -57,6 +58,13 @@ void readerWalk(const Mem::RootPath& root) {
       reader.lookup(s.key(), found);
       more = reader.next(s.key(), s);
     }
+  } catch (const Pavo::CorruptionDetectedException&) {
+  }
+  try {
+    int left = 64;
+    reader.forEach([&](const Stored&) {
+      if (--left == 0) reader.detach();
+    });
   } catch (const Pavo::CorruptionDetectedException&) {
   }
 }

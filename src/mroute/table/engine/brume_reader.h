@@ -286,52 +286,80 @@ class BrumeReader {
   struct Cursor {
     bool valid = false;
     uint32_t bucket = 0;
-    uint32_t bucketRb = 0;  // bitReverse(bucket)
     uint32_t version = 0;  // of the bucket head when the entry was read
-    uint32_t rhash = 0;  // the entry's slot's; the entries after it sort above it
-    Mem::VersionedRef::Value numBuckets{};
+    // A lower bound of what comes next: the rhash of the entry returned
+    // last, raised to just below a bucket's first rhash when the walk
+    // crosses into it (everything below was passed). Entries after it sort
+    // above it, which keeps a walk from ever going back.
+    uint32_t rhash = 0;
+    // The highest rhash bucket's chain may hold: its reversed index with
+    // the bits below it set.
+    uint32_t rhashMax = 0;
+    // The count word as loaded with the entry, kept as one 64-bit word: the
+    // re-check compares it in one instruction.
+    uint64_t countWord = 0;
     uint32_t next = 0;  // the slot's next link, read under version
+    // forEach() only: the bucket after this one in split order, and the
+    // read-ahead item the walk moves to when this bucket's chain ends.
+    uint32_t successor = 0;
+    uint32_t item = 0;
+    uint32_t numBuckets() const { return refOf(std::bit_cast<Mem::VersionedRef::Value>(countWord)); }
   };
-  // forEach() reads ahead of its cursor: kReadAheadBuckets buckets further
-  // in split order it loads the bucket's head and prefetches the slot it
-  // names, so that the slot is in cache when the walk gets there (split
-  // order visits slots in no memory order the hardware could follow).
-  // Of 2, 4 and 8, 4 was the fastest in the table benchmark at 12,000 and
-  // at 1,000,000 entries.
-  static constexpr uint32_t kReadAheadBuckets = 4;
-  // The buckets around the cursor's, by split position: the block of eight
-  // positions the cursor stands in and the block after it. Within a block
-  // the buckets are base + q * reverse3(j) (q = numBuckets / 8), so a block
-  // costs one successor() and eight additions; the walk checks each end
-  // marker against the ring instead of working out the successor itself.
+  // forEach() reads ahead of its cursor in blocks of eight buckets (in
+  // split order): when it enters a block it loads the heads of the block two
+  // further on, keeps those that name a slot and prefetches that slot, and
+  // checks that each empty one's end marker names the bucket after it; it
+  // prefetches the heads of the block after that, and the second slots of
+  // the chains of the block in between (their first slots arrived
+  // meanwhile). Crossing buckets then costs no branch per empty bucket
+  // (whether a bucket is empty is a coin toss that the branch predictor
+  // loses half the time), and the slots are in cache when the walk gets
+  // there (split order visits slots in no memory order the hardware could
+  // follow).
   struct ReadAhead {
     static constexpr uint32_t kBlock = 8;
-    static constexpr uint32_t kRing = 2 * kBlock;
-    static_assert(kReadAheadBuckets > 0 && kReadAheadBuckets <= kBlock);
-    uint32_t ring[kRing];
-    uint32_t pos = 0;           // split position of the cursor's bucket
-    uint32_t lastBase = kNoRef;  // the first bucket of the block filled last
-    uint32_t at(uint32_t p) const { return ring[p % kRing]; }
+    // A bucket whose head named a slot: its place in the block, and the
+    // head as loaded (with an acquire fence after the block's loads).
+    struct Item {
+      uint32_t inBlock;
+      Mem::VersionedRef::Value head;
+    };
+    struct Block {
+      uint32_t base = kNoRef;      // its first bucket, kNoRef past the last block
+      uint32_t nextBase = kNoRef;  // the next block's
+      uint32_t rhashBase = 0;      // base's reversed index
+      uint32_t count = 0;          // items
+      // An empty bucket's end marker named another bucket than the one
+      // after it: a resize in flight or corruption, for the full walk.
+      bool bad = false;
+      Item items[kBlock];
+    };
+    // Within a block the buckets are base + q * reverse3(j) (q = numBuckets
+    // / 8) and their reversed indexes rhashBase + j * 2^(32 - log2 n): one
+    // successor() per block finds them all.
+    uint32_t offset[kBlock];
+    uint32_t rhashOffset[kBlock + 1];
+    // The cursor's block and the two after it, in turn.
+    static constexpr uint32_t kDepth = 3;
+    Block blocks[kDepth];
+    uint32_t current = 0;  // the cursor's block
   };
-  // Fills ra around bucket b (at split position pos) and prefetches ahead.
-  void readAheadFrom(uint32_t b, ReadAhead& ra);
-  // Fills the block after the one filled last (kNoRef past the last bucket).
-  void readAheadFill(ReadAhead& ra, uint32_t n, uint32_t firstPos);
-  // Prefetches the slot that the head of the bucket at split position p names.
-  [[gnu::always_inline]] static void readAheadSlot(const ReadAhead& ra, uint32_t p,
-                                                   const Mem::VersionedRef* heads, const uint8_t* slotBase,
-                                                   uint32_t mapped) {
-    const uint32_t a = ra.at(p);
-    if (a == kNoRef) return;
-    // A hint only: whatever the head names now is checked when the walk
-    // reaches it, so a relaxed load serves, and an index past the mapping
-    // is simply not prefetched.
-    const uint32_t ref = heads[a].loadRelaxed().ref;
-    if (ref < mapped) prefetchSlot(slotBase, ref);
-  }
+  // Sets ra up around c's bucket (c as the full walk left it) and reads
+  // ahead from there. REQUIRES: at least kBlock buckets.
+  void readAheadFrom(Cursor& c, ReadAhead& ra);
+  // Loads the heads of blk from block position `from` on, and prefetches
+  // what they name and the heads of the block after.
+  [[gnu::always_inline]] void readAheadBlock(ReadAhead& ra, typename ReadAhead::Block& blk, uint32_t from);
+  // Makes the next block the cursor's and reads ahead the one after it.
+  [[gnu::noinline]] void readAheadNextBlock(ReadAhead& ra);
+  // i when below mapped, else 0, worked out without a branch (as a select,
+  // the compiler makes it two paths, one per prefetch address).
+  static uint32_t withinOrZero(uint32_t i, uint32_t mapped) { return i & (0u - static_cast<uint32_t>(i < mapped)); }
   // Asks the cache for the lines of slot i (a hint: no load, no fault).
-  static void prefetchSlot(const uint8_t* slotBase, uint32_t i) {
-    const auto* p = reinterpret_cast<const char*>(SlotTable::slotAt(slotBase, kSlotSize, i));
+  // Always inlined: out of line, the compiler finds a function of nothing
+  // but prefetches free of side effects and drops the calls.
+  [[gnu::always_inline]] static void prefetchSlot(const uint8_t* slot0, uint32_t i) {
+    const auto* p = reinterpret_cast<const char*>(slot0 + size_t{i} * kSlotSize);
     for (uint32_t off = 0; off < kSlotSize; off += 64) __builtin_prefetch(p + off);
     __builtin_prefetch(p + kSlotSize - 1);
   }
@@ -341,13 +369,26 @@ class BrumeReader {
     Mem::acquireFence();
     return r.loadRelaxed();
   }
+  [[gnu::always_inline]] static uint64_t recheckWord(const Mem::VersionedRef& r) {
+    return std::bit_cast<uint64_t>(recheckInline(r));
+  }
   enum class Step : uint8_t { end, found, retry };
   // The common case of an iteration step: from a valid c's slot along its
   // chain and across empty buckets to the next entry, into out, with nothing
   // changed meanwhile. Whatever it cannot settle (a change, a resize,
   // anything unexpected) it leaves to nextLoop(), which finds the position
-  // again by rhash and key. With ra it reads ahead as it crosses buckets.
-  [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c, ReadAhead* ra);
+  // again by rhash and key. stepAhead() is the same with ra's read-ahead:
+  // it moves from a chain's end to the next bucket that ra found occupied.
+  [[gnu::always_inline]] Step stepOnce(Stored& out, Cursor& c);
+  [[gnu::always_inline]] Step stepAhead(Stored& out, Cursor& c, ReadAhead& ra);
+  // The entry at slot ref of c's chain into out, checked and re-checked,
+  // c moved onto it (the part both steps share).
+  [[gnu::always_inline]] Step stepSlot(Stored& out, Cursor& c, uint32_t ref, const uint8_t* slot0,
+                                       const Mem::VersionedRef* heads, uint32_t mapped, uint32_t mask);
+  // forEach()'s loop from c, whose entry is in *cur: f, then a step, until
+  // the end. kAhead with the read-ahead (at least kBlock buckets).
+  template <bool kAhead, typename F>
+  void walk(F& f, Cursor c, Stored* cur, Stored* prev);
   // The full walk to the entry after key (the first when key is null), c
   // moved onto it: restarts, remaps and corruption reports. A valid c stands
   // on key's entry. REQUIRES: attached; key does not point into out.

@@ -20,7 +20,7 @@ bool BrumeReader<Ops>::doNext(const Key* key, Stored& out) {
     cursor_.valid = false;
   } else if (cursor_.valid && Ops::equal(*key, cursorKey_)) {
     k = &cursorKey_;
-    const Step s = stepOnce(out, cursor_, nullptr);
+    const Step s = stepOnce(out, cursor_);
     if (s == Step::end) return false;
     if (s == Step::found) {
       cursorKey_ = Ops::keyOf(out);
@@ -47,166 +47,276 @@ void BrumeReader<Ops>::forEach(F&& f) {
   // Two buffers taken in turn: the entry f saw stays whole while the next
   // one is read, so a walk that has to find its place again has its key.
   Stored buffers[2];
-  Stored* cur = &buffers[0];
-  Stored* prev = &buffers[1];
-  // The full walk gets a cursor of its own: c's address never leaves this
-  // frame, so the steps keep it in registers.
-  Cursor found;
-  if (!nextLoop(nullptr, *cur, found)) return;
-  Cursor c = found;
+  Cursor c;
+  if (!nextLoop(nullptr, buffers[0], c)) return;
+  // A table of fewer buckets than a read-ahead block is too small for one.
+  if (numBuckets_ >= ReadAhead::kBlock) {
+    walk<true>(f, c, &buffers[0], &buffers[1]);
+  } else {
+    walk<false>(f, c, &buffers[0], &buffers[1]);
+  }
+}
+
+template <TableOps Ops>
+template <bool kAhead, typename F>
+void BrumeReader<Ops>::walk(F& f, Cursor c, Stored* cur, Stored* prev) {
   ReadAhead ra;
-  readAheadFrom(c.bucket, ra);
+  if constexpr (kAhead) readAheadFrom(c, ra);
   for (;;) {
     f(std::as_const(*cur));
     if (!attached()) return;
     std::swap(cur, prev);
-    const Step s = stepOnce(*cur, c, &ra);
+    Step s;
+    if constexpr (kAhead) {
+      s = stepAhead(*cur, c, ra);
+    } else {
+      s = stepOnce(*cur, c);
+    }
     if (s == Step::end) return;
-    if (s == Step::retry) {
+    if (s == Step::retry) [[unlikely]] {
       ++counters_.walkRestarts;
       // c still stands on prev's entry: the full walk starts from there.
+      // The full walk gets a cursor of its own: c's address never leaves
+      // this frame, so the steps keep it in registers.
       const Key k = Ops::keyOf(*prev);
-      found = c;
+      Cursor found = c;
       if (!nextLoop(&k, *cur, found)) return;
       c = found;
-      readAheadFrom(c.bucket, ra);
+      if constexpr (kAhead) {
+        if (numBuckets_ < ReadAhead::kBlock) [[unlikely]] {
+          walk<false>(f, c, cur, prev);
+          return;
+        }
+        readAheadFrom(c, ra);
+      }
     }
   }
 }
 
 template <TableOps Ops>
-void BrumeReader<Ops>::readAheadFrom(uint32_t b, ReadAhead& ra) {
-  const uint32_t n = numBuckets_;
-  ra.pos = splitPosition(b, n);
-  const uint32_t first = ra.pos - ra.pos % ReadAhead::kBlock;
-  // The base of the cursor's block: the bucket at its first position.
-  ra.lastBase = n < ReadAhead::kBlock ? 0 : bitReverse(first) >> (32 - std::countr_zero(n));
-  readAheadFill(ra, n, first);
-  if (ra.lastBase != kNoRef) {
-    ra.lastBase = n < ReadAhead::kBlock ? kNoRef : successor(ra.lastBase, n / ReadAhead::kBlock);
-  }
-  readAheadFill(ra, n, first + ReadAhead::kBlock);
-  const Mem::VersionedRef* heads = buckets_.header()->buckets();
-  for (uint32_t p = ra.pos + 1; p <= ra.pos + kReadAheadBuckets; ++p) {
-    readAheadSlot(ra, p, heads, slots_.base(), slots_.mappedSlots());
-  }
-}
-
-template <TableOps Ops>
-void BrumeReader<Ops>::readAheadFill(ReadAhead& ra, uint32_t n, uint32_t firstPos) {
+void BrumeReader<Ops>::readAheadFrom(Cursor& c, ReadAhead& ra) {
   constexpr uint32_t kBlock = ReadAhead::kBlock;
-  uint32_t* block = ra.ring + firstPos % ReadAhead::kRing;
-  if (ra.lastBase == kNoRef) {
-    for (uint32_t j = 0; j < kBlock; ++j) block[j] = kNoRef;
-    return;
-  }
-  if (n < kBlock) {
-    // Fewer buckets than a block: all of them, in split order, from the
-    // first (lastBase is 0 here).
-    for (uint32_t j = 0; j < kBlock; ++j) block[j] = j < n ? splitPosition(j, n) : kNoRef;
-    return;
-  }
-  // Position firstPos + j holds bucket reverse_k(firstPos + j), and firstPos
-  // is a multiple of 8: the low three bits of j become the top three bits of
-  // the bucket, the rest is the block's base.
+  const uint32_t n = numBuckets_;
   const uint32_t q = n / kBlock;
-  const Mem::VersionedRef* heads = buckets_.header()->buckets();
+  const uint32_t shift = 32 - static_cast<uint32_t>(std::countr_zero(n));
+  // Position 8i + j holds bucket reverse_k(8i + j): the low three bits of
+  // the position become the top three bits of the bucket, the rest is the
+  // block's base.
   static constexpr uint32_t kReverse3[kBlock] = {0, 4, 2, 6, 1, 5, 3, 7};
-  for (uint32_t j = 0; j < kBlock; ++j) {
-    block[j] = ra.lastBase + q * kReverse3[j];
-    // The heads the read-ahead loads a few buckets later.
-    __builtin_prefetch(heads + block[j]);
+  for (uint32_t j = 0; j < kBlock; ++j) ra.offset[j] = q * kReverse3[j];
+  // Wraps to 0 at kBlock when the table has exactly one block.
+  for (uint32_t j = 0; j <= kBlock; ++j) ra.rhashOffset[j] = static_cast<uint32_t>(uint64_t{j} << shift);
+  const uint32_t pos = splitPosition(c.bucket, n);
+  const uint32_t j = pos % kBlock;
+  typename ReadAhead::Block& blk = ra.blocks[0];
+  blk.base = splitPosition(pos - j, n);
+  blk.nextBase = successor(blk.base, q);
+  blk.rhashBase = (pos - j) << shift;
+  c.successor = j + 1 < kBlock ? blk.base + ra.offset[j + 1] : blk.nextBase;
+  c.item = 0;
+  ra.current = 0;
+  readAheadBlock(ra, blk, j + 1);
+  for (uint32_t i = 1; i < ReadAhead::kDepth; ++i) {
+    const typename ReadAhead::Block& before = ra.blocks[i - 1];
+    typename ReadAhead::Block& next = ra.blocks[i];
+    next.base = before.base == kNoRef ? kNoRef : before.nextBase;
+    next.count = 0;
+    next.bad = false;
+    if (next.base == kNoRef) continue;
+    next.nextBase = successor(next.base, q);
+    next.rhashBase = before.rhashBase + ra.rhashOffset[kBlock];
+    readAheadBlock(ra, next, 0);
   }
 }
 
 template <TableOps Ops>
-inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, Cursor& c, ReadAhead* ra) {
-  const BucketTable::Header* bh = buckets_.header();
-  const Mem::VersionedRef* heads = bh->buckets();
-  const uint8_t* slotBase = slots_.base();
-  const uint32_t mapped = slots_.mappedSlots();
-  const uint32_t n = numBuckets_;
-  const uint32_t own = bits_.own;
-  // The local count is c's, so numBuckets_ and bits_ describe c's chains
-  // (f may have used this reader meanwhile, and it may have remapped); the
-  // mapping then holds c's bucket (see lookupOnce()). The shared count is
-  // re-checked before the answer (R3).
-  if (n != c.numBuckets.ref) [[unlikely]] return Step::retry;
-  // The step moves c's bucket fields as it crosses buckets: a retry uses
-  // only c's rhash (the entry returned last), which moves with an answer.
-  const Mem::VersionedRef* head = heads + c.bucket;
+inline void BrumeReader<Ops>::readAheadBlock(ReadAhead& ra, typename ReadAhead::Block& blk, uint32_t from) {
+  constexpr uint32_t kBlock = ReadAhead::kBlock;
+  const Mem::VersionedRef* heads = view_.buckets;
+  const uint8_t* slot0 = view_.slot0;
+  const uint32_t mapped = view_.mappedSlots;
+  const uint32_t base = blk.base;
+  const uint32_t nextBase = blk.nextBase;  // kNoRef past the last block
+  uint32_t count = 0;
+  uint32_t bad = 0;
+  // The heads are loaded relaxed and ordered before the walk's reads of the
+  // slots they name by one acquire fence after them all (R2 re-checks each
+  // version before the answer, however much later).
+  uint32_t bucket = from < kBlock ? base + ra.offset[from] : kNoRef;
+#pragma GCC unroll 8
+  for (uint32_t j = from; j < kBlock; ++j) {
+    const uint32_t successor = j + 1 < kBlock ? base + ra.offset[j + 1] : nextBase;
+    const Mem::VersionedRef::Value head = heads[bucket].loadRelaxed();
+    // Without branches: an empty bucket is not kept (the next item
+    // overwrites it), its end marker must name the bucket after it (kNoRef
+    // after the last), and its prefetch goes to slot 0.
+    const uint32_t empty = head.ref >> 31;
+    bad |= (head.ref ^ (kEndBit | successor)) & (0u - empty);
+    blk.items[count] = {j, head};
+    count += empty ^ 1;
+    prefetchSlot(slot0, withinOrZero(head.ref, mapped));
+    bucket = successor;
+  }
+  Mem::acquireFence();
+  blk.count = count;
+  blk.bad = bad != 0;
+  // The heads read when the walk enters the block after.
+  if (nextBase == kNoRef) return;
+  for (uint32_t j = 0; j < kBlock; ++j) __builtin_prefetch(heads + nextBase + ra.offset[j]);
+}
+
+template <TableOps Ops>
+void BrumeReader<Ops>::readAheadNextBlock(ReadAhead& ra) {
+  constexpr uint32_t kDepth = ReadAhead::kDepth;
+  typename ReadAhead::Block& left = ra.blocks[ra.current];
+  ra.current = (ra.current + 1) % kDepth;
+  // The block after the one entered: its first slots were prefetched one
+  // block ago, so their next links are in cache by now, or nearly. Loaded
+  // as hints (a slot index past the mapping reads slot 0), they name the
+  // chains' second slots, which are prefetched in turn.
+  const typename ReadAhead::Block& ahead = ra.blocks[(ra.current + 1) % kDepth];
+  const uint8_t* slot0 = view_.slot0;
+  const uint32_t mapped = view_.mappedSlots;
+  for (uint32_t i = 0; i < ahead.count; ++i) {
+    const size_t first = withinOrZero(ahead.items[i].head.ref, mapped);
+    const Slot* s = reinterpret_cast<const Slot*>(slot0 + first * kSlotSize);
+    prefetchSlot(slot0, withinOrZero(s->next.loadRelaxed().ref, mapped));
+  }
+  // The block left becomes the one after that.
+  left.base = ahead.base == kNoRef ? kNoRef : ahead.nextBase;
+  left.count = 0;
+  left.bad = false;
+  if (left.base == kNoRef) return;
+  left.nextBase = successor(left.base, numBuckets_ / ReadAhead::kBlock);
+  left.rhashBase = ahead.rhashBase + ra.rhashOffset[ReadAhead::kBlock];
+  readAheadBlock(ra, left, 0);
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepSlot(Stored& out, Cursor& c, uint32_t ref,
+                                                                const uint8_t* slot0,
+                                                                const Mem::VersionedRef* heads, uint32_t mapped,
+                                                                uint32_t mask) {
+  if (ref >= mapped) [[unlikely]] return Step::retry;
+  const Slot* s = reinterpret_cast<const Slot*>(slot0 + size_t{ref} * kSlotSize);
+  // R1 for a slot nobody is updating: OCCUPIED without LOOKASIDE, the same
+  // before and after the copy. Anything else (an update under way, or a
+  // free slot in the chain, which means the chain changed after the head
+  // was read: a slot is unlinked before it is freed, W3) goes to the full
+  // walk, which reads the slot the whole way (readSlot()).
+  const uint32_t st = loadAcquire(s->status);
+  const uint32_t rh = loadRelaxed(s->rhash);
+  copyFromShared(&out, s->value(), sizeof(Stored));
+  Mem::acquireFence();  // the copy's loads stay before the re-check
+  // The entry's rhash sorts above the bound, which also keeps a corrupt
+  // link that leads back from going round, and within the bucket: the
+  // slot's rhash and the key's hash must pick the bucket with the count the
+  // walk stands on. A resize in flight (where the tolerance of half or
+  // twice the count applies) goes to the full walk, as corruption does.
+  if ((st & (kOccupied | kLookaside)) != kOccupied || loadRelaxed(s->status) != st || rh <= c.rhash ||
+      rh > c.rhashMax || (Ops::hash(Ops::keyOf(out)) & mask) != c.bucket) [[unlikely]] {
+    return Step::retry;
+  }
+  // Read before the re-check, which then covers it too (R8).
+  const uint32_t after = s->next.load().ref;
+  // R2 + R3 before the answer. The count word lies in the header just
+  // before the bucket array: taken from heads, it costs no register.
+  const Mem::VersionedRef& countRef =
+      reinterpret_cast<const BucketTable::Header*>(reinterpret_cast<const uint8_t*>(heads) -
+                                                   sizeof(BucketTable::Header))->numBuckets;
+  if (recheckInline(heads[c.bucket]).version != c.version || recheckWord(countRef) != c.countWord) [[unlikely]] {
+    return Step::retry;
+  }
+  c.rhash = rh;
+  c.next = after;
+  return Step::found;
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepOnce(Stored& out, Cursor& c) {
+  // The mappings and the count as they stand now: f may have used this
+  // reader since the last step, and remapped.
+  const uint8_t* const slot0 = view_.slot0;
+  const Mem::VersionedRef* const heads = view_.buckets;
+  const uint32_t mapped = view_.mappedSlots;
+  const uint32_t mask = view_.bucketMask;
+  // The local count must be c's, so that the masks describe c's chains; the
+  // mapping then holds every bucket below it (see lookupOnce()). The shared
+  // count is re-checked before the answer (R3).
+  if (mask + 1 != c.numBuckets()) [[unlikely]] return Step::retry;
   // c.next was read under c.version, which the answer re-checked: it is
   // the chain's link after c's slot as the chain stood then. Every answer
-  // below re-checks the head against the version the walk started from, so
-  // a chain that changed since sends the step to the full walk (R8).
+  // re-checks the head against the version the walk read it at, so a chain
+  // that changed since sends the step to the full walk (R8).
   uint32_t ref = c.next;
-  // Every entry returned sorts strictly above the one before (chains ascend
-  // in rhash, buckets in split order), so a corrupt link that leads back
-  // goes to the full walk, which reports it; free slots met on the way are
-  // bounded by the mapping.
-  uint32_t freeLeft = mapped;
-  for (;;) {
-    if (isEndMarker(ref)) {
-      // While the count stands the marker names the bucket's successor
-      // (kNoRef after the last bucket, which kEndBit leaves unchanged);
-      // anything else (a resize in flight, corruption) is verified by the
-      // full walk.
-      const uint32_t next = ra != nullptr ? ra->at(ra->pos + 1) : successor(c.bucket, n);
-      if (ref != (kEndBit | next)) return Step::retry;
-      if (next == kNoRef) return bh->numBuckets.recheck() == c.numBuckets ? Step::end : Step::retry;
-      c.bucket = next;
-      c.bucketRb -= own;  // plus 2^(32 - log2 n): the next reversed index
-      head = heads + next;
-      if (ra != nullptr) {
-        // Entering a block, the block after it replaces the one left.
-        if (++ra->pos % ReadAhead::kBlock == 0) [[unlikely]] {
-          if (ra->lastBase != kNoRef) ra->lastBase = successor(ra->lastBase, n / ReadAhead::kBlock);
-          readAheadFill(*ra, n, ra->pos + ReadAhead::kBlock);
-        }
-        readAheadSlot(*ra, ra->pos + kReadAheadBuckets, heads, slotBase, mapped);
-      }
-      // One atomic load: an empty bucket's end marker needs no re-check.
-      const Mem::VersionedRef::Value hv = head->load();
-      c.version = hv.version;
-      ref = hv.ref;
-      continue;
-    }
-    if (ref >= mapped) return Step::retry;
-    const Slot* s = SlotTable::slotAt(slotBase, kSlotSize, ref);
-    uint32_t rh;
-    const uint32_t st = readSlot(s, out, &rh);
-    if ((st & kOccupied) != 0) [[likely]] {
-      // The slot's rhash and the key's hash must pick the bucket with the
-      // count the walk stands on; a resize in flight (where the tolerance of
-      // half or twice the count applies) goes to the full walk, as
-      // corruption does.
-      if (rh <= c.rhash || (rh & own) != c.bucketRb || (Ops::hash(Ops::keyOf(out)) & (n - 1)) != c.bucket) {
-        return Step::retry;
-      }
-      // Read before the re-check, which then covers it too (R8).
-      const uint32_t after = s->next.load().ref;
-      // R2 + R3 before the answer.
-      if (recheckInline(*head).version != c.version || !(recheckInline(bh->numBuckets) == c.numBuckets)) {
-        return Step::retry;
-      }
-      // The chain's next slot, fetched while f runs.
-      if (ra != nullptr && after < mapped) prefetchSlot(slotBase, after);
-      c.rhash = rh;
-      c.next = after;
-      return Step::found;
-    }
-    if (freeLeft-- == 0) return Step::retry;
-    ref = s->next.load().ref;
-    if (recheckInline(*head).version != c.version) return Step::retry;
+  while (isEndMarker(ref)) {
+    // While the count stands the marker names the bucket's successor
+    // (kNoRef after the last bucket, which kEndBit leaves unchanged);
+    // anything else (a resize in flight, corruption) is verified by the
+    // full walk. Checking for the very successor rather than for any later
+    // bucket costs no bit reversal, and no bucket can be skipped.
+    const uint32_t next = successor(c.bucket, mask + 1);
+    if (ref != (kEndBit | next)) [[unlikely]] return Step::retry;
+    if (next == kNoRef) return recheckWord(*view_.count) == c.countWord ? Step::end : Step::retry;
+    c.bucket = next;
+    // The next bucket's rhashes follow this one's: its lowest is the bound,
+    // its highest one bucket's width (2^(32 - log2 n)) further.
+    c.rhash = c.rhashMax;
+    c.rhashMax -= view_.ownBits;
+    // One atomic load: an empty bucket's end marker needs no re-check.
+    const Mem::VersionedRef::Value hv = heads[next].load();
+    c.version = hv.version;
+    ref = hv.ref;
   }
+  return stepSlot(out, c, ref, slot0, heads, mapped, mask);
+}
+
+template <TableOps Ops>
+inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepAhead(Stored& out, Cursor& c, ReadAhead& ra) {
+  const uint8_t* const slot0 = view_.slot0;
+  const Mem::VersionedRef* const heads = view_.buckets;
+  const uint32_t mapped = view_.mappedSlots;
+  const uint32_t mask = view_.bucketMask;
+  // As in stepOnce(); ra was set up for c's count too.
+  if (mask + 1 != c.numBuckets()) [[unlikely]] return Step::retry;
+  uint32_t ref = c.next;
+  if (isEndMarker(ref)) {
+    // The chain's end must name the bucket after it; the buckets between
+    // it and the next one ra found occupied were found empty, each with the
+    // end marker that names the bucket after it.
+    if (ref != (kEndBit | c.successor)) [[unlikely]] return Step::retry;
+    const typename ReadAhead::Block* blk = &ra.blocks[ra.current];
+    for (;;) {
+      // The block's empty buckets are passed only if their markers held.
+      if (blk->bad) [[unlikely]] return Step::retry;
+      if (c.item < blk->count) break;
+      if (blk->nextBase == kNoRef) {
+        return recheckWord(*view_.count) == c.countWord ? Step::end : Step::retry;
+      }
+      readAheadNextBlock(ra);
+      blk = &ra.blocks[ra.current];
+      c.item = 0;
+    }
+    const typename ReadAhead::Item& it = blk->items[c.item++];
+    const uint32_t j = it.inBlock;
+    c.bucket = blk->base + ra.offset[j];
+    c.successor = j + 1 < ReadAhead::kBlock ? blk->base + ra.offset[(j + 1) % ReadAhead::kBlock] : blk->nextBase;
+    // Everything below the bucket was passed.
+    c.rhash = blk->rhashBase + ra.rhashOffset[j] - 1;
+    c.rhashMax = blk->rhashBase + ra.rhashOffset[j + 1] - 1;
+    c.version = it.head.version;
+    ref = it.head.ref;
+  }
+  return stepSlot(out, c, ref, slot0, heads, mapped, mask);
 }
 
 template <TableOps Ops>
 bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
-  // Where the walk resumes: after (r, *key) in chain order. The cursor's
-  // entry is sorted by the rhash its slot had, so it needs no hashing, and
-  // a stored key whose hash disagrees with its slot's rhash cannot send the
-  // walk back.
+  // Where the walk resumes: after (r, *key) in chain order. A valid cursor
+  // gives the rhash its entry's slot had, or the bound below a bucket the
+  // step had crossed into (every rhash below it was passed): it needs no
+  // hashing, and a stored key whose hash disagrees with its slot's rhash
+  // cannot send the walk back.
   const uint32_t r = c.valid ? c.rhash : key != nullptr ? bitReverse(Ops::hash(*key)) : 0;
   const char* corruptKey = key != nullptr ? "BrumeReader::doNext() corrupt key detected key:"
                                           : "BrumeReader::first() corrupt key detected, key:";
@@ -276,7 +386,7 @@ bool BrumeReader<Ops>::nextLoop(const Key* key, Stored& out, Cursor& c) {
               restart = true;
               break;
             }
-            c = {true, b, rb, hv.version, rh, nb, next};
+            c = {true, b, hv.version, rh, rb | ~bits_.own, std::bit_cast<uint64_t>(nb), next, 0, 0};
             return true;
           }
         }
