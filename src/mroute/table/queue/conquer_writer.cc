@@ -192,10 +192,12 @@ void ConquerWriter::compact(uint64_t minSeq) {
                "ConquerWriter::compact() compacting " << tableName(dst) << " table conquerPos:" << currentPos_
                                                       << " minSeq:" << minSeq << " sequence_:" << sequence_);
   // First pass: check the order and count what survives.
+  const ConquerTable::Entry* entries = &entryAt(src, 0);
   uint64_t live = 0;
   uint64_t prev = 0;
   for (uint32_t p = 0; p < currentPos_; ++p) {
-    const auto [seq, slot] = entry(p);
+    const uint64_t seq = conquer::loadSequence(entries[p]);
+    const uint32_t slot = conquer::loadSlot(entries[p]);
     if (seq <= prev) {
       std::ostringstream os;
       os << "ConquerWriter::compact() prevNot:" << prev << " not in ascending order n.sequence:" << seq
@@ -215,8 +217,11 @@ void ConquerWriter::compact(uint64_t minSeq) {
   Mem::releaseFence();
   std::fill(positions_.begin(), positions_.end(), kNoPosition);
   uint32_t n = 0;
-  for (uint32_t p = 0; p < currentPos_; ++p) {
-    const auto [seq, slot] = entry(p);
+  entries = &entryAt(src, 0);  // taken again: growing dst may have moved mappings
+  // Nothing survives when every reader has caught up (or none is connected).
+  for (uint32_t p = 0; live != 0 && p < currentPos_; ++p) {
+    const uint64_t seq = conquer::loadSequence(entries[p]);
+    const uint32_t slot = conquer::loadSlot(entries[p]);
     if (slot == ConquerTable::kTombstone || seq <= minSeq) continue;
     conquer::storeEntry(entryAt(dst, n), seq, slot);
     if (slot < positions_.size()) positions_[slot] = n;
