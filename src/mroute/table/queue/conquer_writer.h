@@ -221,6 +221,7 @@ class ConquerWriter {
   bool reuse();
   uint64_t carriedSequence() const;
   bool format(uint32_t t, bool created);
+  bool reserveFailed(uint32_t t, uint64_t bytes, const char* who);
   bool growFile(uint32_t t, uint32_t notifications);
   bool validateEntries(std::string* why) const;
   // Makes room in positions_ for `slot`.

@@ -89,19 +89,23 @@ uint64_t ConquerWriter::carriedSequence() const {
   return high < (uint64_t{1} << 62) ? high : 0;
 }
 
+// File t could not be sized or given `bytes`: traces why under `who` and
+// keeps the reason for error(). Returns false.
+bool ConquerWriter::reserveFailed(uint32_t t, uint64_t bytes, const char* who) {
+  const Mem::ShmFile& f = files_[t];
+  MROUTE_TRACE(brumeTrace(), kTraceError,
+               who << " failed to resize " << paths_[t] << " to size " << bytes << " reason:" << f.error());
+  error_ = f.error();
+  return false;
+}
+
 bool ConquerWriter::format(uint32_t t, bool created) {
   Mem::ShmFile& f = files_[t];
   const uint64_t bytes = ConquerTable::fileSize(minCapacity_);
   const int64_t size = f.fileSize();
   // Files never shrink (QW6): a reader of an earlier incarnation may still map
   // the old length.
-  if (size < 0 || !f.reserve(bytes)) {
-    MROUTE_TRACE(brumeTrace(), kTraceError,
-                 "ConquerWriter::attachConquer() failed to resize " << paths_[t] << " to size " << bytes
-                                                                    << " reason:" << f.error());
-    error_ = f.error();
-    return false;
-  }
+  if (size < 0 || !f.reserve(bytes)) return reserveFailed(t, bytes, "ConquerWriter::attachConquer()");
   const size_t mapBytes = std::max<uint64_t>(bytes, static_cast<uint64_t>(size));
   if (!(f.isMapped() ? f.remap(mapBytes) : f.map(mapBytes))) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
@@ -177,13 +181,7 @@ bool ConquerWriter::growFile(uint32_t t, uint32_t notifications) {
     return false;
   }
   const int64_t size = f.fileSize();
-  if (size < 0 || !f.reserve(bytes)) {
-    MROUTE_TRACE(brumeTrace(), kTraceError,
-                 "ConquerWriter::resize() failed to resize " << paths_[t] << " to size " << bytes
-                                                             << " reason:" << f.error());
-    error_ = f.error();
-    return false;
-  }
+  if (size < 0 || !f.reserve(bytes)) return reserveFailed(t, bytes, "ConquerWriter::resize()");
   uint8_t* const oldBase = f.base();
   if (f.mappedSize() < bytes && !f.remap(bytes)) {
     MROUTE_TRACE(brumeTrace(), kTraceError,
