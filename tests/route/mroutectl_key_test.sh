@@ -31,4 +31,11 @@ err=$("$mroutectl" key --parse "Value('Routing::Multicast::Fib::IpGenRouteKey', 
 rc=$?
 [ "$rc" = 2 ] || fail "bad text form exited $rc"
 echo "$err" | grep -q '(matches == 2)$' || fail "bad text form: $err"
+
+# Two ways of giving the key at once are refused, not one picked silently.
+err=$("$mroutectl" key --parse "(*,239.1.1.1)" --raw 0.0.0.0/0 239.1.1.1/32 2>&1 >/dev/null)
+rc=$?
+[ "$rc" = 2 ] || fail "--parse with --raw exited $rc"
+[ "$err" = "mroutectl key: give a key, or --parse, or --raw, not several (see mroutectl key --help)" ] ||
+  fail "--parse with --raw: $err"
 echo PASS

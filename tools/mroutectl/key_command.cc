@@ -246,9 +246,11 @@ struct KeyOptions {
 
 void runKey(const KeyOptions& o, Context& ctx) {
   Args args;
-  if (!o.parse.empty()) args = {"--parse", o.parse};
-  if (!o.raw.empty()) args = {"--raw", o.raw[0], o.raw[1]};
-  if (!args.empty() && !o.words.empty()) {
+  // Appended word by word: GCC 12 at -O3 reports a false -Warray-bounds on
+  // assigning an initializer list to the vector.
+  if (!o.parse.empty()) args.insert(args.end(), {std::string_view("--parse"), o.parse});
+  if (!o.raw.empty()) args.insert(args.end(), {std::string_view("--raw"), o.raw[0], o.raw[1]});
+  if (args.size() > 3 || (!args.empty() && !o.words.empty())) {
     throw CommandError(kExitUsage, "give a key, or --parse, or --raw, not several (see mroutectl key --help)");
   }
   args.insert(args.end(), o.words.begin(), o.words.end());
