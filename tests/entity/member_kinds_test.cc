@@ -1,10 +1,9 @@
 // The member kinds beyond plain attributes and value collections, on the
 // sample Tree and Branch: references, cross-attribute checks, children keyed
-// by values, shared tables, named factories and inheritance. Constants and
-// explicit ids are pinned by the golden files; counters and records filed
-// under their own key are the conformance suite's.
+// by values, shared tables, named factories and inheritance; constants and
+// mount paths. Attribute ids and registry records are in attribute_test.cc;
+// counters and records filed under their own key are the conformance suite's.
 #include <gtest/gtest.h>
-
 
 #include "entitygen_sample/sample.h"
 #include "testing/expect_assert.h"
@@ -81,10 +80,21 @@ TEST_F(TreeTest, ChildrenKeyedByAValueAreNamedByItsText) {
   EXPECT_EQ(order, "abc");
 }
 
-TEST(TreePathTest, MountPathTakesVrfAndApplication) {
-  EXPECT_EQ(Tree::mountPath(Orvet::AddressFamily(2), L3::VrfName("red"), "pim"), "sample6/tree/red/pim");
-  EXPECT_ASSERTION(Tree::mountPath(Orvet::AddressFamily(0), L3::VrfName("red"), "pim"),
-                   "false && \"Unsupported address family\"");
+// A path per address family; a tree's takes its VRF and application.
+TEST(MountPathTest, DeclaredPathsByFamily) {
+  const Orvet::AddressFamily v4(1), v6(2);
+  const L3::VrfName red("red");
+  EXPECT_EQ(Holder::mountPath(v4), "sample/holder");
+  EXPECT_EQ(Holder::mountPath(v6), "sample6/holder");
+  EXPECT_EQ(Tree::mountPath(v4, red, "pim"), "sample/tree/red/pim");
+  EXPECT_EQ(Tree::mountPath(v6, red, "pim"), "sample6/tree/red/pim");
+  EXPECT_ASSERTION(Tree::mountPath(Orvet::AddressFamily(0), red, "pim"), "false && \"Unsupported address family\"");
+}
+
+// Constants are read without an entity, as described.
+TEST(ConstantTest, ValuesAsDescribed) {
+  EXPECT_TRUE(Holder::flagDefault());
+  EXPECT_EQ(Kiv::textOf(Tree::prefixGroup()), "224.0.0.0/4");
 }
 
 class TreeTableTest : public TreeTest {

@@ -13,6 +13,7 @@ using Sample::Lone;
 using Sample::Marks;
 using Sample::Octet;
 using Sample::Pair;
+using Sample::RackSlot;
 using Sample::Slot;
 using Sample::Span;
 using Sample::Volume;
@@ -97,6 +98,10 @@ TEST(FlagSetTest, NamesLimitsWholeWordsAndBareFlags) {
 }
 
 TEST(BoundedValueTest, DefaultsConstantsAndRangeErrors) {
+  EXPECT_EQ(Slot(), Slot::none);
+  EXPECT_EQ(Slot::none.value(), 9);
+  EXPECT_EQ(Slot::first.value(), 0);
+  EXPECT_EQ(Slot::kUsable, 9);
   EXPECT_TRUE(Slot().isNone());
   EXPECT_FALSE(Slot::first.isNone());
   const char* error = "Slot::value < Slot::first or > Slot::none not allowed";
@@ -116,6 +121,25 @@ TEST(BoundedValueTest, DefaultsConstantsAndRangeErrors) {
   EXPECT_LT(Weight(2), Weight(300));
   std::unordered_set<Weight> set{Weight(7), Weight(7), Weight(8)};
   EXPECT_EQ(set.size(), 2u);
+}
+
+// Constants made by functions, each with its test: none() is the default,
+// waiting() alone is not ready.
+TEST(BoundedValueTest, ConstantFunctionsAndTheirTests) {
+  EXPECT_EQ(RackSlot(), RackSlot::none());
+  const struct {
+    RackSlot slot;
+    uint16_t value;
+    bool none, ready;
+  } cases[] = {{RackSlot::none(), 65535, true, true},
+               {RackSlot::waiting(), 65534, false, false},
+               {RackSlot(65533), 65533, false, true},
+               {RackSlot(0), 0, false, true}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.slot.value(), c.value);
+    EXPECT_EQ(c.slot.isNone(), c.none) << c.value;
+    EXPECT_EQ(c.slot.isReady(), c.ready) << c.value;
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // inherits, references (within the tree and to another mounted tree),
 // constructor attributes, shared tables (as their mount path) and the
 // read-only proxy's refusal or conversion; and the mount-path table.
+#include <set>
 #include <string>
 
 #include "entitygen_sample/sample.h"
@@ -130,6 +131,24 @@ TEST(MountTypesTest, EveryDeclaredAndComputedPathNamesItsType) {
   EXPECT_EQ(mountType("sample/tree/red"), nullptr);  // one element short
   EXPECT_EQ(mountType("sample/holder/x"), nullptr);
   EXPECT_EQ(mountType("sample/tree/red/pim")->make, nullptr);  // built only with constructor attributes
+
+  // The sample registers the paths it declares, with a '*' for each computed
+  // element, and nothing else; Leaf and Branch, declaring none, by name only.
+  std::set<std::pair<std::string, std::string>> samplePatterns;
+  for (const auto& p : mountPatterns()) {
+    if (p.second.starts_with("Sample::")) samplePatterns.insert(p);
+  }
+  EXPECT_EQ(samplePatterns, (std::set<std::pair<std::string, std::string>>{
+                                {"sample/holder", "Sample::Holder"},
+                                {"sample6/holder", "Sample::Holder"},
+                                {"sample/tree/*/*", "Sample::Tree"},
+                                {"sample6/tree/*/*", "Sample::Tree"}}));
+  for (const char* type : {"Sample::Leaf", "Sample::Branch"}) {
+    const MountType* m = mountTypeNamed(type);
+    ASSERT_NE(m, nullptr) << type;
+    ASSERT_NE(m->make, nullptr) << type;
+    EXPECT_EQ(m->make(Name("x"))->fwkType().name, type);
+  }
 }
 
 }  // namespace
