@@ -22,7 +22,11 @@
 // peer in turn, then pass k+1: a slow spell covers the same pass of every
 // peer. A figure is the median pass (ns per operation), a ratio the median
 // over passes of the ratio of the same pass, printed with its quartiles.
-// Inserts, removes, memory and reader scaling are taken once per run.
+// Before its timed pass k a peer replays its pass k-1 untimed, so that the
+// timed pass finds the caches as its own loop leaves them (see interleave).
+// Times are the thread's CPU time (a pass the scheduler interrupts is not
+// charged for another process). Inserts, removes, memory and reader scaling
+// are taken once per run.
 //
 // Phases, each peer in turn: inserts, update passes, readers opened and every
 // entry read once (lookups are timed warm: a long-lived reader has its
@@ -309,7 +313,8 @@ int main(int argc, char** argv) {
   }
   if (sizes.empty()) sizes = {12000, 1000000};
   std::printf(
-      "Shared-memory table vs peers: 48-byte key, 168-byte value; ns per operation, and peer / ours\n");
+      "Shared-memory table vs peers: 48-byte key, 168-byte value; ns per operation (the thread's CPU time), "
+      "and peer / ours\n");
   std::printf(
       "Lookups, updates and iterations in passes, a pass of every peer in turn: the median pass, and the\n"
       "median over passes of the same pass's ratio (its quartiles in brackets)\n");
