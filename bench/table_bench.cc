@@ -18,7 +18,7 @@
 // The machine's speed moves by half or more for seconds at a time, so that a
 // peer measured after another may land in a slow spell the other missed.
 // Updates, lookups and iterations are therefore timed in short passes (a
-// millisecond or two for ours; one whole iteration per pass), pass k of every
+// millisecond or two for ours; whole iterations), pass k of every
 // peer in turn, then pass k+1: a slow spell covers the same pass of every
 // peer. A figure is the median pass (ns per operation), a ratio the median
 // over passes of the ratio of the same pass, printed with its quartiles.
@@ -131,8 +131,14 @@ void runOnce(const Run& run, const std::string& picked, Results& res) {
                p.lookups(begin, end);
                return static_cast<uint64_t>(end - begin);
              });
-  interleave(peers, kIterate, run.passes, true, res.iterate,
-             [](Peer& p, uint64_t) { return p.iteratePass(); });
+  interleave(peers, kIterate, passesOf(run.passes, run.iterationsPerPass), true, res.iterate,
+             [&](Peer& p, uint64_t k) {
+               const uint64_t first = k * run.iterationsPerPass;
+               const uint64_t last = std::min<uint64_t>(run.passes, first + run.iterationsPerPass);
+               uint64_t entries = 0;
+               for (uint64_t i = first; i < last; ++i) entries += p.iteratePass();
+               return entries;
+             });
   if (run.scaling) {
     for (auto& p : peers) p->scaling();
   }
@@ -244,10 +250,12 @@ void print(const Run& run, const Results& res) {
   const OneShot ours = shots("ours");
   const std::vector<std::string> peers = {"std", "boost", "lmdb"};
   std::printf(
-      "\n%u entries (%llu lookups in passes of %llu, %llu updates in passes of %llu, %u iteration passes)\n",
+      "\n%u entries (%llu lookups in passes of %llu, %llu updates in passes of %llu, %u iterations in passes "
+      "of "
+      "%u)\n",
       run.n, static_cast<unsigned long long>(run.lookups),
       static_cast<unsigned long long>(run.lookupsPerPass), static_cast<unsigned long long>(run.updates),
-      static_cast<unsigned long long>(run.updatesPerPass), run.passes);
+      static_cast<unsigned long long>(run.updatesPerPass), run.passes, run.iterationsPerPass);
   std::printf("  %-22s %9s", "operation", "ours");
   for (const std::string& p : peers) std::printf(" %10s %21s", p.c_str(), "");
   std::printf("\n");

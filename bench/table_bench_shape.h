@@ -103,11 +103,12 @@ struct Run {
   uint32_t n;
   uint64_t lookups;
   uint64_t updates;
-  uint32_t passes;  // whole iterations, each timed on its own
+  uint32_t passes;  // whole iterations timed
   // Lookups and updates are timed in passes of this many operations (the
   // last one may be shorter), a pass of every peer in turn.
   uint64_t lookupsPerPass;
   uint64_t updatesPerPass;
+  uint32_t iterationsPerPass;   // whole iterations timed together
   std::vector<uint32_t> order;  // random lookup order
   std::vector<uint32_t> updateOrder;
   bool scaling = true;  // MROUTE_BENCH_SCALING=0: no reader processes (for a run under callgrind)
@@ -118,7 +119,8 @@ inline Run makeRun(uint32_t n) {
   // and over, not once each. Iteration: whole passes until 2,000,000 entries
   // were visited (a pass at 12,000 entries is a fraction of a millisecond:
   // its median needs many), and at least five.
-  // A pass lasts a millisecond or two for ours: long enough for the clock,
+  // A pass lasts a millisecond or two for ours (an iteration pass visits
+  // 100,000 entries or one whole iteration): long enough for the clock,
   // short enough that a slow spell of the machine (seconds) covers the same
   // pass of every peer.
   const bool large = n >= 100000;
@@ -129,6 +131,7 @@ inline Run makeRun(uint32_t n) {
   r.passes = std::max(5u, (2000000 + n - 1) / n);
   r.lookupsPerPass = large ? 5000 : 50000;
   r.updatesPerPass = large ? 2000 : 20000;
+  r.iterationsPerPass = std::max(1u, 100000 / n);
   if (const char* env = std::getenv("MROUTE_BENCH_LOOKUPS")) r.lookups = std::strtoull(env, nullptr, 10);
   if (const char* env = std::getenv("MROUTE_BENCH_PASSES")) r.passes = std::max(1, std::atoi(env));
   if (const char* env = std::getenv("MROUTE_BENCH_UPDATES"))
