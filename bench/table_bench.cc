@@ -115,7 +115,12 @@ void runOnce(const Run& run, const std::string& picked, Results& res) {
   add(makeBareUpdate(run, false));
   add(makeBareUpdate(run, true));
 
-  std::erase_if(peers, [](const std::unique_ptr<Peer>& p) { return !p->insertAll(); });
+  // Inserts, each peer in turn; a peer that cannot run leaves.
+  std::vector<std::unique_ptr<Peer>> running;
+  for (auto& p : peers) {
+    if (p->insertAll()) running.push_back(std::move(p));
+  }
+  peers = std::move(running);
   interleave(peers, kUpdate, passesOf(run.updates, run.updatesPerPass), false, res.update,
              [&](Peer& p, uint64_t k) {
                const auto [begin, end] = slice(run.updateOrder, run.updatesPerPass, k);

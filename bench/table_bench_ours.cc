@@ -43,7 +43,7 @@ class Ours final : public Peer {
  public:
   explicit Ours(const Run& run) : Peer("ours", run, kUpdate | kLookup | kIterate), dir_(benchDir("ours")) {}
   ~Ours() override {
-    if (writer_) writer_->cleanup();
+    if (attached_) writer_->cleanup();
     reader_.reset();
     writer_.reset();
     std::filesystem::remove_all(dir_);
@@ -59,6 +59,7 @@ class Ours final : public Peer {
       std::fprintf(stderr, "ours: attach failed\n");
       return false;
     }
+    attached_ = true;
     w.conquer()->updateNumReaders(0);  // no reader connected: prune what fills
     const auto t = Clock::now();
     for (uint32_t i = 0; i < run_.n; ++i) w.write(Stored(makeValue(i, 1)));
@@ -148,6 +149,7 @@ class Ours final : public Peer {
   const std::string dir_;
   std::optional<Brume::BrumeWriter<Ops>> writer_;
   std::optional<Brume::BrumeReader<Ops>> reader_;
+  bool attached_ = false;
 };
 
 }  // namespace
