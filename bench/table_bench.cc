@@ -66,7 +66,8 @@ using Rounds = std::vector<Round>;
 // untimed right before its timed pass k: that pass finds the caches as the
 // peer's own uninterrupted loop would leave them. Pass 0 is preceded by
 // itself where the figure only reads (replayFirst), and by nothing for
-// updates, which must not write more than the run says.
+// updates: their first pass follows the inserts, and a run of one update
+// pass (the callgrind recipe's) writes no more than it says.
 template <typename Pass>
 void interleave(std::vector<std::unique_ptr<Peer>>& peers, Figure figure, uint64_t passes, bool replayFirst,
                 Rounds& out, Pass pass) {

@@ -3,7 +3,8 @@
 // passes, iteration passes, scaling, removeAll) and times the passes itself,
 // a pass of every peer in turn, so that a slow spell of the machine falls on
 // the same pass of every peer; before a peer's timed pass k it replays the
-// peer's pass k-1 untimed (table_bench.cc, interleave). A peer takes part only in the figures it has.
+// peer's pass k-1 untimed (table_bench.cc, interleave). A peer takes part
+// only in the figures it has.
 #pragma once
 
 #include <cstdint>
