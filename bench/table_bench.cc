@@ -8,389 +8,182 @@
 //   lmdb      LMDB (one writer, lock-free readers; one transaction per
 //             write, a renewed read transaction per lookup)
 //   floor     two dependent random loads over the same working set (bucket
-//             word, then slot): what a lookup cannot beat
-// Prints ns per operation and each peer's time divided by ours. Lookups are
-// timed warm: every structure was read through once before (a long-lived
-// reader has its mapping faulted in). Also: memory per entry when full, and
-// reader scaling for ours and Boost: aggregate lookups per second of 1 and 2
-// reader processes while the writer churns in-place updates.
+//             word, then slot): what a lookup cannot beat; and a bare chained
+//             table on our chains (lookup, update, iteration)
+// Prints ns per operation and each peer's time divided by ours. Also: memory
+// per entry when full, and reader scaling for ours and Boost: aggregate
+// lookups per second of 1 and 2 reader processes while the writer churns
+// in-place updates.
 //
-// Every peer's updates run right after its inserts, before any lookup: our
-// reader lives in this process under a second mapping of the same pages, and
-// on this machine a store through the writer's mapping to a line last read
-// through the reader's costs 30-50 ns more (measured): a cost of one process
-// holding two addresses of a line, which no peer here pays (each reads and
-// writes through one address).
+// The machine's speed moves by half or more for seconds at a time, so that a
+// peer measured after another may land in a slow spell the other missed.
+// Updates, lookups and iterations are therefore timed in short passes (a
+// millisecond or two for ours; whole iterations), pass k of every
+// peer in turn, then pass k+1: a slow spell covers the same pass of every
+// peer. A figure is the median pass (ns per operation), a ratio the median
+// over passes of the ratio of the same pass, printed with its quartiles.
+// Before its timed pass k a peer replays its pass k-1 untimed, so that the
+// timed pass finds the caches as its own loop leaves them (see interleave).
+// Times are the thread's CPU time (a pass the scheduler interrupts is not
+// charged for another process). Inserts, removes, memory and reader scaling
+// are taken once per run.
 //
-// --benchmark_repetitions=N runs every figure N times and prints medians.
+// Phases, each peer in turn: inserts, update passes, readers opened and every
+// entry read once (lookups are timed warm: a long-lived reader has its
+// mapping faulted in), lookup passes, iteration passes, reader scaling,
+// removes. Every peer's updates run before any lookup: our reader lives in
+// this process under a second mapping of the same pages, and on this machine
+// a store through the writer's mapping to a line last read through the
+// reader's costs 30-50 ns more (measured): a cost of one process holding two
+// addresses of a line, which no peer here pays (each reads and writes through
+// one address).
+//
+// --benchmark_repetitions=N repeats the whole run N times: the passes of all
+// runs make the timed figures, the one-shot figures are medians of the runs.
 //
 // Boost and LMDB are optional: without them their columns read "-".
-#include <bit>
+#include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <functional>
-#include <tuple>
-#include <unordered_map>
+#include <map>
+#include <memory>
+#include <string>
 
-#include "mroute/table/engine/brume_reader.h"
-#include "mroute/table/engine/brume_writer.h"
-#include "mroute/table/engine/value_wrapper.h"
-#include "table_bench_shape.h"
+#include "table_bench_peer.h"
 
 namespace {
 
 using namespace TableBench;
 
-using Stored = KivBrume::KivBrumeMapValueWrapper<Value, Key, &Value::key>;
-using Ops = Brume::DefaultOps<Key, Stored>;
-static_assert(sizeof(Stored) + 16 == 184);
+// ---- Passes ------------------------------------------------------------------
 
-// ---- Ours ------------------------------------------------------------------
+using Round = std::map<std::string, double>;  // peer -> ns per operation in one pass
+using Rounds = std::vector<Round>;
 
-// Functions of their own, so that a run under callgrind can count the
-// instructions of the timed lookups and of a whole iteration (inclusive cost
-// divided by lookups or entries): the reader's fast paths are inlined.
-[[gnu::noinline]] uint64_t lookupOurs(Brume::BrumeReader<Ops>& r, const Run& run) {
-  Stored out;
-  uint64_t sum = 0;
-  for (uint32_t i : run.order) {
-    if (r.lookup(makeKey(i), out)) sum += out.value.payload[3];
+// Runs `passes` passes of one figure, interleaved: pass k of every peer that
+// has the figure, in the peers' order, then pass k+1. pass(peer, k) runs the
+// peer's pass k and returns the operations it made. The other peers' passes
+// leave the caches full of their own lines, so a peer's pass k-1 is replayed
+// untimed right before its timed pass k: that pass finds the caches as the
+// peer's own uninterrupted loop would leave them. Pass 0 is preceded by
+// itself where the figure only reads (replayFirst), and by nothing for
+// updates: their first pass follows the inserts, and a run of one update
+// pass (the callgrind recipe's) writes no more than it says.
+template <typename Pass>
+void interleave(std::vector<std::unique_ptr<Peer>>& peers, Figure figure, uint64_t passes, bool replayFirst,
+                Rounds& out, Pass pass) {
+  for (uint64_t k = 0; k < passes; ++k) {
+    Round round;
+    for (auto& p : peers) {
+      if (!p->has(figure)) continue;
+      if (k > 0 || replayFirst) {
+        p->setReplaying(true);
+        pass(*p, k > 0 ? k - 1 : 0);
+        p->setReplaying(false);
+      }
+      const auto t = Clock::now();
+      const uint64_t ops = pass(*p, k);
+      if (ops > 0) round[p->name()] = nsSince(t, ops);
+    }
+    out.push_back(std::move(round));
   }
-  return sum;
 }
-[[gnu::noinline]] uint64_t iterateOurs(Brume::BrumeReader<Ops>& r, uint64_t* sum) {
-  uint64_t count = 0;
-  r.forEach([&](const Stored& e) {
-    *sum += e.value.payload[0];
-    ++count;
-  });
-  return count;
+
+// The slice of `order` pass k covers.
+std::pair<const uint32_t*, const uint32_t*> slice(const std::vector<uint32_t>& order, uint64_t perPass,
+                                                  uint64_t k) {
+  const uint64_t begin = k * perPass;
+  return {order.data() + begin, order.data() + std::min<uint64_t>(order.size(), begin + perPass)};
 }
+uint64_t passesOf(uint64_t ops, uint64_t perPass) { return (ops + perPass - 1) / perPass; }
 
-Figures benchOurs(const Run& run) {
-  Figures f;
-  const std::string dir = benchDir("ours");
-  Brume::TableConfig c;
-  c.name = "bench";
-  c.initialSize = run.n;
-  c.maxSize = run.n;
-  Brume::BrumeWriter<Ops> w{Mem::RootPath(dir), c};
-  if (!w.attach()) {
-    std::fprintf(stderr, "ours: attach failed\n");
-    return f;
-  }
-  w.conquer()->updateNumReaders(0);  // no reader connected: prune what fills
-  auto t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) w.write(Stored(makeValue(i, 1)));
-  f.insert = nsSince(t, run.n);
-  f.bytesPerEntry = dirBytes(dir) / run.n;
-  // Updates before any lookup, as for every peer (see the top of the file).
-  t = Clock::now();
-  uint64_t version = 2;
-  for (uint32_t i : run.updateOrder) w.write(Stored(makeValue(i, version++)));
-  f.update = nsSince(t, run.updates);
+struct Results {
+  Rounds update, lookup, iterate;
+  std::map<std::string, std::vector<OneShot>> shots;  // one per run
+};
 
-  Brume::BrumeReader<Ops> r{Mem::RootPath(dir)};
-  if (!r.initialize()) {
-    std::fprintf(stderr, "ours: reader initialize failed\n");
-    return f;
-  }
-  Stored out;
-  uint64_t sum = 0;
-  // Warm-up: a long-lived reader has every page of its mapping faulted in.
-  for (uint32_t i = 0; i < run.n; ++i) sum += r.lookup(makeKey(i), out);
-  t = Clock::now();
-  sum += lookupOurs(r, run);
-  f.lookup = nsSince(t, run.lookups);
-
-  t = Clock::now();
-  uint64_t count = 0;
-  for (uint32_t pass = 0; pass < run.passes; ++pass) count += iterateOurs(r, &sum);
-  f.iterate = nsSince(t, count);
-
-  auto readerLoop = [&](ScalingShared& sh) -> uint64_t {
-    Brume::BrumeReader<Ops> pr{Mem::RootPath(dir)};
-    if (!pr.initialize()) return 0;
-    Stored o;
-    uint64_t s = 0;
-    const uint64_t n = readUntilStopped(sh, run, [&](uint32_t i) {
-      if (pr.lookup(makeKey(i), o)) s += o.value.payload[3];
-    });
-    gSink = s;
-    return n;
+void runOnce(const Run& run, const std::string& picked, Results& res) {
+  std::vector<std::unique_ptr<Peer>> peers;
+  auto add = [&](std::unique_ptr<Peer> p) {
+    if (p) peers.push_back(std::move(p));
   };
-  auto writeOne = [&](uint64_t k) { w.write(Stored(makeValue(run.updateOrder[k % run.updates], version++))); };
+  add(makeOurs(run));
+  if (picked.find("std") != std::string::npos) add(makeStd(run));
+  if (picked.find("boost") != std::string::npos) add(makeBoost(run));
+  if (picked.find("lmdb") != std::string::npos) add(makeLmdb(run));
+  add(makeFloor(run, false));
+  add(makeFloor(run, true));
+  add(makeBareChained(run));
+  add(makeBareUpdate(run, false));
+  add(makeBareUpdate(run, true));
+
+  // Inserts, each peer in turn; a peer that cannot run leaves.
+  std::vector<std::unique_ptr<Peer>> running;
+  for (auto& p : peers) {
+    if (p->insertAll()) running.push_back(std::move(p));
+  }
+  peers = std::move(running);
+  interleave(peers, kUpdate, passesOf(run.updates, run.updatesPerPass), false, res.update,
+             [&](Peer& p, uint64_t k) {
+               const auto [begin, end] = slice(run.updateOrder, run.updatesPerPass, k);
+               p.updates(begin, end);
+               return static_cast<uint64_t>(end - begin);
+             });
+  for (auto& p : peers) {
+    if (!p->startReading()) p->leave(kLookup | kIterate);
+  }
+  interleave(peers, kLookup, passesOf(run.lookups, run.lookupsPerPass), true, res.lookup,
+             [&](Peer& p, uint64_t k) {
+               const auto [begin, end] = slice(run.order, run.lookupsPerPass, k);
+               p.lookups(begin, end);
+               return static_cast<uint64_t>(end - begin);
+             });
+  interleave(peers, kIterate, passesOf(run.passes, run.iterationsPerPass), true, res.iterate,
+             [&](Peer& p, uint64_t k) {
+               const uint64_t first = k * run.iterationsPerPass;
+               const uint64_t last = std::min<uint64_t>(run.passes, first + run.iterationsPerPass);
+               uint64_t entries = 0;
+               for (uint64_t i = first; i < last; ++i) entries += p.iteratePass();
+               return entries;
+             });
   if (run.scaling) {
-    std::tie(f.lookups1, f.writes1) = scaling(1, readerLoop, writeOne);
-    std::tie(f.lookups2, f.writes2) = scaling(2, readerLoop, writeOne);
+    for (auto& p : peers) p->scaling();
   }
-
-  t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) w.remove(makeKey(i));
-  f.remove = nsSince(t, run.n);
-  gSink = sum;
-  w.cleanup();
-  std::filesystem::remove_all(dir);
-  return f;
+  for (auto& p : peers) p->removeAll();
+  for (auto& p : peers) res.shots[p->name()].push_back(p->oneShot());
 }
 
-// ---- std::unordered_map ------------------------------------------------------
+// ---- Statistics ----------------------------------------------------------------
 
-// Counts the bytes the map holds (nodes and bucket array).
-size_t gStdBytes = 0;
-template <typename T>
-struct CountingAlloc {
-  using value_type = T;
-  CountingAlloc() = default;
-  template <typename U>
-  CountingAlloc(const CountingAlloc<U>&) {}
-  T* allocate(size_t n) {
-    gStdBytes += n * sizeof(T);
-    return std::allocator<T>().allocate(n);
-  }
-  void deallocate(T* p, size_t n) {
-    gStdBytes -= n * sizeof(T);
-    std::allocator<T>().deallocate(p, n);
-  }
-  friend bool operator==(const CountingAlloc&, const CountingAlloc&) = default;
+struct Spread {
+  double median = -1, q1 = -1, q3 = -1;
 };
 
-Figures benchStd(const Run& run) {
-  Figures f;
-  gStdBytes = 0;
-  std::unordered_map<Key, Value, KeyHash, std::equal_to<Key>, CountingAlloc<std::pair<const Key, Value>>> m;
-  m.reserve(run.n);
-  auto t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) m.emplace(makeKey(i), makeValue(i, 1));
-  f.insert = nsSince(t, run.n);
-  f.bytesPerEntry = static_cast<double>(gStdBytes) / run.n;
-  t = Clock::now();
-  uint64_t version = 2;
-  for (uint32_t i : run.updateOrder) m[makeKey(i)] = makeValue(i, version++);
-  f.update = nsSince(t, run.updates);
-  Value out;
-  uint64_t sum = 0;
-  for (uint32_t i = 0; i < run.n; ++i) sum += m.count(makeKey(i));
-  t = Clock::now();
-  for (uint32_t i : run.order) {
-    auto it = m.find(makeKey(i));
-    if (it != m.end()) {
-      out = it->second;
-      keepCopy(out);
-      sum += out.payload[3];
-    }
-  }
-  f.lookup = nsSince(t, run.lookups);
-  t = Clock::now();
-  for (uint32_t pass = 0; pass < run.passes; ++pass) {
-    for (const auto& [k, v] : m) {
-      out = v;
-      keepCopy(out);
-      sum += out.payload[0];
-    }
-  }
-  f.iterate = nsSince(t, m.size() * run.passes);
-  t = Clock::now();
-  for (uint32_t i = 0; i < run.n; ++i) m.erase(makeKey(i));
-  f.remove = nsSince(t, run.n);
-  gSink = sum;
-  return f;
-}
-
-// ---- The floor -----------------------------------------------------------------
-
-// Bucket words (8 bytes) index slots (184 bytes), as in our files: each
-// lookup is a random load of a bucket word followed by a load of the slot it
-// names, dependent on it.
-// withCopy: the slot's whole 168-byte value is copied out too, as every
-// lookup that returns a value must.
-double benchFloor(const Run& run, bool withCopy) {
-  uint32_t buckets = 1;
-  while (buckets < run.n) buckets *= 2;
-  std::vector<uint64_t> bucketWords(buckets);
-  std::vector<unsigned char> slots(size_t{run.n} * 184 + 64);
-  std::mt19937_64 rng(7);
-  std::vector<uint32_t> perm(run.n);
-  for (uint32_t i = 0; i < run.n; ++i) perm[i] = i;
-  std::shuffle(perm.begin(), perm.end(), rng);
-  for (uint32_t b = 0; b < buckets; ++b) bucketWords[b] = perm[b % run.n];
-  for (uint32_t i = 0; i < run.n; ++i) std::memcpy(slots.data() + size_t{i} * 184 + 16, &i, 4);
-  uint64_t sum = 0;
-  for (uint32_t b = 0; b < buckets; ++b) sum += bucketWords[b];
-  const auto t = Clock::now();
-  Value out;
-  for (uint32_t i : run.order) {
-    const uint64_t h = makeKey(i).hash();
-    const uint64_t slot = bucketWords[h & (buckets - 1)];
-    if (withCopy) {
-      std::memcpy(&out, slots.data() + slot * 184 + 16, sizeof out);
-      keepCopy(out);
-      sum += out.payload[3] + out.key.w[0];
-    } else {
-      uint32_t word;
-      std::memcpy(&word, slots.data() + slot * 184 + 16, 4);
-      sum += word;
-    }
-  }
-  const double ns = nsSince(t, run.lookups);
-  gSink = sum;
-  return ns;
-}
-
-// A chained table at the floor: the same bucket count and the same chains,
-// in the same order, as our table holds (each bucket's keys by reversed
-// hash, slot i holding key i as our in-order inserts leave them), walked with
-// nothing but an end test and a whole-key compare per slot. What remains
-// between ours and this is the cost of sharing the table (version re-checks,
-// the consistent copy, the corruption checks, the notifications), not of the
-// chains every operation of a chained table walks.
-class BareChains {
- public:
-  static constexpr uint32_t kEnd = ~0u;
-
-  explicit BareChains(uint32_t n) : slots_(size_t{n} * 184 + 64) {
-    while (buckets_ < n) buckets_ *= 2;
-    bucketWords_.assign(buckets_, kEnd);
-    std::vector<std::vector<uint32_t>> chains(buckets_);
-    for (uint32_t i = 0; i < n; ++i) {
-      const Value v = makeValue(i, 1);
-      std::memcpy(valueAt(i), &v, sizeof v);
-      chains[makeKey(i).hash() & (buckets_ - 1)].push_back(i);
-    }
-    for (uint32_t b = 0; b < buckets_; ++b) {
-      auto& c = chains[b];
-      std::sort(c.begin(), c.end(), [](uint32_t x, uint32_t y) {
-        return Brume::bitReverse(makeKey(x).hash()) < Brume::bitReverse(makeKey(y).hash());
-      });
-      uint32_t next = kEnd;
-      for (size_t k = c.size(); k-- > 0;) {
-        std::memcpy(slotAt(c[k]), &next, 4);
-        next = c[k];
-      }
-      bucketWords_[b] = next;
-    }
-  }
-
-  uint32_t find(const Key& k) {
-    uint32_t slot = static_cast<uint32_t>(bucketWords_[k.hash() & (buckets_ - 1)]);
-    while (slot != kEnd && std::memcmp(valueAt(slot), &k, sizeof k) != 0) std::memcpy(&slot, slotAt(slot), 4);
-    return slot;
-  }
-  unsigned char* valueAt(uint64_t slot) { return slotAt(slot) + 16; }
-
-  // Every entry in our iteration order: buckets in split order (bucket b at
-  // the position whose bits reversed are b), each chain from its head.
-  template <typename F>
-  uint64_t forEach(F&& f) {
-    const int shift = 32 - std::countr_zero(buckets_);
-    uint64_t count = 0;
-    for (uint32_t pos = 0; pos < buckets_; ++pos) {
-      const uint32_t b = buckets_ == 1 ? 0 : Brume::bitReverse(pos) >> shift;
-      for (uint32_t slot = static_cast<uint32_t>(bucketWords_[b]); slot != kEnd; std::memcpy(&slot, slotAt(slot), 4)) {
-        f(valueAt(slot));
-        ++count;
-      }
-    }
-    return count;
-  }
-
- private:
-  unsigned char* slotAt(uint64_t slot) { return slots_.data() + slot * 184; }
-
-  uint32_t buckets_ = 1;
-  std::vector<uint64_t> bucketWords_;
-  std::vector<unsigned char> slots_;
-};
-
-double benchFloorChained(const Run& run) {
-  BareChains t(run.n);
-  uint64_t sum = 0;
-  const auto start = Clock::now();
-  Value out;
-  for (uint32_t i : run.order) {
-    const uint32_t slot = t.find(makeKey(i));
-    if (slot == BareChains::kEnd) continue;
-    std::memcpy(&out, t.valueAt(slot), sizeof out);
-    keepCopy(out);
-    sum += out.payload[3] + out.key.w[0];
-  }
-  const double ns = nsSince(start, run.lookups);
-  gSink = sum;
-  return ns;
-}
-
-// The bare chained table's iteration: whole passes, each value copied out
-// and handed to the same callback as ours.
-double benchFloorChainedIterate(const Run& run) {
-  BareChains t(run.n);
-  uint64_t sum = 0, count = 0;
-  const auto start = Clock::now();
-  for (uint32_t pass = 0; pass < run.passes; ++pass) {
-    count += t.forEach([&](const unsigned char* value) {
-      Value out;
-      std::memcpy(&out, value, sizeof out);
-      keepCopy(out);
-      sum += out.payload[0];
-    });
-  }
-  const double ns = nsSince(start, count);
-  gSink = sum;
-  return ns;
-}
-
-// The bare chained table's in-place update: find, store the new value; with
-// notify, also the least a queue of changes asks for: append an entry naming
-// the slot and turn the slot's previous entry into a tombstone (its position
-// kept per slot), with no compaction (the queue is long enough for the run).
-double benchFloorChainedUpdate(const Run& run, bool notify) {
-  struct Entry {
-    uint64_t sequence;
-    uint32_t slot;
-    uint32_t live;
+Spread spreadOf(std::vector<double> v) {
+  if (v.empty()) return {};
+  std::sort(v.begin(), v.end());
+  auto at = [&](double q) {
+    return v[static_cast<size_t>(std::lround(q * static_cast<double>(v.size() - 1)))];
   };
-  BareChains t(run.n);
-  std::vector<Entry> queue(size_t{run.n} + run.updates);
-  std::vector<uint32_t> positions(run.n);
-  for (uint32_t i = 0; i < run.n; ++i) {
-    queue[i] = {i, i, 1};
-    positions[i] = i;
-  }
-  uint64_t tail = run.n;
-  uint64_t version = 2;
-  const auto start = Clock::now();
-  for (uint32_t i : run.updateOrder) {
-    const Value v = makeValue(i, version++);
-    const uint32_t slot = t.find(v.key);
-    if (slot == BareChains::kEnd) continue;
-    std::memcpy(t.valueAt(slot), &v, sizeof v);
-    if (notify) {
-      queue[positions[slot]].live = 0;
-      queue[tail] = {tail, slot, 1};
-      positions[slot] = static_cast<uint32_t>(tail++);
-    }
-  }
-  const double ns = nsSince(start, run.updates);
-  uint64_t sum = tail;
-  for (uint32_t i = 0; i < run.n; ++i) sum += t.valueAt(i)[60];
-  gSink = sum;
-  return ns;
+  return {at(0.5), at(0.25), at(0.75)};
 }
 
-// Ratios say how many times better ours is: peer time / ours, or ours / peer
-// for rates (higherIsBetter).
-void print(const char* what, double ours, const std::vector<std::pair<const char*, double>>& peers,
-           bool higherIsBetter = false) {
-  std::printf("  %-22s %9.1f", what, ours);
-  for (const auto& [name, v] : peers) {
-    if (v < 0) {
-      std::printf(" %10s %8s", "-", "");
-    } else if (ours <= 0) {
-      std::printf(" %10.1f %8s", v, "");
-    } else {
-      std::printf(" %10.1f %7.2fx", v, higherIsBetter ? ours / v : v / ours);
-    }
+// A peer's ns per operation over its passes.
+Spread timeOf(const Rounds& rounds, const std::string& peer) {
+  std::vector<double> v;
+  for (const Round& r : rounds) {
+    if (auto it = r.find(peer); it != r.end()) v.push_back(it->second);
   }
-  std::printf("\n");
+  return spreadOf(v);
+}
+
+// num / den of the same pass, over passes.
+Spread ratioOf(const Rounds& rounds, const std::string& num, const std::string& den) {
+  std::vector<double> v;
+  for (const Round& r : rounds) {
+    auto a = r.find(num), b = r.find(den);
+    if (a != r.end() && b != r.end() && b->second > 0) v.push_back(a->second / b->second);
+  }
+  return spreadOf(v);
 }
 
 double median(std::vector<double> v) {
@@ -398,20 +191,125 @@ double median(std::vector<double> v) {
   return v.empty() ? -1 : v[v.size() / 2];
 }
 
-// The median of each figure over the repetitions.
-Figures medianOf(const std::vector<Figures>& reps) {
-  Figures m;
-  auto field = [&](double Figures::*f) {
+// The median of each one-shot figure over the runs (all -1 for a peer that never ran).
+OneShot medianOf(const std::vector<OneShot>& runs) {
+  OneShot m;
+  for (double OneShot::*f : {&OneShot::insert, &OneShot::remove, &OneShot::bytesPerEntry, &OneShot::lookups1,
+                             &OneShot::lookups2, &OneShot::writes1, &OneShot::writes2}) {
     std::vector<double> v;
-    for (const Figures& r : reps) v.push_back(r.*f);
+    for (const OneShot& r : runs) v.push_back(r.*f);
     m.*f = median(v);
-  };
-  for (double Figures::*f : {&Figures::lookup, &Figures::insert, &Figures::update, &Figures::remove, &Figures::iterate,
-                             &Figures::bytesPerEntry, &Figures::lookups1, &Figures::lookups2, &Figures::writes1,
-                             &Figures::writes2}) {
-    field(f);
   }
   return m;
+}
+
+// ---- Printing ------------------------------------------------------------------
+
+// A peer's figure and its ratio to ours; spread: the ratio's quartiles over passes.
+struct Cell {
+  double value = -1;
+  Spread ratio;
+  bool spread = false;
+};
+
+std::string quartiles(const Spread& s) {
+  char text[48];
+  std::snprintf(text, sizeof text, "(%.2f-%.2f)", s.q1, s.q3);
+  return text;
+}
+
+void printRow(const char* what, double ours, const std::vector<Cell>& cells) {
+  if (ours < 0) {
+    std::printf("  %-22s %9s", what, "-");
+  } else {
+    std::printf("  %-22s %9.1f", what, ours);
+  }
+  for (const Cell& c : cells) {
+    if (c.value < 0) {
+      std::printf(" %10s %7s %-13s", "-", "", "");
+      continue;
+    }
+    char ratio[24] = "";
+    if (c.ratio.median > 0) std::snprintf(ratio, sizeof ratio, "%.2fx", c.ratio.median);
+    const std::string spread = c.spread && c.ratio.median > 0 ? quartiles(c.ratio) : "";
+    std::printf(" %10.1f %7s %-13s", c.value, ratio, spread.c_str());
+  }
+  std::printf("\n");
+}
+
+// Peer / ours, over passes.
+Cell passCell(const Rounds& rounds, const std::string& peer) {
+  return {timeOf(rounds, peer).median, ratioOf(rounds, peer, "ours"), true};
+}
+// Peer / ours, or ours / peer for rates (higherIsBetter).
+Cell shotCell(double peer, double ours, bool higherIsBetter = false) {
+  Cell c{peer, {}, false};
+  if (peer > 0 && ours > 0) c.ratio.median = higherIsBetter ? ours / peer : peer / ours;
+  return c;
+}
+
+void print(const Run& run, const Results& res) {
+  auto shots = [&](const std::string& peer) {
+    auto it = res.shots.find(peer);
+    return it == res.shots.end() ? OneShot{} : medianOf(it->second);
+  };
+  const OneShot ours = shots("ours");
+  const std::vector<std::string> peers = {"std", "boost", "lmdb"};
+  std::printf(
+      "\n%u entries (%llu lookups in passes of %llu, %llu updates in passes of %llu, %u iterations in passes "
+      "of "
+      "%u)\n",
+      run.n, static_cast<unsigned long long>(run.lookups),
+      static_cast<unsigned long long>(run.lookupsPerPass), static_cast<unsigned long long>(run.updates),
+      static_cast<unsigned long long>(run.updatesPerPass), run.passes, run.iterationsPerPass);
+  std::printf("  %-22s %9s", "operation", "ours");
+  for (const std::string& p : peers) std::printf(" %10s %21s", p.c_str(), "");
+  std::printf("\n");
+  auto passRow = [&](const char* what, const Rounds& rounds) {
+    std::vector<Cell> cells;
+    for (const std::string& p : peers) cells.push_back(passCell(rounds, p));
+    printRow(what, timeOf(rounds, "ours").median, cells);
+  };
+  auto shotRow = [&](const char* what, double OneShot::*f) {
+    std::vector<Cell> cells;
+    for (const std::string& p : peers) cells.push_back(shotCell(shots(p).*f, ours.*f));
+    printRow(what, ours.*f, cells);
+  };
+  passRow("lookup+copy", res.lookup);
+  shotRow("insert", &OneShot::insert);
+  passRow("in-place update", res.update);
+  shotRow("remove", &OneShot::remove);
+  passRow("iteration (per entry)", res.iterate);
+  shotRow("memory per entry (B)", &OneShot::bytesPerEntry);
+
+  // Ours / the floor, over passes.
+  auto floorLine = [&](const char* text, const Rounds& rounds, const std::string& floor) {
+    const Spread r = ratioOf(rounds, "ours", floor);
+    std::printf("  %s: %.1f ns; ours / that = %.2fx %s\n", text, timeOf(rounds, floor).median, r.median,
+                quartiles(r).c_str());
+  };
+  floorLine("two dependent loads (floor)", res.lookup, "floor");
+  floorLine("the same plus copying the 168-byte value", res.lookup, "floor+copy");
+  floorLine("a bare chained table on our chains, plus the copy", res.lookup, "bare");
+  const Spread bareNotify = ratioOf(res.update, "ours", "bare+notify");
+  std::printf(
+      "  the bare chained table's update: %.1f ns; with a notification (append, tombstone): %.1f ns; "
+      "ours / that = %.2fx %s\n",
+      timeOf(res.update, "bare update").median, timeOf(res.update, "bare+notify").median, bareNotify.median,
+      quartiles(bareNotify).c_str());
+  floorLine("the bare chained table's iteration in our order, copying each value (per entry)", res.iterate,
+            "bare");
+
+  std::printf("  reader scaling while the writer updates (millions per second; ours / boost):\n");
+  const OneShot boost = shots("boost");
+  auto mps = [](double v) { return v < 0 ? -1.0 : v / 1e6; };
+  auto scalingRow = [&](const char* what, double OneShot::*f) {
+    printRow(what, mps(ours.*f), {shotCell(mps(boost.*f), mps(ours.*f), true)});
+  };
+  scalingRow("lookups, 1 reader", &OneShot::lookups1);
+  scalingRow("lookups, 2 readers", &OneShot::lookups2);
+  scalingRow("writes, 1 reader", &OneShot::writes1);
+  scalingRow("writes, 2 readers", &OneShot::writes2);
 }
 
 }  // namespace
@@ -428,63 +326,22 @@ int main(int argc, char** argv) {
     }
   }
   if (sizes.empty()) sizes = {12000, 1000000};
-  std::printf("Shared-memory table vs peers: 48-byte key, 168-byte value; ns per operation, and peer / ours\n");
-  if (repetitions > 1) std::printf("Medians of %d repetitions\n", repetitions);
+  std::printf(
+      "Shared-memory table vs peers: 48-byte key, 168-byte value; ns per operation (the thread's CPU time), "
+      "and peer / ours\n");
+  std::printf(
+      "Lookups, updates and iterations in passes, a pass of every peer in turn: the median pass, and the\n"
+      "median over passes of the same pass's ratio (its quartiles in brackets)\n");
+  if (repetitions > 1)
+    std::printf("%d runs: their passes together; inserts, removes, memory, scaling: medians\n", repetitions);
+  // MROUTE_BENCH_PEERS=std,boost,lmdb (the default) picks the peers.
+  const char* env = std::getenv("MROUTE_BENCH_PEERS");
+  const std::string picked = env != nullptr ? env : "std,boost,lmdb";
   for (uint32_t n : sizes) {
     const Run run = makeRun(n);
-    // MROUTE_BENCH_PEERS=std,boost,lmdb (the default) picks the peers.
-    const char* env = std::getenv("MROUTE_BENCH_PEERS");
-    const std::string peers = env != nullptr ? env : "std,boost,lmdb";
-    std::vector<Figures> oursReps, stdReps, boostReps, lmdbReps;
-    std::vector<double> floorReps, floorCopyReps, floorChainedReps, bareUpdateReps, bareNotifyReps, bareIterateReps;
-    for (int rep = 0; rep < repetitions; ++rep) {
-      oursReps.push_back(benchOurs(run));
-      stdReps.push_back(peers.find("std") != std::string::npos ? benchStd(run) : Figures{});
-      boostReps.push_back(peers.find("boost") != std::string::npos ? benchBoost(run) : Figures{});
-      lmdbReps.push_back(peers.find("lmdb") != std::string::npos ? benchLmdb(run) : Figures{});
-      floorReps.push_back(benchFloor(run, false));
-      floorCopyReps.push_back(benchFloor(run, true));
-      floorChainedReps.push_back(benchFloorChained(run));
-      bareUpdateReps.push_back(benchFloorChainedUpdate(run, false));
-      bareNotifyReps.push_back(benchFloorChainedUpdate(run, true));
-      bareIterateReps.push_back(benchFloorChainedIterate(run));
-    }
-    const Figures ours = medianOf(oursReps);
-    const Figures stdMap = medianOf(stdReps);
-    const Figures boost = boostReps.empty() ? Figures{} : medianOf(boostReps);
-    const Figures lmdb = lmdbReps.empty() ? Figures{} : medianOf(lmdbReps);
-    const double floor = median(floorReps);
-    const double floorCopy = median(floorCopyReps);
-    const double floorChained = median(floorChainedReps);
-    std::printf("\n%u entries (%llu lookups, %llu updates, %u iteration passes)\n", n,
-                static_cast<unsigned long long>(run.lookups), static_cast<unsigned long long>(run.updates), run.passes);
-    std::printf("  %-22s %9s %10s %8s %10s %8s %10s %8s\n", "operation", "ours", "std", "", "boost", "", "lmdb", "");
-    print("lookup+copy", ours.lookup, {{"std", stdMap.lookup}, {"boost", boost.lookup}, {"lmdb", lmdb.lookup}});
-    print("insert", ours.insert, {{"std", stdMap.insert}, {"boost", boost.insert}, {"lmdb", lmdb.insert}});
-    print("in-place update", ours.update, {{"std", stdMap.update}, {"boost", boost.update}, {"lmdb", lmdb.update}});
-    print("remove", ours.remove, {{"std", stdMap.remove}, {"boost", boost.remove}, {"lmdb", lmdb.remove}});
-    print("iteration (per entry)", ours.iterate,
-          {{"std", stdMap.iterate}, {"boost", boost.iterate}, {"lmdb", lmdb.iterate}});
-    print("memory per entry (B)", ours.bytesPerEntry,
-          {{"std", stdMap.bytesPerEntry}, {"boost", boost.bytesPerEntry}, {"lmdb", lmdb.bytesPerEntry}});
-    std::printf("  two dependent loads (floor): %.1f ns; ours / floor = %.2fx\n", floor, ours.lookup / floor);
-    std::printf("  the same plus copying the 168-byte value: %.1f ns; ours / that = %.2fx\n", floorCopy,
-                ours.lookup / floorCopy);
-    std::printf("  a bare chained table on our chains, plus the copy: %.1f ns; ours / that = %.2fx\n", floorChained,
-                ours.lookup / floorChained);
-    const double bareUpdate = median(bareUpdateReps);
-    const double bareNotify = median(bareNotifyReps);
-    std::printf("  the bare chained table's update: %.1f ns; with a notification (append, tombstone): %.1f ns; "
-                "ours / that = %.2fx\n", bareUpdate, bareNotify, ours.update / bareNotify);
-    const double bareIterate = median(bareIterateReps);
-    std::printf("  the bare chained table's iteration in our order, copying each value: %.1f ns per entry; "
-                "ours / that = %.2fx\n", bareIterate, ours.iterate / bareIterate);
-    std::printf("  reader scaling while the writer updates (millions per second; ours / boost):\n");
-    auto mps = [](double v) { return v < 0 ? -1.0 : v / 1e6; };
-    print("lookups, 1 reader", mps(ours.lookups1), {{"boost", mps(boost.lookups1)}}, true);
-    print("lookups, 2 readers", mps(ours.lookups2), {{"boost", mps(boost.lookups2)}}, true);
-    print("writes, 1 reader", mps(ours.writes1), {{"boost", mps(boost.writes1)}}, true);
-    print("writes, 2 readers", mps(ours.writes2), {{"boost", mps(boost.writes2)}}, true);
+    Results res;
+    for (int rep = 0; rep < repetitions; ++rep) runOnce(run, picked, res);
+    print(run, res);
   }
   return 0;
 }

@@ -1,11 +1,12 @@
 // The shape, the run and the helpers every table_bench peer shares: keys and
-// values computed from their index, the random orders of a run, reader
-// scaling in forked processes, the figures each peer reports.
+// values computed from their index, the random orders of a run and its pass
+// sizes, reader scaling in forked processes.
 #pragma once
 
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,9 +16,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <new>
+#include <random>
 #include <string>
 #include <thread>
-#include <random>
 #include <utility>
 #include <vector>
 
@@ -67,8 +68,23 @@ inline Value makeValue(uint64_t i, uint64_t version) {
   return v;
 }
 
+// Times are the calling thread's CPU time: on a shared machine a pass the
+// scheduler interrupts is not charged for the time another process ran (the
+// machine's own slow spells are what the interleaved passes are for).
+struct Clock {
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<Clock>;
+  static constexpr bool is_steady = true;
+  static time_point now() {
+    timespec ts;
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return time_point(duration(ts.tv_sec * 1000000000ll + ts.tv_nsec));
+  }
+};
+using WallClock = std::chrono::steady_clock;
 
-using Clock = std::chrono::steady_clock;
 inline double nsSince(Clock::time_point start, uint64_t ops) {
   return std::chrono::duration<double, std::nano>(Clock::now() - start).count() / static_cast<double>(ops);
 }
@@ -83,32 +99,43 @@ inline void keepCopy(const T& copy) {
   asm volatile("" : : "r"(&copy) : "memory");
 }
 
-struct Figures {
-  double lookup = -1, insert = -1, update = -1, remove = -1, iterate = -1;
-  double bytesPerEntry = -1;  // memory in use with every entry present
-  // Reader scaling: lookups/s of all readers, and the writer's updates/s.
-  double lookups1 = -1, lookups2 = -1, writes1 = -1, writes2 = -1;
-};
-
 struct Run {
   uint32_t n;
   uint64_t lookups;
   uint64_t updates;
-  uint32_t passes;  // whole iterations timed together
-  std::vector<uint32_t> order;   // random lookup order
+  uint32_t passes;  // whole iterations timed
+  // Lookups and updates are timed in passes of this many operations (the
+  // last one may be shorter), a pass of every peer in turn.
+  uint64_t lookupsPerPass;
+  uint64_t updatesPerPass;
+  uint32_t iterationsPerPass;   // whole iterations timed together
+  std::vector<uint32_t> order;  // random lookup order
   std::vector<uint32_t> updateOrder;
   bool scaling = true;  // MROUTE_BENCH_SCALING=0: no reader processes (for a run under callgrind)
 };
 
 inline Run makeRun(uint32_t n) {
-  // 200,000 updates at every size: at 12,000 entries one pass over the table
-  // lasts about a millisecond, too short to time against a busy neighbour, and
-  // a route table's entries are updated over and over, not once each.
-  // Iteration likewise: whole passes until 200,000 entries were visited.
-  Run r{n, n < 100000 ? 4000000ull : 3000000ull, 200000, std::max(1u, (200000 + n - 1) / n), {}, {}, true};
+  // 200,000 updates at every size: a route table's entries are updated over
+  // and over, not once each. Iteration: whole passes until 2,000,000 entries
+  // were visited (a pass at 12,000 entries is a fraction of a millisecond:
+  // its median needs many), and at least five.
+  // A pass lasts a millisecond or two for ours (an iteration pass visits
+  // 100,000 entries or one whole iteration): long enough for the clock,
+  // short enough that a slow spell of the machine (seconds) covers the same
+  // pass of every peer.
+  const bool large = n >= 100000;
+  Run r{};
+  r.n = n;
+  r.lookups = large ? 3000000 : 4000000;
+  r.updates = 200000;
+  r.passes = std::max(5u, (2000000 + n - 1) / n);
+  r.lookupsPerPass = large ? 5000 : 50000;
+  r.updatesPerPass = large ? 2000 : 20000;
+  r.iterationsPerPass = std::max(1u, 100000 / n);
   if (const char* env = std::getenv("MROUTE_BENCH_LOOKUPS")) r.lookups = std::strtoull(env, nullptr, 10);
   if (const char* env = std::getenv("MROUTE_BENCH_PASSES")) r.passes = std::max(1, std::atoi(env));
-  if (const char* env = std::getenv("MROUTE_BENCH_UPDATES")) r.updates = std::max(1ull, std::strtoull(env, nullptr, 10));
+  if (const char* env = std::getenv("MROUTE_BENCH_UPDATES"))
+    r.updates = std::max(1ull, std::strtoull(env, nullptr, 10));
   if (const char* env = std::getenv("MROUTE_BENCH_SCALING")) r.scaling = std::string(env) != "0";
   std::mt19937_64 rng(n);
   r.order.resize(r.lookups);
@@ -142,7 +169,8 @@ struct ScalingShared {
 // writeOne(i) in the parent until they stop. Returns {lookups/s, writes/s}.
 template <typename ReaderLoop, typename WriteOne>
 std::pair<double, double> scaling(int readers, ReaderLoop readerLoop, WriteOne writeOne) {
-  void* mem = ::mmap(nullptr, sizeof(ScalingShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* mem =
+      ::mmap(nullptr, sizeof(ScalingShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (mem == MAP_FAILED) return {-1, -1};
   auto* sh = new (mem) ScalingShared();
   std::vector<pid_t> pids;
@@ -156,13 +184,13 @@ std::pair<double, double> scaling(int readers, ReaderLoop readerLoop, WriteOne w
   }
   while (sh->ready.load() < static_cast<int>(pids.size())) std::this_thread::yield();
   sh->go = true;
-  const auto start = Clock::now();
+  const auto start = WallClock::now();
   uint64_t writes = 0;
-  while (Clock::now() - start < kScalingTime) {
+  while (WallClock::now() - start < kScalingTime) {
     for (int k = 0; k < 64; ++k) writeOne(writes++);
   }
   sh->stop = true;
-  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const double seconds = std::chrono::duration<double>(WallClock::now() - start).count();
   for (pid_t pid : pids) ::waitpid(pid, nullptr, 0);
   uint64_t total = 0;
   for (size_t i = 0; i < pids.size(); ++i) total += sh->lookups[i];
@@ -194,10 +222,5 @@ inline double dirBytes(const std::string& dir) {
   }
   return bytes;
 }
-
-// The peers a user would pick instead; each returns Figures{} (all -1) when
-// it was built without its library.
-Figures benchBoost(const Run& run);
-Figures benchLmdb(const Run& run);
 
 }  // namespace TableBench
