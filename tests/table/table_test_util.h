@@ -7,16 +7,20 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "mroute/table/brume_map.h"
 #include "mroute/table/engine/brume_ops.h"
 #include "mroute/table/engine/brume_reader.h"
 #include "mroute/table/engine/brume_writer.h"
+#include "mroute/table/engine/internal/slot_file.h"
 #include "mroute/table/engine/table_config.h"
 #include "mroute/table/engine/value_wrapper.h"
 #include "mroute/table/queue/internal/conquer_file.h"
@@ -97,6 +101,30 @@ inline Brume::BrumeMapOptions fastOptions() {
   return o;
 }
 
+// The position of key in its chain: chains run in order of reversed hash.
+inline uint32_t rhashOf(uint64_t key) { return Brume::bitReverse(RecordOps::hash(key)); }
+
+// The first n keys from `from` on that fall into `bucket` of a table of
+// `buckets` buckets, in key order; sorted by rhashOf() they are its chain.
+inline std::vector<uint64_t> keysOfBucket(uint32_t buckets, uint32_t bucket, size_t n, uint64_t from = 0) {
+  std::vector<uint64_t> keys;
+  for (uint64_t k = from; keys.size() < n; ++k) {
+    if ((RecordOps::hash(k) & (buckets - 1)) == bucket) keys.push_back(k);
+  }
+  return keys;
+}
+inline void sortInChainOrder(std::vector<uint64_t>& keys) {
+  std::sort(keys.begin(), keys.end(), [](uint64_t a, uint64_t b) { return rhashOf(a) < rhashOf(b); });
+}
+
+// The keys a first()/next() iteration returns, in its order.
+inline std::vector<uint64_t> iterationOrder(Reader& r) {
+  std::vector<uint64_t> keys;
+  RecordValue out;
+  for (bool more = r.first(out); more; more = r.next(out.value.key, out)) keys.push_back(out.value.key);
+  return keys;
+}
+
 // Slot i of a "slots" file of Records: after the 184-byte header and the
 // lookaside slot.
 constexpr uint32_t kSlotSize = 16 + sizeof(RecordValue);
@@ -123,11 +151,9 @@ inline void expectTable(const Mem::RootPath& root, uint64_t from, uint64_t to, u
     EXPECT_TRUE(out.value.check()) << k;
   }
   EXPECT_EQ(r.members(), to - from);
-  std::set<uint64_t> seen;
-  for (bool more = r.first(out); more; more = r.next(out.value.key, out)) {
-    EXPECT_TRUE(seen.insert(out.value.key).second) << "returned twice: " << out.value.key;
-  }
-  EXPECT_EQ(seen.size(), to - from);
+  const std::vector<uint64_t> order = iterationOrder(r);
+  EXPECT_EQ(order.size(), to - from);
+  EXPECT_EQ(std::set<uint64_t>(order.begin(), order.end()).size(), order.size()) << "a key returned twice";
 }
 
 // A read-write mapping of one table file, to corrupt it on purpose.
@@ -143,6 +169,24 @@ class RawFile {
     return reinterpret_cast<T*>(file_.base() + offset);
   }
   Brume::Slot* slot(uint32_t i) const { return at<Brume::Slot>(slotOffset(i)); }
+  // The occupied slot holding key (the number of slots if none does).
+  uint32_t slotOf(uint64_t key) const {
+    const uint32_t n = at<Brume::SlotTable::Header>(0)->numSlots.load().ref;
+    uint32_t i = 0;
+    while (i < n && ((slot(i)->status & Brume::kOccupied) == 0 || valueAt(i).value.key != key)) ++i;
+    return i;
+  }
+  RecordValue& valueAt(uint32_t i) const { return *reinterpret_cast<RecordValue*>(slot(i)->value()); }
+  // What a writer stopped in the middle of an in-place update of slot i
+  // leaves: its old value in the lookaside slot, LOOKASIDE set, its body half
+  // overwritten.
+  void stageInterruptedUpdate(uint32_t i) const {
+    Brume::Slot* lookaside = at<Brume::Slot>(184);
+    std::memcpy(lookaside->value(), slot(i)->value(), sizeof(RecordValue));
+    lookaside->rhash = slot(i)->rhash;
+    slot(i)->status |= Brume::kLookaside;
+    std::memset(slot(i)->value() + 8, 0xAB, 40);
+  }
 
  private:
   Mem::ShmFile file_;

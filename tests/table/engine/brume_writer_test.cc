@@ -24,7 +24,7 @@ class BrumeWriterTest : public ::testing::Test {
     EXPECT_TRUE(valid(w));
   }
 
-  TableTest::TempRoot dir_{"writer"};
+  TempRoot dir_{"writer"};
 };
 
 TEST_F(BrumeWriterTest, SecondWriteOfAKeyUpdatesInPlace) {
@@ -102,14 +102,11 @@ TEST_F(BrumeWriterTest, BucketsDoubleAndHalveKeepingEveryKeyReachable) {
 }
 
 TEST_F(BrumeWriterTest, LongChainsSplitAndJoinInOrder) {
-  // Keys whose hashes share the low 6 bits pile into one chain of a 64-bucket
-  // table; each doubling splits it, each halving joins it back.
+  // Keys of one chain of a 64-bucket table, written in key order (anywhere
+  // in the chain): each doubling splits it, each halving joins it back.
   Writer w(dir_.root(), config(64));
   ASSERT_TRUE(w.attach());
-  std::vector<uint64_t> keys;
-  for (uint64_t k = 0; keys.size() < 200; ++k) {
-    if ((RecordOps::hash(k) & 63) == 5) keys.push_back(k);
-  }
+  const std::vector<uint64_t> keys = keysOfBucket(64, 5, 200);
   for (uint64_t k : keys) w.write(value(k, 3));
   EXPECT_EQ(w.numBuckets(), 256u);
   Reader r(dir_.root());
@@ -223,10 +220,7 @@ TEST_F(BrumeWriterTest, AttachReusesValidFilesAndReformatsCorruptOnes) {
   // A reader that finds the files corrupt leaves the marker; a stuck
   // LOOKASIDE bit fails the deep validation, so the writer starts afresh.
   Brume::writeCorruptionMarker(Mem::systemShmFs(), dir_.root(), "test");
-  {
-    TableTest::RawFile slots(dir_.file("slots"));
-    slots.slot(0)->status |= Brume::kLookaside;
-  }
+  RawFile(dir_.file("slots")).slot(0)->status |= Brume::kLookaside;
   Writer w(dir_.root(), config(8));
   ASSERT_TRUE(w.attach());
   EXPECT_TRUE(sink.contains("Mroute::Brume", "BrumeWriter::attach() failed, all entries from " + dir_.dir() +
@@ -245,7 +239,7 @@ class ValidatorFindings : public BrumeWriterTest {
     w_ = std::make_unique<Writer>(dir_.root(), config(8));
     ASSERT_TRUE(w_->attach());
     for (uint64_t k = 0; k < 4; ++k) w_->write(value(k));
-    raw_ = std::make_unique<TableTest::RawFile>(dir_.file("slots"));
+    raw_ = std::make_unique<RawFile>(dir_.file("slots"));
   }
   Brume::Slot* slot(uint32_t i) { return raw_->slot(i); }
   Brume::SlotTable::Header* header() { return raw_->at<Brume::SlotTable::Header>(0); }
@@ -256,7 +250,7 @@ class ValidatorFindings : public BrumeWriterTest {
   }
 
   std::unique_ptr<Writer> w_;
-  std::unique_ptr<TableTest::RawFile> raw_;
+  std::unique_ptr<RawFile> raw_;
 };
 
 TEST_F(ValidatorFindings, FreeListFaults) {

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
-
 #include "mroute/runtime/trace.h"
 #include "mroute/table/shm/ember_file.h"
 #include "mroute/table/engine/internal/validator.h"
@@ -48,10 +46,7 @@ TEST_F(WriterRestartTest, ReformatReplacesFilesUnderAMappedReaderAndKeepsSequenc
   RecordValue out;
   ASSERT_TRUE(old.lookup(2999, out));  // maps the whole grown files
   const ino_t slotsBefore = statOf("slots").st_ino;
-  {
-    RawFile buckets(dir_.file("buckets"));
-    buckets.base()[0] = 'X';  // damaged magic: the next writer re-formats
-  }
+  RawFile(dir_.file("buckets")).base()[0] = 'X';  // damaged magic: the next writer re-formats
   Writer w(dir_.root(), config(4));
   ASSERT_TRUE(w.attach());
   EXPECT_TRUE(sink_.contains("Mroute::Brume", "BrumeWriter::attach(): re-formatted successfully"));
@@ -163,20 +158,8 @@ TEST_F(KilledWriterState, BucketSplitCutNotDone) {
 
 TEST_F(KilledWriterState, InPlaceUpdateInterruptedAfterTheLookasideCopy) {
   {
-    Writer w(dir_.root(), config(128, 128));
-    ASSERT_TRUE(w.attach());
-    w.write(value(5, 1));
-  }
-  {
     RawFile slots(dir_.file("slots"));
-    uint32_t i = 0;
-    while (reinterpret_cast<RecordValue*>(slots.slot(i)->value())->value.key != 5) ++i;
-    Brume::Slot* look = slots.at<Brume::Slot>(184);
-    const RecordValue v = value(5, 1);
-    look->rhash = slots.slot(i)->rhash;
-    std::memcpy(look->value(), &v, sizeof v);
-    slots.slot(i)->status += Brume::kLookaside;
-    std::memset(slots.slot(i)->value() + 8, 0xAB, 40);  // half-copied body
+    slots.stageInterruptedUpdate(slots.slotOf(5));
   }
   expectRecovered();
   EXPECT_TRUE(sink_.contains("Mroute::Brume", "finishedUpdates:1"));
