@@ -1,17 +1,12 @@
 // One writer notifies, shrinks, prunes and compacts without pause while a
-// reader walks the queue, in another process and in another thread (the
-// ThreadSanitizer build runs the thread variant).
-//
-// The "table" is a shared array of per-slot versions: the writer bumps a
-// slot's version, then notifies the slot. The reader checks that sequences
-// only rise and a slot's version never goes back, and, once the writer has
-// stopped, that it saw every slot's last version: no change was lost.
-// Acknowledgements travel back over a pipe; now and then the writer drops the
-// reader and prunes everything, so the reader must resynchronise.
-//
-// In the thread variant both sides map each file at one address
-// (OneMappingFs), so that ThreadSanitizer relates the writer's stores to the
-// reader's loads. MROUTE_CONQUER_SECONDS=<n> runs longer by hand.
+// reader in another process or thread (the ThreadSanitizer build runs the
+// thread variant) walks the queue of a shared array of slot versions:
+// sequences only rise, a slot's version never goes back, and once the writer
+// stops the reader has seen every slot's last version. Acknowledgements come
+// back over a pipe; now and then the writer drops the reader and prunes
+// everything, so that it must resynchronise. Threads map each file at one
+// address (OneMappingFs) so that ThreadSanitizer relates the writer's stores
+// to the reader's loads. MROUTE_CONQUER_SECONDS=<n> runs longer by hand.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -22,6 +22,14 @@ constexpr uint32_t kEmber = 0xE1;
 constexpr uint32_t kTomb = Brume::ConquerTable::kTombstone;
 constexpr const char* kFac = "Mroute::Brume";
 
+// A new writer of the queue in dir, attached for a table of numSlots slots.
+std::unique_ptr<ConquerWriter> attached(const std::string& dir, uint32_t numSlots,
+                                        Mem::ShmFs& fs = Mem::systemShmFs()) {
+  auto w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
+  EXPECT_TRUE(w->attachConquer(numSlots, kEmber)) << dir;
+  return w;
+}
+
 // The queue's entries from the first position to the current one.
 Entries entriesOf(const ConquerWriter& w) {
   Entries out;
@@ -33,8 +41,7 @@ class QueueTest : public TableTest::ShmDirTest {
  protected:
   void SetUp() override {
     ShmDirTest::SetUp();
-    w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
-    ASSERT_TRUE(w_->attachConquer(16, kEmber));
+    w_ = attached(dir_, 16);
   }
   Entries entries() const { return entriesOf(*w_); }
   std::unique_ptr<ConquerWriter> w_;
@@ -82,8 +89,7 @@ QueueState stateOf(const ConquerWriter& w) {
 // acknowledgement) and at the end.
 std::pair<QueueState, QueueState> runHistory(const std::string& dir) {
   EXPECT_TRUE(Mem::makeDirectories(Mem::systemShmFs(), dir, nullptr));
-  auto w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{});
-  EXPECT_TRUE(w->attachConquer(16, kEmber));
+  auto w = attached(dir, 16);
   w->updateNumReaders(1);
   w->updateSequence(ConquerWriter::kNoAck, 20);  // holds minSeq at 20
   for (uint32_t i = 0; i < 64; ++i) w->notify(i % 24);  // fills the file
@@ -98,8 +104,7 @@ std::pair<QueueState, QueueState> runHistory(const std::string& dir) {
   const QueueState midway = stateOf(*w);
   // The reader passes the corral: pruned to 72, compacted into conquer.1.
   w->updateSequence(20, 72);
-  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{});
-  EXPECT_TRUE(w->attachConquer(40, kEmber));
+  w = attached(dir, 40);
   for (uint32_t slot : {3, 31, 39, 3}) w->notify(slot);  // seq 84..87
   return {midway, stateOf(*w)};
 }
@@ -292,8 +297,7 @@ TEST_F(QueueTest, AttachReusesValidFilesAndReformatsOthers) {
   w_->notify(4);
   // A restarted writer of the same incarnation continues the queue; a larger
   // table enlarges the current file.
-  w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
-  ASSERT_TRUE(w_->attachConquer(40, kEmber));
+  w_ = attached(dir_, 40);
   EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() to existing " + dir_));
   EXPECT_EQ(w_->capacity(), 80u);
   EXPECT_EQ(w_->notify(3), 3u);
@@ -306,16 +310,16 @@ TEST_F(QueueTest, AttachReusesValidFilesAndReformatsOthers) {
       {"ember", [](Raw& r) { r.header().ember = 7; }},
   };
   for (const auto& [what, fault] : faults) {
+    SCOPED_TRACE(what);
     {
       Raw raw;
       openRaw(0, &raw);
       fault(raw);
     }
     sink_.clear();
-    w_ = std::make_unique<ConquerWriter>(dir_, Brume::ConquerConfig{});
-    ASSERT_TRUE(w_->attachConquer(16, kEmber)) << what;
-    EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() re-formatted " + dir_ + "/conquer.1")) << what;
-    EXPECT_EQ(w_->currentPos(), 0u) << what;
+    w_ = attached(dir_, 16);
+    EXPECT_TRUE(sink_.contains(kFac, "ConquerWriter::attachConquer() re-formatted " + dir_ + "/conquer.1"));
+    EXPECT_EQ(w_->currentPos(), 0u);
     w_->notify(1);
   }
 }
@@ -329,21 +333,18 @@ TEST_F(QueueTest, QueueFilesArePopulatedWhenMadeAndGrown) {
   TableTest::FailingFs fs;
   const std::string dir = dir_ + "/fresh";
   ASSERT_TRUE(Mem::makeDirectories(fs, dir, nullptr));
-  auto w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
-  ASSERT_TRUE(w->attachConquer(1000, kEmber));
+  auto w = attached(dir, 1000, fs);
   EXPECT_EQ(fs.populated, 2 * ConquerTable::fileSize(2000)) << "both files, header to last entry";
   fs.populated = 0;
   ASSERT_TRUE(w->resize(3000));
   EXPECT_EQ(fs.populated, ConquerTable::fileSize(6000)) << "the current file, after it grew";
   fs.populated = 0;
-  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
-  ASSERT_TRUE(w->attachConquer(3000, kEmber));
+  w = attached(dir, 3000, fs);
   EXPECT_EQ(fs.populated, ConquerTable::fileSize(6000) + ConquerTable::fileSize(2000))
       << "reused files too, each as far as its entries go";
 
   fs.noPopulate = true;
-  w = std::make_unique<ConquerWriter>(dir, Brume::ConquerConfig{}, fs);
-  ASSERT_TRUE(w->attachConquer(1000, kEmber));
+  w = attached(dir, 1000, fs);
   EXPECT_EQ(w->notify(5), 1u);
   EXPECT_EQ(w->notify(5), 2u);
   EXPECT_EQ(w->entry(0).second, kTomb);
