@@ -61,16 +61,7 @@ TEST(SurveyConcurrencyTest, SlotInTheMiddleOfAnUpdateIsReadFromItsLookasideCopy)
   w.write(value(7, 1));
   RawFile slots(dir.file("slots"));
   ASSERT_NE(slots.base(), nullptr);
-  uint32_t at = 0;
-  while ((slots.slot(at)->status & Brume::kOccupied) == 0) ++at;
-  // What the writer leaves while it rewrites the slot: the old value in the
-  // lookaside slot, LOOKASIDE set, the slot's body half new.
-  auto* lookaside = slots.at<Brume::Slot>(slotOffset(0) - kSlotSize);
-  std::memcpy(lookaside->value(), slots.slot(at)->value(), sizeof(RecordValue));
-  lookaside->rhash = slots.slot(at)->rhash;
-  slots.slot(at)->status |= Brume::kLookaside;
-  std::memset(slots.slot(at)->value() + sizeof(RecordValue) / 2, 0xA5, sizeof(RecordValue) / 2);
-
+  slots.stageInterruptedUpdate(slots.slotOf(7));
   const auto entries = readAll(dir.root());
   ASSERT_EQ(entries.size(), 1u);
   const RecordValue v = load<RecordValue>(entries[0]);
