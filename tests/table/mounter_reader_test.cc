@@ -65,11 +65,52 @@ class ReaderMounterTest : public ::testing::Test {
   ReaderMounter mounter_{front_, loop_, std::chrono::hours(1), &captureLog};
 };
 
-TEST_F(ReaderMounterTest, NoWriterYetArmsTheTimerAndTraces) {
+// One event on a front in a given state: what notify() asks of the front
+// (the fake attaches whenever files exist) and whether it leaves the remount
+// timer armed. Every event is counted, ignored ones too.
+TEST_F(ReaderMounterTest, EventAttachesDetachesOrIsIgnoredByTheFrontsState) {
+  const struct {
+    const char* what;
+    BrumeType kind;
+    uint32_t id;
+    int state;
+    uint32_t fileId;
+    bool paused;  // advertised but not notifying
+    const char* event;
+    std::vector<std::string> calls;
+    bool timer;
+  } rows[] = {
+      {"no writer yet", BrumeType::reader, 0, 0, 0, false, "slots", {}, true},
+      {"a corruption report", BrumeType::reader, 0, 0, 7, false, "corruption-detected", {}, false},
+      {"a paused front", BrumeType::reader, 0, 0, 7, true, "ember", {}, false},
+      {"the first files", BrumeType::reader, 0, 0, 7, false, "ember", {"attach"}, false},
+      {"a restarted writer", BrumeType::reader, 7, 1, 8, false, "ember", {"detach", "attach"}, false},
+      {"the same incarnation", BrumeType::reader, 8, 1, 8, false, "ember", {}, false},
+      {"files gone", BrumeType::reader, 8, 1, 0, false, "ember", {"detach", "attach"}, true},
+      {"an unsynchronised shadow", BrumeType::shadow, 7, 1, 7, false, "slots", {"attach"}, false},
+      {"a synchronised shadow", BrumeType::shadow, 7, 2, 7, false, "slots", {}, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    FakeFront front;
+    front.kind = row.kind;
+    front.id = row.id;
+    front.state = row.state;
+    front.fileId = row.fileId;
+    front.isAdvertised = row.paused;
+    front.isNotifying = !row.paused;
+    ReaderMounter mounter{front, loop_, std::chrono::hours(1), &captureLog};
+    mounter.notify(row.event);
+    EXPECT_EQ(front.calls, row.calls);
+    EXPECT_EQ(mounter.hasTimer(), row.timer);
+    EXPECT_EQ(mounter.timerArmed(), row.timer);
+    EXPECT_EQ(mounter.events(), 1u);
+  }
+  EXPECT_TRUE(sink_.contains("Mroute::Brume", "ReaderMounter::notify() ignoring notify, advertised:1 notifying:0"));
+}
+
+TEST_F(ReaderMounterTest, NotifyTracesTheEventAndTheTimer) {
   mounter_.notify("slots");
-  EXPECT_EQ(mounter_.events(), 1u);
-  EXPECT_TRUE(front_.calls.empty());  // 0 == 0: nothing to attach to
-  EXPECT_TRUE(mounter_.timerArmed());
   EXPECT_EQ(sink_.texts("Mroute::Brume"),
             (std::vector<std::string>{
                 "ReaderMounter::notify() routing/t eventName: slots",
@@ -77,52 +118,6 @@ TEST_F(ReaderMounterTest, NoWriterYetArmsTheTimerAndTraces) {
                 "BrumeMap::ReaderMounter::notify() arming remount timer"}));
   EXPECT_EQ(sink_.lines()[1].level, 2);
   EXPECT_EQ(sink_.lines()[0].level, 5);
-}
-
-TEST_F(ReaderMounterTest, CorruptionEventAndPausedFrontChangeNothing) {
-  front_.fileId = 7;
-  mounter_.notify("corruption-detected");
-  EXPECT_TRUE(front_.calls.empty());
-  EXPECT_FALSE(mounter_.hasTimer());
-  front_.isAdvertised = true;
-  front_.isNotifying = false;
-  mounter_.notify("ember");
-  EXPECT_TRUE(front_.calls.empty());
-  EXPECT_EQ(mounter_.events(), 2u);
-  EXPECT_TRUE(sink_.contains("Mroute::Brume", "ReaderMounter::notify() ignoring notify, advertised:1 notifying:0"));
-}
-
-TEST_F(ReaderMounterTest, NewIncarnationOrMissingFilesDetachAndAttachOnce) {
-  front_.fileId = 7;
-  mounter_.notify("ember");
-  EXPECT_EQ(front_.calls, std::vector<std::string>{"attach"});  // id 0 before: nothing to detach
-  EXPECT_EQ(front_.id, 7u);
-  front_.calls.clear();
-  front_.fileId = 8;  // the writer restarted
-  mounter_.notify("ember");
-  EXPECT_EQ(front_.calls, (std::vector<std::string>{"detach", "attach"}));
-  front_.calls.clear();
-  mounter_.notify("ember");  // same identifier again
-  EXPECT_TRUE(front_.calls.empty());
-  EXPECT_FALSE(mounter_.timerArmed());
-  // The files are gone: detach and retry on the timer.
-  front_.fileId = 0;
-  mounter_.notify("ember");
-  EXPECT_EQ(front_.calls, (std::vector<std::string>{"detach", "attach"}));
-  EXPECT_TRUE(mounter_.timerArmed());
-}
-
-TEST_F(ReaderMounterTest, UnsynchronisedShadowAttachesAgain) {
-  front_.kind = BrumeType::shadow;
-  front_.id = 7;
-  front_.fileId = 7;
-  front_.state = 1;  // reader attached, copy not synchronised
-  mounter_.notify("slots");
-  EXPECT_EQ(front_.calls, std::vector<std::string>{"attach"});
-  EXPECT_EQ(front_.state, 2);
-  front_.calls.clear();
-  mounter_.notify("slots");
-  EXPECT_TRUE(front_.calls.empty());
 }
 
 TEST_F(ReaderMounterTest, TimeoutRetriesThenReportsCanary) {

@@ -60,7 +60,6 @@ struct Record {
     return Brume::bytesHash(this, offsetof(Record, checksum)) ^ (key << 32) ^ version;
   }
   bool check() const { return checksum == sum(); }
-  uint64_t recordKey() const { return key; }
 };
 
 using RecordValue = KivBrume::KivBrumeMapValueWrapper<Record, uint64_t, &Record::key>;
