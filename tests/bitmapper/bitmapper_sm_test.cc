@@ -1,6 +1,4 @@
-// The allocator's rules: range and queue order, reference counts, waiting
-// keys, the range move, a restart over surviving rows, a corrupt table met
-// while walking it, and every fatal assertion of a requester's error.
+// The allocator's rules, its restart over surviving rows, a corrupt table and a requester's errors.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,6 +1,4 @@
-// The IPv6 upcall source through the fake socket seam: what it sends the
-// kernel, what it keeps from a receive, and how struct mrt6msg upcalls
-// become the same message entities as IPv4 ones.
+// The IPv6 upcall source through the fake socket seam, down to the message entities IPv4 fills too.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>

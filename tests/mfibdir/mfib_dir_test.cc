@@ -1,6 +1,4 @@
-// The MFIB directory: the writer's steps and traces for adding and deleting
-// table sets, and the reader's reactor that mounts what the directory
-// announces and drops what it withdraws.
+// The MFIB directory: the writer adding and deleting table sets, the reader mounting what it announces.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,4 @@
-// The ordered views: one table set's keys (ModalOrderRouteSm) and the keys
-// that have a winner across a VRF (OrderRouteSm), with their traces and the
-// stored-number rule.
+// The ordered views of one table set (ModalOrderRouteSm) and of a VRF's winners (OrderRouteSm).
 #include <gtest/gtest.h>
 
 #include <string>

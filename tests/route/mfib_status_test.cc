@@ -1,6 +1,4 @@
-// An application's MFIB table set: the shared route and oif-index tables with
-// their notifications and counters, the mount paths, and the per-VRF
-// collection of table sets.
+// An application's MFIB table set: its route and oif-index tables, paths and the per-VRF collection.
 #include <gtest/gtest.h>
 
 #include <cstdint>

@@ -1,6 +1,4 @@
-// The route interface iterators: item order and flags, resolution of oif
-// indexes through the table set or a cache, the version check, the traces of
-// skipped indexes and the null-mapping assertion.
+// The route interface iterators, over the table set and over a cache.
 #include <gtest/gtest.h>
 
 #include <sstream>

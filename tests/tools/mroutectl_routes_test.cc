@@ -1,6 +1,4 @@
-// mroutectl routes on table sets that three applications publish (this test
-// is their writer): one winner per key, --all with every candidate, --vrf,
-// --json, and the refusal of bad arguments.
+// mroutectl routes on table sets that three applications publish (this test is their writer).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
