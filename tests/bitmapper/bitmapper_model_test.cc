@@ -1,7 +1,4 @@
-// Long random sequences of alloc, dealloc and range moves, with reference
-// counting on and off, checked after every step against a small model of the
-// allocator's rules: Status, both shared tables, the pool's order and its
-// positions.
+// Long random request sequences, checked after every step against a small model of the allocator.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,9 +1,5 @@
-// What reset covers, the id a notifiee hears, moving a notifiee between
-// entities, the attribute ids and what the type registry records of the
-// sample; mount paths and constants are in member_kinds_test.cc, mount
-// registrations in replication/tree_replication_test.cc, counters and the
-// shape shared by every type in the conformance suite, list order and
-// detaching mid-delivery in kiv/entity_test.cc.
+// Reset, notification ids, moving notifiees, attribute ids and the type registry, on the sample;
+// the shape every type shares is the conformance suite's.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,8 +1,5 @@
-// The member kinds beyond plain attributes and value collections, on the
-// sample Tree and Branch: references, cross-attribute checks, children keyed
-// by values, shared tables, named factories and inheritance; constants and
-// mount paths. Attribute ids and registry records are in attribute_test.cc;
-// counters and records filed under their own key are the conformance suite's.
+// The member kinds beyond plain attributes and value collections, on the sample Tree and Branch;
+// constants and mount paths.
 #include <gtest/gtest.h>
 
 #include "entitygen_sample/sample.h"

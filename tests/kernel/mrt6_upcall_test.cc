@@ -1,6 +1,5 @@
-// The IPv6 upcall source through the fake socket seam: what it sends the
-// kernel, what it keeps from a receive, and how struct mrt6msg upcalls
-// become the same message entities as IPv4 ones.
+// The IPv6 upcall source through the fake socket seam, down to the message entities IPv4 fills too.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
@@ -157,11 +156,9 @@ TEST_F(Mrt6Test, EachKindFillsTheSameMessageEntitiesAsIpv4) {
   EXPECT_EQ(wp.intfId(), IntfId("Register0"));
   EXPECT_EQ(mgr_->wholePktCounter(), 1u);
 
-  std::string text = brevet_.dumpText();
-  EXPECT_NE(text.find("NoCacheMessage on intf:Ethernet5 for src: 2001:db8:2::2 and grp: ff0e::1:1"),
-            std::string::npos);
-  EXPECT_NE(text.find("WholePktMessage on intf:Register0 for src: 2001:db8:2::2 and grp: ff0e::1:1"),
-            std::string::npos);
+  const std::string text = brevet_.dumpText();
+  EXPECT_THAT(text, testing::HasSubstr("NoCacheMessage on intf:Ethernet5 for src: 2001:db8:2::2 and grp: ff0e::1:1"));
+  EXPECT_THAT(text, testing::HasSubstr("WholePktMessage on intf:Register0 for src: 2001:db8:2::2 and grp: ff0e::1:1"));
 }
 
 TEST_F(Mrt6Test, UnknownKindsAndNonUpcallsChangeNothing) {

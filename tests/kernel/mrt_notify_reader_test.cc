@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@ using fake::steppingClock;
 using fake::upcall;
 using Orvet::IntfId;
 using Orvet::IpAddr;
+using testing::HasSubstr;
 
 struct CounterWatch : MrtNotifyPamManager::NotifieeConst {
   int noCache = 0;
@@ -67,8 +69,7 @@ TEST_F(MrtNotifyReaderTest, NoCacheUpcallSetsTheMessageAndCounts) {
   EXPECT_EQ(mgr_->wrongVifCounter() + mgr_->wholePktCounter(), 0u);
   EXPECT_TRUE(trace_.contains("Mroute::MrtNotify", "sAddr: 10.0.0.1 gAddr: 239.1.1.1 vif 258"));
   EXPECT_EQ(brevet_.written(), 1u);
-  EXPECT_NE(brevet_.dumpText().find("NoCacheMessage on intf:Ethernet5 for src: 10.0.0.1 and grp: 239.1.1.1"),
-            std::string::npos);
+  EXPECT_THAT(brevet_.dumpText(), HasSubstr("NoCacheMessage on intf:Ethernet5 for src: 10.0.0.1 and grp: 239.1.1.1"));
 }
 
 // A wrong vif on an unmapped vif yields the null interface; a whole packet
@@ -169,9 +170,8 @@ TEST_F(MrtNotifySmTest, PassWhoseQuantumHasPassedReadsNothingAndLosesNothing) {
   sm_.loopQuantumIs(1);
   loop_.runOnce(std::chrono::milliseconds(0));
   EXPECT_EQ(mgr_->noCacheCounter(), 2u);
-  auto text = brevet_.dumpText();
-  EXPECT_NE(text.find("Start review of kernel upcalls"), std::string::npos);
-  EXPECT_NE(text.find("Finished review of 2 kernel upcalls in"), std::string::npos);
+  EXPECT_THAT(brevet_.dumpText(), HasSubstr("Start review of kernel upcalls"));
+  EXPECT_THAT(brevet_.dumpText(), HasSubstr("Finished review of 2 kernel upcalls in"));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <linux/mroute.h>
 #include <linux/mroute6.h>
 // clang-format on
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -235,9 +236,8 @@ TYPED_TEST(MrtRealKernelTest, NoCacheUpcallNamesSourceGroupAndArrivalInterface) 
     EXPECT_EQ(static_cast<Mrt6SocketPam*>(this->pam_)->rxNotUpcall(), 0u)
         << "ICMP6_FILTER keeps neighbour discovery and MLD in the kernel";
   }
-  EXPECT_NE(this->brevet_.dumpText().find("NoCacheMessage on intf:Ethernet2 for src: " +
-                                          TypeParam::host(1).text() + " and grp: " + group.text()),
-            std::string::npos);
+  EXPECT_THAT(this->brevet_.dumpText(), testing::HasSubstr("NoCacheMessage on intf:Ethernet2 for src: " +
+                                                           TypeParam::host(1).text() + " and grp: " + group.text()));
 }
 
 TYPED_TEST(MrtRealKernelTest, WrongVifUpcallWhenArrivingOnAnOutgoingInterface) {

@@ -1,6 +1,4 @@
-// The MFIB directory: the writer's steps and traces for adding and deleting
-// table sets, and the reader's reactor that mounts what the directory
-// announces and drops what it withdraws.
+// The MFIB directory: the writer adding and deleting table sets, the reader mounting what it announces.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -15,11 +13,7 @@
 namespace {
 
 using namespace MfibTest;
-using Brume::Multicast::Fib::MfibBrumeDir;
-using Brume::Multicast::Fib::MfibDirDirectory;
-using Brume::Multicast::Fib::MfibDirSm;
-using Brume::Multicast::Fib::MfibDirWriter;
-using Brume::Multicast::Fib::MfibEntityManager;
+using namespace Brume::Multicast::Fib;
 using Texts = std::vector<std::string>;
 
 const L3::VrfName kRed("red");
@@ -43,8 +37,8 @@ class MfibDirTest : public testing::Test {
   Mroute::Loop::EventLoop loop;
   Mroute::Trace::CaptureSink sink{"Mroute::MfibBrume"};
   MfibEntityManager manager{loop};
-  Kiv::Ptr<MfibDirDirectory> directory = Brume::Multicast::Fib::MfibDirDirectoryIs("directory");
-  Kiv::Ptr<MfibBrumeDir> brumeDir = Brume::Multicast::Fib::MfibBrumeDirIs("writer");
+  Kiv::Ptr<MfibDirDirectory> directory = MfibDirDirectoryIs("directory");
+  Kiv::Ptr<MfibBrumeDir> brumeDir = MfibBrumeDirIs("writer");
   MfibDirWriter writer{"pim", directory, brumeDir, manager};
   Texts initTraces;
 };
@@ -119,8 +113,8 @@ TEST_F(MfibDirTest, ReaderMountsAnnouncedTableSetsAndDropsWithdrawnOnes) {
   const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
   writer.doAddBrume(kRed, "pim")->routeIs(route(k, 1));
   sink.clear();
-  Kiv::Ptr<MfibBrumeDir> readDir = Brume::Multicast::Fib::MfibBrumeDirIs("reader");
-  std::unique_ptr<MfibDirSm> sm = Brume::Multicast::Fib::mfibDirSmFactory(directory, readDir, manager);
+  Kiv::Ptr<MfibBrumeDir> readDir = MfibBrumeDirIs("reader");
+  std::unique_ptr<MfibDirSm> sm = mfibDirSmFactory(directory, readDir, manager);
   sm->handleMfibDir();
   EXPECT_EQ(traces(), (Texts{"Created Mfib directory pim", "Mounted " + kPimRed,
                              "Created Brumed directory collection for vrf red"}));
@@ -147,14 +141,13 @@ TEST_F(MfibDirTest, ReaderMountsAnnouncedTableSetsAndDropsWithdrawnOnes) {
 TEST(MfibDirProgrammingErrorTest, NullArgumentsAndUnknownFamiliesAreRefusedWithTheirTexts) {
   Mroute::Loop::EventLoop loop;
   MfibEntityManager manager{loop};
-  MfibDirSm sm(Brume::Multicast::Fib::MfibDirDirectoryIs("d"), Brume::Multicast::Fib::MfibBrumeDirIs("b"), manager);
+  MfibDirSm sm(MfibDirDirectoryIs("d"), MfibBrumeDirIs("b"), manager);
   MfibDirSm::AppDirSm app(sm);
   EXPECT_THROW_TEXT(app.mfibAppDirIs(nullptr), Kiv::RangeException,
                     "null _mfibAppDir parameter to mutator for Brume::Multicast::Fib::MfibDirSm::mfibAppDir not "
                     "allowed\"");
   EXPECT_THROW_TEXT(app.appDirIs(nullptr), Kiv::RangeException,
                     "null _appDir parameter to mutator for Brume::Multicast::Fib::MfibDirSm::appDir not allowed\"");
-  using Brume::Multicast::Fib::MfibDir;
   EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(1)), "routing/multicast/fib");
   EXPECT_EQ(MfibDir::mountPath(Orvet::AddressFamily(2)), "routing6/multicast/fib");
 }

@@ -1,6 +1,4 @@
-// The ordered views: one table set's keys (ModalOrderRouteSm) and the keys
-// that have a winner across a VRF (OrderRouteSm), with their traces and the
-// stored-number rule.
+// The ordered views of one table set (ModalOrderRouteSm) and of a VRF's winners (OrderRouteSm).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -14,11 +12,7 @@
 namespace {
 
 using namespace MfibTest;
-using Brume::Multicast::Fib::MfibBrumeColl;
-using Brume::Multicast::Fib::ModalOrderRouteSm;
-using Brume::Multicast::Fib::ModalRouteOrderedCollection;
-using Brume::Multicast::Fib::OrderRouteSm;
-using Brume::Multicast::Fib::RouteOrderedCollection;
+using namespace Brume::Multicast::Fib;
 using Texts = std::vector<std::string>;
 
 class OrderedViewTest : public testing::Test {
@@ -38,7 +32,7 @@ class OrderedViewTest : public testing::Test {
 };
 
 TEST_F(OrderedViewTest, ModalViewMirrorsOneTableSetsKeys) {
-  Kiv::Ptr<ModalRouteOrderedCollection> view = Brume::Multicast::Fib::ModalRouteOrderedCollectionIs("one");
+  Kiv::Ptr<ModalRouteOrderedCollection> view = ModalRouteOrderedCollectionIs("one");
   ModalOrderRouteSm sm(one, view);
   one->routeIs(route(k2, 1));
   EXPECT_EQ(traces(), (Texts{"ModalOrderRouteSm not initialized"}));
@@ -57,8 +51,8 @@ TEST_F(OrderedViewTest, ModalViewMirrorsOneTableSetsKeys) {
 }
 
 TEST_F(OrderedViewTest, OrderedViewKeepsTheNumberOfTheLastChangingTableSet) {
-  Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("default");
-  Kiv::Ptr<RouteOrderedCollection> view = Brume::Multicast::Fib::RouteOrderedCollectionIs("default");
+  Kiv::Ptr<MfibBrumeColl> coll = MfibBrumeCollIs("default");
+  Kiv::Ptr<RouteOrderedCollection> view = RouteOrderedCollectionIs("default");
   coll->brumePtrIs(1, one);
   OrderRouteSm sm(coll, view);
   one->routeIs(route(k1, 1));

@@ -1,5 +1,6 @@
 // Best-route selection across the table sets of a VRF and the merged walk:
 // strict priority, ties to the first in map order, priority 0 never wins.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -16,8 +17,7 @@
 namespace {
 
 using namespace MfibTest;
-using Brume::Multicast::Fib::MfibBrumeColl;
-using Brume::Multicast::Fib::MfibBrumeCollRouteIteratorConst;
+using namespace Brume::Multicast::Fib;
 
 class SelectionTest : public testing::Test {
  protected:
@@ -26,7 +26,7 @@ class SelectionTest : public testing::Test {
   Kiv::Ptr<Status> low = writerStatus(loop, "red", "low");
   Kiv::Ptr<Status> high = writerStatus(loop, "red", "high");
   Kiv::Ptr<Status> zero = writerStatus(loop, "red", "zero");
-  Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs("red");
+  Kiv::Ptr<MfibBrumeColl> coll = MfibBrumeCollIs("red");
   const IpGenRouteKey k = key("10.0.0.1/32", "232.0.0.1/32");
 
   void SetUp() override {
@@ -107,14 +107,13 @@ TEST_F(SelectionTest, CorruptTableCountsAsNoRouteAndTheOthersStillAnswer) {
   low->routeIs(route(k, 1));
   high->routeIs(route(k, 2));
   high->routeIs(route(other, 2));
-  Brume::Multicast::Fib::MfibEntityManager manager(loop);
-  Kiv::Ptr<MfibBrumeColl> readers = Brume::Multicast::Fib::MfibBrumeCollIs("red");
+  MfibEntityManager manager(loop);
+  Kiv::Ptr<MfibBrumeColl> readers = MfibBrumeCollIs("red");
   uint32_t number = 0;
   for (const char* app : {"low", "high"}) {
-    readers->brumePtrIs(++number, manager.mountStatus(
-                                      Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), app),
-                                      Brume::BrumeType::reader,
-                                      Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name)));
+    const std::string path = Status::mountPath(Orvet::AddressFamily(1), L3::VrfName("red"), app);
+    readers->brumePtrIs(++number, manager.mountStatus(path, Brume::BrumeType::reader,
+                                                      TableInfo::mfibMountInfo(Status::type().name)));
   }
   ASSERT_TRUE(Testing::runUntil(loop, [&] { return readers->brumeKey(k) == 2 && readers->brumeKey(other) == 2; }));
 
@@ -132,8 +131,8 @@ TEST_F(SelectionTest, CorruptTableCountsAsNoRouteAndTheOthersStillAnswer) {
   EXPECT_EQ(readers->nextBestBrume(1, k), nullptr);
   const std::vector<std::string> texts = sink.texts("Mroute::Brume");
   ASSERT_EQ(texts.size(), 2u);
-  EXPECT_NE(texts[0].find("BrumeReader::doLookup() corrupt key detected"), std::string::npos) << texts[0];
-  EXPECT_NE(texts[1].find("detaching from corrupt files"), std::string::npos) << texts[1];
+  EXPECT_THAT(texts[0], testing::HasSubstr("BrumeReader::doLookup() corrupt key detected"));
+  EXPECT_THAT(texts[1], testing::HasSubstr("detaching from corrupt files"));
   // Detached, high has no routes at all until it attaches again.
   EXPECT_EQ(readers->brumeKey(other), 0u);
   EXPECT_EQ(readers->routes(), 1u);

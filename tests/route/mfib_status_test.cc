@@ -1,6 +1,4 @@
-// An application's MFIB table set: the shared route and oif-index tables with
-// their notifications and counters, the mount paths, and the per-VRF
-// collection of table sets.
+// An application's MFIB table set: its route and oif-index tables, paths and the per-VRF collection.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -16,10 +14,7 @@
 
 namespace {
 
-using Brume::Multicast::Fib::BidirStatus;
-using Brume::Multicast::Fib::Route;
-using Brume::Multicast::Fib::Status;
-using Brume::Multicast::Fib::VrfStatus;
+using namespace Brume::Multicast::Fib;
 using Routing::Multicast::Fib::IpGenRouteKey;
 using Log = std::vector<std::string>;
 
@@ -45,7 +40,7 @@ class MfibStatusTest : public testing::Test {
   }
   Testing::ShmRootScope root{"mfibstatus"};
   Mroute::Loop::EventLoop loop;
-  Kiv::Ptr<Status> status = Brume::Multicast::Fib::StatusIs("pim");
+  Kiv::Ptr<Status> status = StatusIs("pim");
   Log log;
   Recorder rec{&log};
   const IpGenRouteKey key = routeKey("10.0.0.0/24", "232.1.1.1/32");
@@ -86,10 +81,10 @@ TEST_F(MfibStatusTest, DirectWriteIsPublishedByCommitAndCommitWithoutASlotAssert
   EXPECT_EQ(log, (Log{"route 10.0.0.0/24 232.1.1.1/32"}));
   EXPECT_ASSERTION(status->routeCommit(slot), "BrumeMap::directCommit() in no man's land");
   // The oif-index table counts its deletes and commits on its own.
-  const Brume::Multicast::Fib::OifIndex three(3);
+  const OifIndex three(3);
   status->oifIndexIntfDel(three);
-  Brume::Multicast::Fib::OifIndexIntf* oifSlot = status->oifIndexIntfDirectIs(three);
-  *oifSlot = Brume::Multicast::Fib::OifIndexIntf(three, Orvet::IntfId("Ethernet7"), 1);
+  OifIndexIntf* oifSlot = status->oifIndexIntfDirectIs(three);
+  *oifSlot = OifIndexIntf(three, Orvet::IntfId("Ethernet7"), 1);
   status->oifIndexIntfCommit(oifSlot);
   EXPECT_EQ(status->oifIndexIntfDelCount(), 1u);
   EXPECT_EQ(status->oifIndexIntfCommitCount(), 1u);
@@ -126,7 +121,7 @@ TEST_F(MfibStatusTest, CommitIntoACorruptQueueRunsTheHandlerAndStillAnnounces) {
 }
 
 TEST_F(MfibStatusTest, ReaderLearnsChangesAsKeysAndReadinessAsTheCollection) {
-  Kiv::Ptr<Status> reader = Brume::Multicast::Fib::StatusIs("pim");
+  Kiv::Ptr<Status> reader = StatusIs("pim");
   Log readLog;
   Recorder readRec(&readLog);
   readRec.notifierIs(reader);
@@ -172,7 +167,7 @@ TEST(BidirStatusTest, EachTableDeletesCommitsAndCountsOnItsOwn) {
   };
   Testing::ShmRootScope root{"bidirstatus"};
   Mroute::Loop::EventLoop loop;
-  Kiv::Ptr<BidirStatus> bidir = Brume::Multicast::Fib::BidirStatusIs("pim");
+  Kiv::Ptr<BidirStatus> bidir = BidirStatusIs("pim");
   bidir->mountTables(loop, "routing/multicast/bidirstatus/red/pim", Brume::BrumeType::writer);
   BidirLog rec;
   rec.notifierIs(bidir);
@@ -182,10 +177,10 @@ TEST(BidirStatusTest, EachTableDeletesCommitsAndCountsOnItsOwn) {
   EXPECT_EQ(bidir->bidirGroupDel(group).key(), Orvet::IpGenPrefix());
   EXPECT_EQ(bidir->dfProfileDel(intf).key(), Orvet::IntfId());
   EXPECT_TRUE(rec.log.empty());
-  const Brume::Multicast::Fib::BidirGroup g(group, Brume::Multicast::Fib::RpaIndex(3));
+  const BidirGroup g(group, RpaIndex(3));
   bidir->bidirGroupIs(g);
-  Brume::Multicast::Fib::DfProfile* df = bidir->dfProfileDirectIs(intf);
-  *df = Brume::Multicast::Fib::DfProfile(intf, 0x5);
+  DfProfile* df = bidir->dfProfileDirectIs(intf);
+  *df = DfProfile(intf, 0x5);
   bidir->dfProfileCommit(df);
   EXPECT_EQ(bidir->dfProfile(intf).dfBitmap(), 0x5u);
   EXPECT_EQ(bidir->bidirGroupDel(group), g);
@@ -198,12 +193,12 @@ TEST(BidirStatusTest, EachTableDeletesCommitsAndCountsOnItsOwn) {
 }
 
 TEST(VrfStatusTest, StatusByVrfHoldsReferences) {
-  Kiv::Ptr<VrfStatus> vrfs = Brume::Multicast::Fib::VrfStatusIs("pim");
-  Kiv::Ptr<Status> red = Brume::Multicast::Fib::StatusIs("red");
+  Kiv::Ptr<VrfStatus> vrfs = VrfStatusIs("pim");
+  Kiv::Ptr<Status> red = StatusIs("red");
   vrfs->statusIs(L3::VrfName("red"), red);
   EXPECT_EQ(vrfs->status(L3::VrfName("red")), red);
   EXPECT_EQ(vrfs->status(L3::VrfName("blue")), nullptr);
-  vrfs->statusIs(L3::VrfName("blue"), Brume::Multicast::Fib::StatusIs("blue"));
+  vrfs->statusIs(L3::VrfName("blue"), StatusIs("blue"));
   struct VrfLog : VrfStatus::NotifieeConst {
     void onStatus(const L3::VrfName& vrf) override { log.push_back(vrf.str()); }
     Log log;

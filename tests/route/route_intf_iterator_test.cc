@@ -1,6 +1,4 @@
-// The route interface iterators: item order and flags, resolution of oif
-// indexes through the table set or a cache, the version check, the traces of
-// skipped indexes and the null-mapping assertion.
+// The route interface iterators, over the table set and over a cache.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -15,13 +13,7 @@
 
 namespace {
 
-using Brume::Multicast::Fib::CachedMapRouteIntfIteratorConst;
-using Brume::Multicast::Fib::OifIndex;
-using Brume::Multicast::Fib::OifIndexIntf;
-using Brume::Multicast::Fib::OifIntfCache;
-using Brume::Multicast::Fib::Route;
-using Brume::Multicast::Fib::RouteIntfIteratorConst;
-using Brume::Multicast::Fib::Status;
+using namespace Brume::Multicast::Fib;
 using Routing::Multicast::Fib::IpGenRouteKey;
 using Items = std::vector<std::string>;
 
@@ -56,7 +48,7 @@ class RouteIntfIteratorTest : public testing::Test {
 
   Testing::ShmRootScope root{"intfiter"};
   Mroute::Loop::EventLoop loop;
-  Kiv::Ptr<Status> status = Brume::Multicast::Fib::StatusIs("pim");
+  Kiv::Ptr<Status> status = StatusIs("pim");
   Route route{IpGenRouteKey(Orvet::IpGenPrefix::fromText("10.1.1.1/32"), Orvet::IpGenPrefix::fromText("232.1.1.1/32"))};
   OifIntfCache cache;
 };

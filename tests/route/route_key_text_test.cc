@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "mroute/entity/kiv/text_form.h"
 #include "mroute/route/ip_gen_route_key.h"
@@ -19,10 +21,7 @@ using Orvet::Prefix;
 const std::string kHead = "Value('Routing::Multicast::Fib::IpGenRouteKey', ** {";
 
 TEST(RouteKeyTextTest, CompactFormByKindRoundTrips) {
-  struct Case {
-    RouteKey key;
-    std::string text;
-  } cases[] = {
+  const std::pair<RouteKey, std::string> cases[] = {
       {RouteKey(), kHead + "'kind': 'unknownRouteKeyType'})"},
       {RouteKey(makeRouteKeyVlanFloodset(10)), kHead + "'kind': 'vlanFloodset', 'vlanId': 10})"},
       {RouteKey(makeRouteKeyMulticastFloodset(4094)),
@@ -38,12 +37,10 @@ TEST(RouteKeyTextTest, CompactFormByKindRoundTrips) {
       {RouteKey(Prefix::fromText("10.0.0.0/24"), Prefix::fromText("240.0.0.0/4")),
        kHead + "'kind': 'mroute', 's': 10.0.0.0/24, 'g': 240.0.0.0/4})"},
   };
-  for (const Case& c : cases) {
-    std::string text = Kiv::textOf(c.key);
-    EXPECT_EQ(text, c.text);
-    RouteKey back = RouteKey::fromText(text);
-    EXPECT_EQ(back, c.key) << text;
-    EXPECT_EQ(Kiv::textOf(back), text);
+  for (const auto& [key, text] : cases) {
+    EXPECT_EQ(Kiv::textOf(key), text);
+    EXPECT_EQ(RouteKey::fromText(text), key) << text;
+    EXPECT_EQ(Kiv::textOf(RouteKey::fromText(text)), text);
   }
   // An undefined kind prints its number alone.
   EXPECT_EQ(Kiv::textOf(RouteKey(Prefix(), Prefix::fromText("112.0.0.1"))), kHead + "'kind': 7})");
@@ -118,27 +115,20 @@ TEST(RouteKeyTextTest, CompactParserRefusesNumbersOutOfRange) {
 // What an operator types reads back to the key whose exact display it is;
 // blanks count nowhere, and every refusal names the part that is wrong.
 TEST(RouteKeyTextTest, OperatorDisplayReadsBack) {
-  struct Case {
-    const char* typed;
-    const char* exact;
-    const char* pretty;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"(*,239.1.1.1)", "(*,239.1.1.1)", "(*,239.1.1.1)"},
       {"(*,239.1.1.1/24)", "(*,239.1.1.0/24)", "(*,239.1.1.0)"},
       {" ( 10.0.0.0/24 , 232.1.1.1 ) ", "(10.0.0.0/24,232.1.1.1)", "(10.0.0.0/24,232.1.1.1)"},
       {"(*, ff3e::/16)", "(*,ff3e::/16)", "(*,ff3e::)"},
   };
-  for (const Case& c : cases) {
-    IpGenRouteKey key = routeKeyFromDisplay(c.typed);
-    EXPECT_EQ(exactDisplay(key), c.exact) << c.typed;
-    EXPECT_EQ(key.pretty(), c.pretty) << c.typed;
-    EXPECT_EQ(routeKeyFromDisplay(exactDisplay(key)), key) << c.typed;
+  for (const auto& [typed, exact, pretty] : cases) {
+    IpGenRouteKey key = routeKeyFromDisplay(typed);
+    EXPECT_EQ(exactDisplay(key), exact) << typed;
+    EXPECT_EQ(key.pretty(), pretty) << typed;
+    EXPECT_EQ(routeKeyFromDisplay(exactDisplay(key)), key) << typed;
   }
   EXPECT_EQ(exactDisplay(makeRouteKeyVlanFloodset(10)), "vlan10 Floodset");
-  struct Bad {
-    const char* typed;
-    const char* error;
-  } bad[] = {
+  const std::pair<const char*, const char*> bad[] = {
       {"*,239.1.1.1", "bad key '*,239.1.1.1': expected (S,G) or (*,G)"},
       {"(*,239.1.1.1,1)", "bad key '(*,239.1.1.1,1)': expected (S,G) or (*,G)"},
       {"(*,10.0.0.1)", "bad group '10.0.0.1': not a multicast group"},
@@ -146,7 +136,7 @@ TEST(RouteKeyTextTest, OperatorDisplayReadsBack) {
       {"(10.0.0.1/33,239.1.1.1)", "bad source '10.0.0.1/33': expected an address or a prefix such as 10.0.0.0/24"},
       {"(2001:db8::1,239.1.1.1)", "bad key '(2001:db8::1,239.1.1.1)': source and group families differ"},
   };
-  for (const Bad& b : bad) EXPECT_THROW_TEXT(routeKeyFromDisplay(b.typed), Kiv::RangeException, b.error);
+  for (const auto& [typed, error] : bad) EXPECT_THROW_TEXT(routeKeyFromDisplay(typed), Kiv::RangeException, error);
 }
 
 TEST(RouteKeyTextTest, OperatorVlanIdIsOneTo4094) {

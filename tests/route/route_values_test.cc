@@ -93,10 +93,7 @@ TEST(NamedFlags, AccessorsBitsAndExactTexts) {
       "'noRpf': True, 'fastdrop': True, 'frr': False})");
 }
 
-TEST(BoundedValues, DefaultsAndRanges) {
-  EXPECT_EQ(RpaIndex().value(), 65535);
-  EXPECT_EQ(RoutePriority().value(), 1);
-  EXPECT_EQ(OifIndex::null.value(), 512);
+TEST(BoundedValues, RangesRefuseAndStoreNothing) {
   EXPECT_FALSE(OifIndex(511).isNull());
   // The range texts are checked by RouteRecord.RangeErrorsNameTheAttribute.
   OifIndex i(4);

@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
+
 #include <string>
 
 #include "mroute/entities/fib/vrf_config.h"
@@ -15,6 +17,7 @@
 namespace {
 
 using namespace Routing::Multicast::Fib;
+using testing::HasSubstr;
 
 std::string run(const std::string& args) { return ToolTest::mroutectl(args).out; }
 
@@ -42,23 +45,20 @@ TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
   char c;
   ASSERT_EQ(::read(ready[0], &c, 1), 1);
   const std::string text = run("entity routing/multicast/vrf/config");
-  EXPECT_NE(text.find("config (Routing::Multicast::Fib::VrfConfig)\n  routing: True\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("\n  red (Routing::Multicast::Fib::Config)\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("\n  Ethernet1 (Routing::Multicast::Fib::IntfConfig)\n    noFastdrop: True\n"),
-            std::string::npos)
-      << text;
+  EXPECT_THAT(text, HasSubstr("config (Routing::Multicast::Fib::VrfConfig)\n  routing: True\n"));
+  EXPECT_THAT(text, HasSubstr("\n  red (Routing::Multicast::Fib::Config)\n"));
+  EXPECT_THAT(text, HasSubstr("\n  Ethernet1 (Routing::Multicast::Fib::IntfConfig)\n    noFastdrop: True\n"));
   const std::string json = run("entity routing/multicast/vrf/config --json");
   EXPECT_EQ(json.rfind("{\"name\": \"config\", \"type\": \"Routing::Multicast::Fib::VrfConfig\", \"routing\": \"True\"", 0),
             0u)
       << json;
-  EXPECT_NE(json.find("\"'red'\": {\"name\": \"red\", \"type\": \"Routing::Multicast::Fib::Config\""), std::string::npos);
+  EXPECT_THAT(json, HasSubstr("\"'red'\": {\"name\": \"red\", \"type\": \"Routing::Multicast::Fib::Config\""));
   const std::string follow = ToolTest::finish(::popen("timeout -s INT 1 " MROUTECTL " entity routing/multicast/vrf/config --follow", "r")).out;
-  EXPECT_NE(follow.find("config/red maxFastdrops: 10"), std::string::npos) << follow;
-  EXPECT_NE(run("entity routing/nothing/here").find("no entity tree is known at 'routing/nothing/here'"),
-            std::string::npos);
+  EXPECT_THAT(follow, HasSubstr("config/red maxFastdrops: 10"));
+  EXPECT_THAT(run("entity routing/nothing/here"), HasSubstr("no entity tree is known at 'routing/nothing/here'"));
   // Every mount path names its type, those that no agent serves here too.
   for (const char* path : {"routing/hardware/multicast/status", "routing6/multicast/fib/pim", "routing/multicast/fibready/bidir/status"}) {
-    EXPECT_NE(run(std::string("entity ") + path + " --seconds 0.05").find("no writer serves"), std::string::npos) << path;
+    EXPECT_THAT(run(std::string("entity ") + path + " --seconds 0.05"), HasSubstr("no writer serves")) << path;
   }
   ::kill(writer, SIGKILL);
   ::waitpid(writer, nullptr, 0);

@@ -1,6 +1,5 @@
-// The FIB configuration entities: what their descriptions decide beyond the
-// shape the conformance suite checks - defaults, what reset covers and in
-// which order it notifies, the published attribute ids and mount paths.
+// The FIB configuration entities: what their descriptions decide beyond the shape the conformance
+// suite checks.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,4 @@
-// The FIB status entities: the ready status's per-mode path, the counter
-// control's start values, the counter table that follows its entity's place
-// in the tree, and the route interface value.
+// The FIB status entities: what their descriptions decide beyond the shared shape.
 #include <gtest/gtest.h>
 
 #include "mroute/entities/fib/fib_status.h"

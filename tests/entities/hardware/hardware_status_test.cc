@@ -1,6 +1,5 @@
-// The hardware status tree: its unusual defaults, the dirty-LAG count that a
-// delete hands back, the route count over VRFs, the skipped attribute ids and
-// the hardware flags; their range check is the flag template's (entity/value_test.cc).
+// The hardware status tree: what its description decides beyond the shared shape; the flags' range
+// check is the flag template's (route/route_values_test.cc).
 #include <gtest/gtest.h>
 
 #include <sstream>

@@ -1,6 +1,4 @@
-// PIM, VXLAN and PIM-interface status: the start values of an interface, the
-// constant group range of a prefix, back pointers set by the owner, whole
-// routes filed under their key, and the mount paths.
+// PIM, VXLAN and PIM-interface status: what their descriptions decide beyond the shared shape.
 #include <gtest/gtest.h>
 
 #include "mroute/entities/pim/pim_enabled.h"

@@ -1,7 +1,5 @@
-// Replication of what is not a plain value: attributes a derived entity
-// inherits, references (within the tree and to another mounted tree),
-// constructor attributes, shared tables (as their mount path) and the
-// read-only proxy's refusal or conversion; and the mount-path table.
+// Replication of what is not a plain value: inherited attributes, references, constructor attributes,
+// shared tables, the read-only proxy; and the mount-path table.
 #include <set>
 #include <string>
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 #include <sstream>
+#include <utility>
 
 #include "mroute/runtime/error.h"
 #include "mroute/runtime/net/address_family.h"
@@ -34,10 +35,7 @@ TEST(IpAddrText, Ipv4RoundTripAndByteOrder) {
 // Every accepted form must agree with the C library; printing must give the
 // compressed form (lower case, longest zero run, no lone-zero compression).
 TEST(IpAddrText, Ipv6ParseAgreesWithLibcAndPrintsCompressed) {
-  struct Case {
-    const char* in;
-    const char* out;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"ff3e::1", "ff3e::1"},
       {"::", "::"},
       {"::1", "::1"},
@@ -51,13 +49,13 @@ TEST(IpAddrText, Ipv6ParseAgreesWithLibcAndPrintsCompressed) {
       {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
       {"fe80::0001:0abc", "fe80::1:abc"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [in, out] : cases) {
     uint8_t expected[16];
-    ASSERT_EQ(inet_pton(AF_INET6, c.in, expected), 1) << c.in;
-    IpGenAddr a = IpGenAddr::fromText(c.in);
+    ASSERT_EQ(inet_pton(AF_INET6, in, expected), 1) << in;
+    IpGenAddr a = IpGenAddr::fromText(in);
     EXPECT_EQ(a.af(), ipv6());
-    EXPECT_EQ(std::memcmp(a.bytes(), expected, 16), 0) << c.in;
-    EXPECT_EQ(a.text(), c.out) << c.in;
+    EXPECT_EQ(std::memcmp(a.bytes(), expected, 16), 0) << in;
+    EXPECT_EQ(a.text(), out) << in;
     EXPECT_EQ(IpGenAddr::fromText(a.text()), a);
   }
   for (const char* bad : {":", ":::", "1:::2", "1::2::3", "1:2:3:4:5:6:7:8:9", "1:2:3:4:5:6:7", "12345::",
