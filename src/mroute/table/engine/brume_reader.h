@@ -299,9 +299,10 @@ class BrumeReader {
     // re-check compares it in one instruction.
     uint64_t countWord = 0;
     uint32_t next = 0;  // the slot's next link, read under version
-    // forEach() only: the bucket after this one in split order, and the
-    // read-ahead item the walk moves to when this bucket's chain ends.
-    uint32_t successor = 0;
+    // forEach() only: the end marker that names the bucket after this one
+    // in split order, and the read-ahead item the walk moves to when this
+    // bucket's chain ends.
+    uint32_t endMarker = 0;
     uint32_t item = 0;
     uint32_t numBuckets() const { return refOf(std::bit_cast<Mem::VersionedRef::Value>(countWord)); }
   };
@@ -318,21 +319,23 @@ class BrumeReader {
   // follow).
   struct ReadAhead {
     static constexpr uint32_t kBlock = 8;
-    // A bucket whose head named a slot: its place in the block, and the
-    // head as loaded (with an acquire fence after the block's loads).
-    struct Item {
-      uint32_t inBlock;
-      Mem::VersionedRef::Value head;
-    };
     struct Block {
       uint32_t base = kNoRef;      // its first bucket, kNoRef past the last block
       uint32_t nextBase = kNoRef;  // the next block's
       uint32_t rhashBase = 0;      // base's reversed index
-      uint32_t count = 0;          // items
+      uint32_t count = 0;          // occupied buckets: places in order
       // An empty bucket's end marker named another bucket than the one
-      // after it: a resize in flight or corruption, for the full walk.
+      // after it: a resize in flight or corruption, for the full walk. A
+      // bad block counts no places, so that the walk looks at bad only
+      // when it runs out of places, as it does on entering the block.
       bool bad = false;
-      Item items[kBlock];
+      // The heads as loaded (with an acquire fence after the block's
+      // loads), and the places in the block of those that named a slot.
+      Mem::VersionedRef::Value heads[kBlock];
+      uint8_t order[kBlock];
+      // The end marker that names the bucket at block position j is base +
+      // endOffset[j]; the last names the next block's first bucket.
+      uint32_t endOffset[kBlock + 1];
     };
     // Within a block the buckets are base + q * reverse3(j) (q = numBuckets
     // / 8) and their reversed indexes rhashBase + j * 2^(32 - log2 n): one
@@ -344,9 +347,11 @@ class BrumeReader {
     Block blocks[kDepth];
     uint32_t current = 0;  // the cursor's block
   };
-  // Sets ra up around c's bucket (c as the full walk left it) and reads
-  // ahead from there. REQUIRES: at least kBlock buckets.
-  void readAheadFrom(Cursor& c, ReadAhead& ra);
+  // Sets ra up around the bucket the full walk left a cursor in, reads
+  // ahead from there, and returns the end marker that names the bucket
+  // after it. It takes no cursor: one whose address leaves the walk's frame
+  // lives in memory, not in registers. REQUIRES: at least kBlock buckets.
+  uint32_t readAheadFrom(uint32_t bucket, ReadAhead& ra);
   // Loads the heads of blk from block position `from` on, and prefetches
   // what they name and the heads of the block after.
   [[gnu::always_inline]] void readAheadBlock(ReadAhead& ra, typename ReadAhead::Block& blk, uint32_t from);
@@ -386,9 +391,9 @@ class BrumeReader {
   [[gnu::always_inline]] Step stepSlot(Stored& out, Cursor& c, uint32_t ref, const uint8_t* slot0,
                                        const Mem::VersionedRef* heads, uint32_t mapped, uint32_t mask);
   // forEach()'s loop from c, whose entry is in *cur: f, then a step, until
-  // the end. kAhead with the read-ahead (at least kBlock buckets).
-  template <bool kAhead, typename F>
-  void walk(F& f, Cursor c, Stored* cur, Stored* prev);
+  // the end.
+  template <typename F>
+  [[gnu::always_inline]] void walk(F& f, Cursor c, Stored* cur, Stored* prev);
   // The full walk to the entry after key (the first when key is null), c
   // moved onto it: restarts, remaps and corruption reports. A valid c stands
   // on key's entry. REQUIRES: attached; key does not point into out.

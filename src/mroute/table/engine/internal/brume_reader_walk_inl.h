@@ -49,29 +49,26 @@ void BrumeReader<Ops>::forEach(F&& f) {
   Stored buffers[2];
   Cursor c;
   if (!nextLoop(nullptr, buffers[0], c)) return;
-  // A table of fewer buckets than a read-ahead block is too small for one.
-  if (numBuckets_ >= ReadAhead::kBlock) {
-    walk<true>(f, c, &buffers[0], &buffers[1]);
-  } else {
-    walk<false>(f, c, &buffers[0], &buffers[1]);
-  }
+  walk(f, c, &buffers[0], &buffers[1]);
 }
 
 template <TableOps Ops>
-template <bool kAhead, typename F>
-void BrumeReader<Ops>::walk(F& f, Cursor c, Stored* cur, Stored* prev) {
+template <typename F>
+inline void BrumeReader<Ops>::walk(F& f, Cursor c, Stored* cur, Stored* prev) {
   ReadAhead ra;
-  if constexpr (kAhead) readAheadFrom(c, ra);
+  // A table of fewer buckets than a read-ahead block is too small for one.
+  // One loop serves both ways: f then never leaves forEach()'s frame, and
+  // what f keeps in registers stays there.
+  bool ahead = numBuckets_ >= ReadAhead::kBlock;
+  if (ahead) {
+    c.endMarker = readAheadFrom(c.bucket, ra);
+    c.item = 0;
+  }
   for (;;) {
     f(std::as_const(*cur));
     if (!attached()) return;
     std::swap(cur, prev);
-    Step s;
-    if constexpr (kAhead) {
-      s = stepAhead(*cur, c, ra);
-    } else {
-      s = stepOnce(*cur, c);
-    }
+    const Step s = ahead ? stepAhead(*cur, c, ra) : stepOnce(*cur, c);
     if (s == Step::end) return;
     if (s == Step::retry) [[unlikely]] {
       ++counters_.walkRestarts;
@@ -82,19 +79,17 @@ void BrumeReader<Ops>::walk(F& f, Cursor c, Stored* cur, Stored* prev) {
       Cursor found = c;
       if (!nextLoop(&k, *cur, found)) return;
       c = found;
-      if constexpr (kAhead) {
-        if (numBuckets_ < ReadAhead::kBlock) [[unlikely]] {
-          walk<false>(f, c, cur, prev);
-          return;
-        }
-        readAheadFrom(c, ra);
+      ahead = numBuckets_ >= ReadAhead::kBlock;
+      if (ahead) {
+        c.endMarker = readAheadFrom(c.bucket, ra);
+        c.item = 0;
       }
     }
   }
 }
 
 template <TableOps Ops>
-void BrumeReader<Ops>::readAheadFrom(Cursor& c, ReadAhead& ra) {
+uint32_t BrumeReader<Ops>::readAheadFrom(uint32_t bucket, ReadAhead& ra) {
   constexpr uint32_t kBlock = ReadAhead::kBlock;
   const uint32_t n = numBuckets_;
   const uint32_t q = n / kBlock;
@@ -104,16 +99,21 @@ void BrumeReader<Ops>::readAheadFrom(Cursor& c, ReadAhead& ra) {
   // block's base.
   static constexpr uint32_t kReverse3[kBlock] = {0, 4, 2, 6, 1, 5, 3, 7};
   for (uint32_t j = 0; j < kBlock; ++j) ra.offset[j] = q * kReverse3[j];
+  // The end marker that names bucket base + offset[j] is base + endOffset[j]
+  // (base + offset[j] < n <= 2^31 leaves bit 31 clear); each block keeps its
+  // own endOffset[kBlock], which names the next block's base.
+  for (typename ReadAhead::Block& blk : ra.blocks) {
+    for (uint32_t j = 0; j < kBlock; ++j) blk.endOffset[j] = kEndBit | ra.offset[j];
+  }
   // Wraps to 0 at kBlock when the table has exactly one block.
   for (uint32_t j = 0; j <= kBlock; ++j) ra.rhashOffset[j] = static_cast<uint32_t>(uint64_t{j} << shift);
-  const uint32_t pos = splitPosition(c.bucket, n);
+  const uint32_t pos = splitPosition(bucket, n);
   const uint32_t j = pos % kBlock;
   typename ReadAhead::Block& blk = ra.blocks[0];
   blk.base = splitPosition(pos - j, n);
   blk.nextBase = successor(blk.base, q);
   blk.rhashBase = (pos - j) << shift;
-  c.successor = j + 1 < kBlock ? blk.base + ra.offset[j + 1] : blk.nextBase;
-  c.item = 0;
+  const uint32_t after = j + 1 < kBlock ? blk.base + ra.offset[j + 1] : blk.nextBase;
   ra.current = 0;
   readAheadBlock(ra, blk, j + 1);
   for (uint32_t i = 1; i < ReadAhead::kDepth; ++i) {
@@ -127,6 +127,7 @@ void BrumeReader<Ops>::readAheadFrom(Cursor& c, ReadAhead& ra) {
     next.rhashBase = before.rhashBase + ra.rhashOffset[kBlock];
     readAheadBlock(ra, next, 0);
   }
+  return kEndBit | after;
 }
 
 template <TableOps Ops>
@@ -142,24 +143,29 @@ inline void BrumeReader<Ops>::readAheadBlock(ReadAhead& ra, typename ReadAhead::
   // The heads are loaded relaxed and ordered before the walk's reads of the
   // slots they name by one acquire fence after them all (R2 re-checks each
   // version before the answer, however much later).
+  // kNoRef past the last block, which kEndBit leaves unchanged.
+  blk.endOffset[kBlock] = (kEndBit | nextBase) - base;
   uint32_t bucket = from < kBlock ? base + ra.offset[from] : kNoRef;
 #pragma GCC unroll 8
   for (uint32_t j = from; j < kBlock; ++j) {
-    const uint32_t successor = j + 1 < kBlock ? base + ra.offset[j + 1] : nextBase;
     const Mem::VersionedRef::Value head = heads[bucket].loadRelaxed();
-    // Without branches: an empty bucket is not kept (the next item
-    // overwrites it), its end marker must name the bucket after it (kNoRef
-    // after the last), and its prefetch goes to slot 0.
-    const uint32_t empty = head.ref >> 31;
-    bad |= (head.ref ^ (kEndBit | successor)) & (0u - empty);
-    blk.items[count] = {j, head};
-    count += empty ^ 1;
-    prefetchSlot(slot0, withinOrZero(head.ref, mapped));
-    bucket = successor;
+    const uint32_t ref = refOf(head);
+    // Without branches: the head is kept at j, and j in the order of the
+    // occupied buckets (an empty bucket's place there is overwritten by
+    // the next); an empty bucket's end marker must name the bucket after
+    // it; its prefetch goes to slot 0.
+    blk.heads[j] = head;
+    blk.order[count] = static_cast<uint8_t>(j);
+    const uint32_t marker = base + blk.endOffset[j + 1];
+    const uint32_t emptyMask = static_cast<uint32_t>(static_cast<int32_t>(ref) >> 31);
+    bad |= (ref ^ marker) & emptyMask;
+    count += 1 + emptyMask;
+    prefetchSlot(slot0, withinOrZero(ref, mapped));
+    bucket = marker & ~kEndBit;
   }
   Mem::acquireFence();
-  blk.count = count;
   blk.bad = bad != 0;
+  blk.count = blk.bad ? 0 : count;
   // The heads read when the walk enters the block after.
   if (nextBase == kNoRef) return;
   for (uint32_t j = 0; j < kBlock; ++j) __builtin_prefetch(heads + nextBase + ra.offset[j]);
@@ -169,16 +175,19 @@ template <TableOps Ops>
 void BrumeReader<Ops>::readAheadNextBlock(ReadAhead& ra) {
   constexpr uint32_t kDepth = ReadAhead::kDepth;
   typename ReadAhead::Block& left = ra.blocks[ra.current];
-  ra.current = (ra.current + 1) % kDepth;
+  // (current + 1) % kDepth, without a division or a branch.
+  static_assert(kDepth == 3);
+  static constexpr uint8_t kAfter[kDepth] = {1, 2, 0};
+  ra.current = kAfter[ra.current];
   // The block after the one entered: its first slots were prefetched one
   // block ago, so their next links are in cache by now, or nearly. Loaded
   // as hints (a slot index past the mapping reads slot 0), they name the
   // chains' second slots, which are prefetched in turn.
-  const typename ReadAhead::Block& ahead = ra.blocks[(ra.current + 1) % kDepth];
+  const typename ReadAhead::Block& ahead = ra.blocks[kAfter[ra.current]];
   const uint8_t* slot0 = view_.slot0;
   const uint32_t mapped = view_.mappedSlots;
   for (uint32_t i = 0; i < ahead.count; ++i) {
-    const size_t first = withinOrZero(ahead.items[i].head.ref, mapped);
+    const size_t first = withinOrZero(refOf(ahead.heads[ahead.order[i]]), mapped);
     const Slot* s = reinterpret_cast<const Slot*>(slot0 + first * kSlotSize);
     prefetchSlot(slot0, withinOrZero(s->next.loadRelaxed().ref, mapped));
   }
@@ -284,12 +293,12 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepAhead(Stored& out, 
     // The chain's end must name the bucket after it; the buckets between
     // it and the next one ra found occupied were found empty, each with the
     // end marker that names the bucket after it.
-    if (ref != (kEndBit | c.successor)) [[unlikely]] return Step::retry;
+    if (ref != c.endMarker) [[unlikely]] return Step::retry;
     const typename ReadAhead::Block* blk = &ra.blocks[ra.current];
     for (;;) {
+      if (c.item < blk->count) break;
       // The block's empty buckets are passed only if their markers held.
       if (blk->bad) [[unlikely]] return Step::retry;
-      if (c.item < blk->count) break;
       if (blk->nextBase == kNoRef) {
         return recheckWord(*view_.count) == c.countWord ? Step::end : Step::retry;
       }
@@ -297,15 +306,15 @@ inline typename BrumeReader<Ops>::Step BrumeReader<Ops>::stepAhead(Stored& out, 
       blk = &ra.blocks[ra.current];
       c.item = 0;
     }
-    const typename ReadAhead::Item& it = blk->items[c.item++];
-    const uint32_t j = it.inBlock;
+    const uint32_t j = blk->order[c.item++];
+    const Mem::VersionedRef::Value head = blk->heads[j];
     c.bucket = blk->base + ra.offset[j];
-    c.successor = j + 1 < ReadAhead::kBlock ? blk->base + ra.offset[(j + 1) % ReadAhead::kBlock] : blk->nextBase;
+    c.endMarker = blk->base + blk->endOffset[j + 1];
     // Everything below the bucket was passed.
     c.rhash = blk->rhashBase + ra.rhashOffset[j] - 1;
     c.rhashMax = blk->rhashBase + ra.rhashOffset[j + 1] - 1;
-    c.version = it.head.version;
-    ref = it.head.ref;
+    c.version = head.version;
+    ref = head.ref;
   }
   return stepSlot(out, c, ref, slot0, heads, mapped, mask);
 }
