@@ -220,11 +220,19 @@ std::string quartiles(const Spread& s) {
   return text;
 }
 
+// Small rates (a starved reader's millions per second) keep two digits
+// instead of printing as 0.0.
+std::string number(double v, int width) {
+  char text[32];
+  std::snprintf(text, sizeof text, v > 0 && v < 0.1 ? "%*.2g" : "%*.1f", width, v);
+  return text;
+}
+
 void printRow(const char* what, double ours, const std::vector<Cell>& cells) {
   if (ours < 0) {
     std::printf("  %-22s %9s", what, "-");
   } else {
-    std::printf("  %-22s %9.1f", what, ours);
+    std::printf("  %-22s %s", what, number(ours, 9).c_str());
   }
   for (const Cell& c : cells) {
     if (c.value < 0) {
@@ -234,7 +242,7 @@ void printRow(const char* what, double ours, const std::vector<Cell>& cells) {
     char ratio[24] = "";
     if (c.ratio.median > 0) std::snprintf(ratio, sizeof ratio, "%.2fx", c.ratio.median);
     const std::string spread = c.spread && c.ratio.median > 0 ? quartiles(c.ratio) : "";
-    std::printf(" %10.1f %7s %-13s", c.value, ratio, spread.c_str());
+    std::printf(" %s %7s %-13s", number(c.value, 10).c_str(), ratio, spread.c_str());
   }
   std::printf("\n");
 }
@@ -312,6 +320,10 @@ void print(const Run& run, const Results& res) {
   scalingRow("lookups, 2 readers", &OneShot::lookups2);
   scalingRow("writes, 1 reader", &OneShot::writes1);
   scalingRow("writes, 2 readers", &OneShot::writes2);
+  // Under chrt -f on one core the writer never yields to its readers.
+  if (ours.lookups1 >= 0 && ours.lookups1 < 1e5) {
+    std::printf("  (the readers had almost no CPU time: run without chrt and taskset for reader scaling)\n");
+  }
 }
 
 }  // namespace
