@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <iostream>
 #include <optional>
@@ -204,8 +205,13 @@ void runDemo(double seconds, Context& ctx) {
             << "; mroutectl validate\n";
   }
   if (!ok(wstatus) || !ok(rstatus)) {
+    const int status = ok(wstatus) ? rstatus : wstatus;
+    const std::string how = WIFSIGNALED(status) ? std::string("was killed by signal ") +
+                                                      std::to_string(WTERMSIG(status)) + " (" +
+                                                      ::strsignal(WTERMSIG(status)) + ")"
+                                                : "failed (its error is above)";
     throw CommandError(kExitInternal, std::string("the demo's ") + (ok(wstatus) ? "reader" : "writer") +
-                                          " process failed (its error is above)");
+                                          " process " + how);
   }
 }
 

@@ -177,6 +177,7 @@ class BrumeWriter {
   // The error of a change asked of a writer that is not attached.
   void requireAttached(const char* who) const {
     if (!files_.attached()) [[unlikely]] notAttached(who);
+    files_.requireWhole(who);
   }
   [[noreturn, gnu::cold, gnu::noinline]] void notAttached(const char* who) const {
     const AttachStatus& st = files_.attachStatus();

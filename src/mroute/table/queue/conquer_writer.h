@@ -105,6 +105,14 @@ class ConquerWriter {
   // traced, when they cannot be made.
   bool attachConquer(uint32_t numSlots, uint32_t ember, bool reuseExisting = true);
   bool attached() const { return files_[0].isMapped() && files_[1].isMapped(); }
+  // A queue file that shrank under its mapping (another process truncated
+  // it), or null.
+  const Mem::ShmFile* shrunk() const {
+    for (const Mem::ShmFile& f : files_) {
+      if (f.shrankUnderMapping()) return &f;
+    }
+    return nullptr;
+  }
   // Why the last attach or resize could not make or map a file.
   const std::string& error() const { return error_; }
 

@@ -1,5 +1,7 @@
 #include "mroute/table/shm/shm_file.h"
 
+#include "mroute/table/shm/bus_guard.h"
+
 #include <algorithm>
 
 #include <fcntl.h>
@@ -82,6 +84,8 @@ ShmFile::ShmFile(ShmFile&& other) noexcept
       access_(other.access_),
       base_(std::exchange(other.base_, nullptr)),
       mapped_(std::exchange(other.mapped_, 0)),
+      watch_(std::exchange(other.watch_, -1)),
+      shrank_(std::exchange(other.shrank_, false)),
       path_(std::move(other.path_)),
       error_(std::move(other.error_)) {}
 
@@ -93,11 +97,22 @@ ShmFile& ShmFile::operator=(ShmFile&& other) noexcept {
     access_ = other.access_;
     base_ = std::exchange(other.base_, nullptr);
     mapped_ = std::exchange(other.mapped_, 0);
+    watch_ = std::exchange(other.watch_, -1);
+    shrank_ = std::exchange(other.shrank_, false);
     path_ = std::move(other.path_);
     error_ = std::move(other.error_);
   }
   return *this;
 }
+
+void ShmFile::watch() { watch_ = BusGuard::watch(base_, mapped_, writable()); }
+
+void ShmFile::forget() {
+  shrank_ = shrank_ || BusGuard::faulted(watch_);
+  BusGuard::forget(std::exchange(watch_, -1));
+}
+
+bool ShmFile::shrankUnderMapping() const { return shrank_ || BusGuard::faulted(watch_); }
 
 bool ShmFile::fail(const char* call) {
   error_ = callError(call, path_, errno);
@@ -218,6 +233,7 @@ bool ShmFile::map(size_t bytes) {
   if (p == MAP_FAILED) return fail("mmap");
   base_ = static_cast<uint8_t*>(p);
   mapped_ = bytes;
+  watch();
   return true;
 }
 
@@ -230,14 +246,22 @@ bool ShmFile::remap(size_t bytes) {
              std::to_string(bytes) + " wanted";
     return false;
   }
+  // The range may move: it is watched again where it lands.
+  forget();
   void* p = fs_->mremap(base_, mapped_, bytes);
-  if (p == MAP_FAILED) return fail("mremap");
+  if (p == MAP_FAILED) {
+    const bool failed = fail("mremap");
+    watch();
+    return failed;
+  }
   base_ = static_cast<uint8_t*>(p);
   mapped_ = bytes;
+  watch();
   return true;
 }
 
 void ShmFile::unmap() {
+  forget();
   if (base_ != nullptr) fs_->munmap(base_, mapped_);
   base_ = nullptr;
   mapped_ = 0;
@@ -247,6 +271,7 @@ void ShmFile::close() {
   unmap();
   if (fd_ >= 0) fs_->close(fd_);
   fd_ = -1;
+  shrank_ = false;
 }
 
 std::string replacementPath(const std::string& path) { return path + ".fresh"; }

@@ -156,6 +156,10 @@ class ShmFile {
   bool writable() const { return access_ == ShmAccess::readWrite; }
   uint8_t* base() const { return base_; }
   size_t mappedSize() const { return mapped_; }
+  // Whether the file shrank under a mapping of it since it was opened: a
+  // page past the new end was touched, and reads as zeros from then on (see
+  // BusGuard).
+  bool shrankUnderMapping() const;
   const std::string& path() const { return path_; }
   // Why the last failed call failed, e.g. "mmap(/dev/shm/t/slots): Cannot
   // allocate memory".
@@ -163,12 +167,16 @@ class ShmFile {
 
  private:
   bool fail(const char* call);
+  void watch();
+  void forget();
 
   ShmFs* fs_;
   int fd_ = -1;
   ShmAccess access_ = ShmAccess::readOnly;
   uint8_t* base_ = nullptr;
   size_t mapped_ = 0;
+  int watch_ = -1;         // BusGuard's id of the mapping
+  bool shrank_ = false;    // a mapping before the current one faulted
   std::string path_;
   std::string error_;
 };

@@ -22,6 +22,7 @@ bool BucketWriterTable::attach(uint32_t ember, uint32_t initialBuckets, bool ref
     }
     if (size > 0) {
       *existed = true;
+      adoptCount();
       MROUTE_TRACE(brumeTrace(), kTraceInfo, "BucketWriter::attach() to existing " << file_.path());
       return true;
     }
@@ -41,6 +42,7 @@ bool BucketWriterTable::attach(uint32_t ember, uint32_t initialBuckets, bool ref
     return false;
   }
   BucketTable::format(file_.base(), ember, initialBuckets);
+  adoptCount();
   if (replace && !file_.publishAs(root_.file(kBucketFileName))) {
     *why = "BucketWriter::attach() cannot replace " + root_.file(kBucketFileName) + ": " + file_.error();
     return false;

@@ -31,19 +31,29 @@ class BucketWriterTable {
   bool attached() const { return file_.isMapped(); }
   BucketTable::Header* header() const { return reinterpret_cast<BucketTable::Header*>(file_.base()); }
   Mem::VersionedRef& bucket(uint32_t b) const { return header()->buckets()[b]; }
-  uint32_t numBuckets() const { return header()->numBuckets.loadRelaxed().ref; }
+  // The writer's own count (see SlotWriterTable::numSlots()).
+  uint32_t numBuckets() const { return numBuckets_; }
   uint8_t* base() const { return file_.base(); }
+  // The file, when it shrank under the mapping (another process truncated it).
+  const Mem::ShmFile* shrunk() const { return file_.shrankUnderMapping() ? &file_ : nullptr; }
 
   // Makes the file and the mapping hold at least n buckets. The file never
   // gets shorter while attached (W6).
   bool reserve(uint32_t n);
   // Publishes the bucket count (W5).
-  void publish(uint32_t n) { header()->numBuckets.setRefAtomic(n, kCountIncrement); }
+  void publish(uint32_t n) {
+    header()->numBuckets.setRefAtomic(n, kCountIncrement);
+    numBuckets_ = n;
+  }
 
  private:
+  // Takes the count from the header: after attaching, and after formatting.
+  void adoptCount() { numBuckets_ = header()->numBuckets.loadRelaxed().ref; }
+
   Mem::ShmFs* fs_;
   Mem::RootPath root_;
   Mem::ShmFile file_;
+  uint32_t numBuckets_ = 0;
 };
 
 }  // namespace Brume

@@ -34,6 +34,7 @@ bool SlotWriterTable::attach(uint32_t ember, bool reformat, bool* existed, std::
     }
     if (size > 0) {
       *existed = true;
+      adoptCount();
       MROUTE_TRACE(brumeTrace(), kTraceInfo, "SlotWriter::attach() to existing " << file_.path());
       return true;
     }
@@ -55,6 +56,7 @@ bool SlotWriterTable::attach(uint32_t ember, bool reformat, bool* existed, std::
   }
   SlotTable::format(file_.base(), {ember, params_.valueType, params_.classType, params_.valueSize,
                                    params_.maxSlots, params_.config, params_.initialSlots, params_.defaultValue});
+  adoptCount();
   if (replace && !file_.publishAs(root_.file(kSlotFileName))) {
     *why = "SlotWriter::attach() cannot replace " + root_.file(kSlotFileName) + ": " + file_.error();
     return false;
@@ -191,6 +193,7 @@ bool SlotWriterTable::grow() {
   addFreeSlots(n, next);
   // W6: the slots exist in the file before numSlots says so.
   header()->numSlots.setRefAtomic(next, kCountIncrement);
+  numSlots_ = next;
   MROUTE_TRACE(brumeTrace(), kTraceInfo, "SlotWriter::grow() " << params_.name << " from " << n << " slots to " << next);
   return true;
 }
@@ -274,6 +277,7 @@ void SlotWriterTable::move(uint32_t from, uint32_t to) {
 
 void SlotWriterTable::shrinkTo(uint32_t newNumSlots) {
   header()->numSlots.setRefAtomic(newNumSlots, kCountIncrement);
+  numSlots_ = newNumSlots;
   MROUTE_TRACE(brumeTrace(), kTraceInfo, "SlotWriter::shrink() newNumSlots:" << newNumSlots);
   // The pages past the last slot go back to the file system; the length
   // stays (W6), so a reader still on a moved slot reads zeros, not a fault,

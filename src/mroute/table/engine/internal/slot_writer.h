@@ -58,13 +58,17 @@ class SlotWriterTable {
   Slot* lookaside() const { return header()->lookaside(); }
   uint32_t slotSize() const { return slotSize_; }
   uint32_t valueSize() const { return params_.valueSize; }
-  uint32_t numSlots() const { return header()->numSlots.loadRelaxed().ref; }
+  // The writer's own count, not the header's: it alone changes the count, and
+  // a header another process damaged must not send it past the mapping.
+  uint32_t numSlots() const { return numSlots_; }
   uint32_t occupied() const { return header()->occupiedSlots; }
   uint32_t freeHead() const { return header()->freeSlots; }
   const SlotParams& params() const { return params_; }
   bool fixedCapacity() const { return (params_.config & kConfigFixedCapacity) != 0; }
   bool shrinkEnabled() const { return (params_.config & kConfigShrinkSlots) != 0; }
   uint8_t* base() const { return file_.base(); }
+  // The file, when it shrank under the mapping (another process truncated it).
+  const Mem::ShmFile* shrunk() const { return file_.shrankUnderMapping() ? &file_ : nullptr; }
 
   // Takes the head of the free list, growing first when it is empty, and
   // stores rhash in it. Raises Brume::TableFullException when no slot can be
@@ -146,8 +150,12 @@ class SlotWriterTable {
 
   Mem::ShmFs* fs_;
   Mem::RootPath root_;
+  // Takes the count from the header: after attaching, and after formatting.
+  void adoptCount() { numSlots_ = header()->numSlots.loadRelaxed().ref; }
+
   SlotParams params_;
   uint32_t slotSize_;
+  uint32_t numSlots_ = 0;
   Mem::ShmFile file_;
   std::string growError_;  // why the last growth could not enlarge the file
 };

@@ -197,6 +197,17 @@ bool WriterFiles::attach() {
   return true;
 }
 
+void WriterFiles::checkWhole(const char* who) const {
+  const Mem::ShmFile* f = slots_.shrunk();
+  if (f == nullptr) f = buckets_.shrunk();
+  if (f == nullptr && conquer_ != nullptr) f = conquer_->shrunk();
+  if (f == nullptr) return;
+  const std::string text = std::string(who) + " " + f->path() +
+                           " shrank under the writer's mapping: another process truncated it";
+  MROUTE_TRACE(brumeTrace(), kTraceError, text);
+  throw Pavo::CorruptionDetectedException(text);
+}
+
 bool WriterFiles::validateFiles(std::string* why) const {
   std::string local;
   std::string* w = why != nullptr ? why : &local;

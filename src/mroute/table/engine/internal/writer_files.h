@@ -13,6 +13,7 @@
 
 #include "mroute/table/queue/conquer_writer.h"
 #include "mroute/table/engine/internal/bucket_writer.h"
+#include "mroute/table/shm/bus_guard.h"
 #include "mroute/table/shm/shm_file.h"
 #include "mroute/table/engine/internal/slot_writer.h"
 #include "mroute/table/shm/writer_lock.h"
@@ -60,6 +61,13 @@ class WriterFiles {
   void cleanup();
 
   bool attached() const { return attached_; }
+  // Raises Pavo::CorruptionDetectedException, the message beginning with
+  // `who`, when a file shrank under the writer's mapping: the writer's stores
+  // since went to zero-filled private pages (see Mem::BusGuard), not to the
+  // file. Checked only when a process has taken such a fault at all.
+  void requireWhole(const char* who) const {
+    if (Mem::BusGuard::faults() != 0) [[unlikely]] checkWhole(who);
+  }
   // Why the last attach() failed (error none after a success).
   const AttachStatus& attachStatus() const { return status_; }
   SlotWriterTable& slots() { return slots_; }
@@ -74,6 +82,7 @@ class WriterFiles {
   static uint32_t bucketsFor(uint32_t n);
 
  private:
+  [[gnu::cold, gnu::noinline]] void checkWhole(const char* who) const;
   bool attachFiles(bool reformat, bool* existed, std::string* why);
   // Traces `why`, records it as the attach status and lets go of the files.
   bool attachFailed(AttachError error, const std::string& why);

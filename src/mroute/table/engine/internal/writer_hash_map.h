@@ -58,16 +58,23 @@ class WriterHashMap {
     return pos.isBucket ? buckets_.bucket(pos.index) : slots_.slot(pos.index)->next;
   }
 
-  // find()'s reports, out of line so that its frame holds no stream.
-  [[noreturn, gnu::cold, gnu::noinline]] static void chainFault(const char* who, uint32_t count, uint32_t ref) {
+  // find()'s reports, out of line so that its frame holds no stream. When a
+  // file shrank under the mapping, which is what left the zeros the walk
+  // met, the report says so.
+  [[noreturn, gnu::cold, gnu::noinline]] void chainFault(const char* who, uint32_t count, uint32_t ref) const {
     std::ostringstream os;
-    os << who << " hash chain cycle detected, slotCount:" << count << " slot:" << ref;
+    os << who << " hash chain cycle detected, slotCount:" << count << " slot:" << ref << shrinkNote();
     throw Pavo::CorruptionDetectedException(os.str());
   }
-  [[noreturn, gnu::cold, gnu::noinline]] static void keyFault(const char* who, uint32_t ref, uint32_t b) {
+  [[noreturn, gnu::cold, gnu::noinline]] void keyFault(const char* who, uint32_t ref, uint32_t b) const {
     std::ostringstream os;
-    os << who << " corrupt key detected, slot:" << ref << " bucket:" << b;
+    os << who << " corrupt key detected, slot:" << ref << " bucket:" << b << shrinkNote();
     throw Pavo::CorruptionDetectedException(os.str());
+  }
+  std::string shrinkNote() const {
+    const Mem::ShmFile* f = slots_.shrunk();
+    if (f == nullptr) f = buckets_.shrunk();
+    return f == nullptr ? std::string() : " (" + f->path() + " shrank under the writer's mapping: another process truncated it)";
   }
 
   // The writer is the only process that stores into the files, so its walk
