@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -171,6 +174,65 @@ TEST(VersionedRef, VersionAndRefShareOneWordInFileLayout) {
   EXPECT_EQ(version, 3u);
   EXPECT_EQ(target, 18u);
   EXPECT_EQ(ref->load(), (Mem::VersionedRef::Value{3, 18}));
+}
+
+// Another process truncates a file the table code maps: the pages past the
+// new end read as zeros instead of raising SIGBUS, stores there never reach
+// the file, and the file says it shrank.
+TEST_F(ShmFileTest, AFileTruncatedUnderItsMappingsReadsZerosAndSaysSo) {
+  const long page = ::sysconf(_SC_PAGESIZE);
+  ShmFile w;
+  bool created = false;
+  ASSERT_TRUE(w.openOrCreate(path("slots"), &created)) << w.error();
+  ASSERT_TRUE(w.truncate(3 * page) && w.map(3 * page));
+  w.base()[1] = 5;
+  w.base()[2 * page + 1] = 6;
+  ShmFile r;
+  ASSERT_TRUE(r.open(path("slots"), ShmAccess::readOnly) && r.map(3 * page));
+  EXPECT_FALSE(r.shrankUnderMapping());
+
+  ASSERT_EQ(::truncate(path("slots").c_str(), page), 0);
+  EXPECT_EQ(r.base()[2 * page + 1], 0);
+  EXPECT_TRUE(r.shrankUnderMapping());
+  EXPECT_EQ(r.base()[1], 5) << "the pages before the new end still map the file";
+  w.base()[page + 1] = 7;
+  EXPECT_EQ(w.base()[page + 1], 7);
+  EXPECT_TRUE(w.shrankUnderMapping());
+  EXPECT_EQ(w.fileSize(), page) << "a store past the end must not grow the file";
+  w.base()[1] = 8;
+  EXPECT_EQ(r.base()[1], 8) << "the file's own pages are still shared";
+
+  // It stays said until the file is closed, through remaps.
+  EXPECT_FALSE(r.remap(2 * page));
+  r.unmap();
+  ASSERT_TRUE(r.map(page));
+  EXPECT_TRUE(r.shrankUnderMapping());
+  r.close();
+  ASSERT_TRUE(r.open(path("slots"), ShmAccess::readOnly) && r.map(page));
+  EXPECT_FALSE(r.shrankUnderMapping());
+}
+
+// The guard only mends faults in the table files' mappings: any other SIGBUS
+// still ends the process (through the handler installed before, if any).
+TEST_F(ShmFileTest, ASigbusElsewhereStillEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string other = path("other");
+  auto died = [](int status) { return WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0); };
+  EXPECT_EXIT(
+      {
+        ShmFile watched;
+        bool created = false;
+        if (!watched.openOrCreate(path("slots"), &created) || !watched.truncate(4096) || !watched.map(4096)) {
+          std::_Exit(0);
+        }
+        const int fd = ::open(other.c_str(), O_RDWR | O_CREAT, 0600);
+        if (fd < 0 || ::ftruncate(fd, 4096) != 0) std::_Exit(0);
+        auto* p = static_cast<volatile uint8_t*>(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0));
+        if (p == MAP_FAILED || ::ftruncate(fd, 0) != 0) std::_Exit(0);
+        (void)p[0];  // past the end of the file, in no table mapping
+        std::_Exit(0);
+      },
+      died, "");
 }
 
 }  // namespace

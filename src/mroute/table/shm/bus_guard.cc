@@ -25,7 +25,6 @@ struct Watch {
 Watch gWatches[BusGuard::kMaxWatched];
 // Entries at and above it were never taken: the handler stops there.
 std::atomic<int> gUsed{0};
-std::atomic<uint64_t> gFaults{0};
 uintptr_t gPageSize = 4096;  // set before the handler is installed
 struct sigaction gPrevious {};
 std::once_flag gInstalled;
@@ -64,7 +63,7 @@ void onBus(int sig, siginfo_t* info, void* context) {
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
     if (zeros == MAP_FAILED) break;
     w.faulted.store(true, std::memory_order_relaxed);
-    gFaults.fetch_add(1, std::memory_order_relaxed);
+    bus_guard_internal::faults.fetch_add(1, std::memory_order_relaxed);
     return;
   }
   passOn(sig, info, context);
@@ -110,7 +109,5 @@ void BusGuard::forget(int id) {
 bool BusGuard::faulted(int id) {
   return id >= 0 && id < kMaxWatched && gWatches[id].faulted.load(std::memory_order_relaxed);
 }
-
-uint64_t BusGuard::faults() { return gFaults.load(std::memory_order_relaxed); }
 
 }  // namespace Mem

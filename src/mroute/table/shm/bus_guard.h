@@ -18,10 +18,16 @@
 // thread; the handler reads the watch list without locks.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
 namespace Mem {
+
+namespace bus_guard_internal {
+// Counted by the handler; read inline by BusGuard::faults().
+inline std::atomic<uint64_t> faults{0};
+}  // namespace bus_guard_internal
 
 class BusGuard {
  public:
@@ -41,7 +47,7 @@ class BusGuard {
   static bool faulted(int id);
   // SIGBUS faults taken in watched ranges since the process started: one
   // load, for hot paths that look for damage only when there was some.
-  static uint64_t faults();
+  static uint64_t faults() { return bus_guard_internal::faults.load(std::memory_order_relaxed); }
 };
 
 }  // namespace Mem
