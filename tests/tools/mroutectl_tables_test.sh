@@ -90,6 +90,16 @@ err=$("$mroutectl" dump demo/routing/multicast/fib/renamed 2>&1 >/dev/null)
 [ $? = 1 ] && echo "$err" | grep -q "is damaged: slots: SlotTable::Header::validate() checksum fail" || fail "dump: $err"
 rm -rf "$fib/counted" "$fib/unmagic" "$fib/renamed"
 
+# A record with fields out of their range (slot 0's value after its key): dump
+# and lookup show its key, say it is damaged and exit 1.
+copy garbled 432 "$(printf '\\377%.0s' $(seq 120))"
+out=$("$mroutectl" dump demo/routing/multicast/fib/garbled 2>"$MROUTE_SHM_ROOT/err")
+[ $? = 1 ] || fail "dump of a damaged record: exit code"
+[ "$(echo "$out" | grep -c '^(.*)  damaged record: .* not allowed$')" = 1 ] || fail "damaged record line: $out"
+[ "$(echo "$out" | wc -l)" = "$n" ] || fail "dump stopped at the damaged record: $out"
+grep -q "garbled holds 1 damaged record(s)" "$MROUTE_SHM_ROOT/err" || fail "damaged record note: $(cat "$MROUTE_SHM_ROOT/err")"
+rm -rf "$fib/garbled"
+
 # follow: time-stamped changes, the filter, a truthful closing line; --json
 # is one object a line.
 "$mroutectl" follow "$table" --seconds 2.5 --group 239.1.1.1 >"$MROUTE_SHM_ROOT/follow.out" 2>&1 &

@@ -18,7 +18,9 @@ Route routeOf(const ValueBytes& bytes) {
 }
 
 std::string ChangePrinter::show(const ValueBytes& value) const {
-  return routes_ && !text_ ? routeLine(routeOf(value)) : codec_.text(value.data());
+  return shownOrDamaged(codec_.keyText(value.data()), [&] {
+    return routes_ && !text_ ? routeLine(routeOf(value)) : codec_.text(value.data());
+  });
 }
 
 ChangePrinter::Change ChangePrinter::classify(const std::string& key, const ValueBytes* now) {
@@ -31,7 +33,7 @@ ChangePrinter::Change ChangePrinter::classify(const std::string& key, const Valu
   }
   known_[key] = *now;
   if (!before) return Change{'+', *now, std::nullopt, ""};
-  std::string diff = routes_ ? routeDiff(routeOf(*before), routeOf(*now)) : "";
+  std::string diff = routes_ ? shownOrDamaged("", [&] { return routeDiff(routeOf(*before), routeOf(*now)); }) : "";
   return Change{'~', *now, std::move(before), std::move(diff)};
 }
 

@@ -32,7 +32,9 @@ Json entryJson(const ValueCodec* codec, const StoredEntry& e) {
     return j;
   }
   j["key"] = codec->keyText(e.bytes.data());
-  j["text"] = codec->text(e.bytes.data());
+  bool damaged = false;
+  j["text"] = shownOrDamaged("", [&] { return codec->text(e.bytes.data()); }, &damaged);
+  if (damaged) j["damaged"] = true;
   return j;
 }
 
@@ -55,6 +57,15 @@ struct Opened {
   const ValueCodec* codec;
   bool routes;
 };
+
+// An entry of a registered type as dump and lookup print it: routes as one
+// line unless `text`, else the Value(...) form; *damaged when the record
+// holds a field out of its range.
+std::string entryLine(const Opened& t, bool text, const StoredEntry& e, bool* damaged) {
+  return shownOrDamaged(
+      t.codec->keyText(e.bytes.data()),
+      [&] { return t.routes && !text ? routeLine(routeOf(e.bytes)) : t.codec->text(e.bytes.data()); }, damaged);
+}
 
 Opened open(const std::string& table) {
   Brume::Survey::Problem problem{};
@@ -100,23 +111,36 @@ void runDump(const DumpOptions& o, Context& ctx) {
   if (o.limit != 0 && entries.size() > o.limit) entries.resize(o.limit);
   if (ctx.json) {
     Json items = Json::array();
-    for (const StoredEntry& e : entries) items.push_back(entryJson(t.codec, e));
+    size_t damaged = 0;
+    for (const StoredEntry& e : entries) {
+      items.push_back(entryJson(t.codec, e));
+      damaged += items.back().contains("damaged") ? 1 : 0;
+    }
     ctx.out << jsonText(Json{{"table", o.table}, {"valueType", t.stat.valueType}, {"matching", total},
                     {"entries", items}})
             << "\n";
+    if (damaged != 0) {
+      throw CommandError(kExitDamaged, o.table + " holds " + std::to_string(damaged) +
+                                           " damaged record(s) (mroutectl validate says more)");
+    }
     return;
   }
+  size_t damaged = 0;
   for (const StoredEntry& e : entries) {
-    if (t.routes && !o.text) {
-      ctx.out << routeLine(routeOf(e.bytes)) << "\n";
-    } else if (t.codec != nullptr) {
-      ctx.out << t.codec->text(e.bytes.data()) << "\n";
+    bool bad = false;
+    if (t.codec != nullptr) {
+      ctx.out << entryLine(t, o.text, e, &bad) << "\n";
     } else {
       ctx.out << "slot " << e.slot << ":\n" << Brume::Survey::hexText(e.bytes.data(), e.bytes.size()) << "\n";
     }
+    damaged += bad ? 1 : 0;
   }
   if (entries.size() < total) {
     ctx.err << "mroutectl dump: " << entries.size() << " of " << total << " entries shown (--limit)\n";
+  }
+  if (damaged != 0) {
+    throw CommandError(kExitDamaged, o.table + " holds " + std::to_string(damaged) +
+                                         " damaged record(s) (mroutectl validate says more)");
   }
 }
 
@@ -141,11 +165,11 @@ void runLookup(const DumpOptions& o, Context& ctx) {
     Json j = entryJson(t.codec, e);
     j.erase("slot");
     ctx.out << jsonText(j) << "\n";
-  } else if (t.routes && !o.text) {
-    ctx.out << routeLine(routeOf(e.bytes)) << "\n";
-  } else {
-    ctx.out << t.codec->text(e.bytes.data()) << "\n";
+    return;
   }
+  bool damaged = false;
+  ctx.out << entryLine(t, o.text, e, &damaged) << "\n";
+  if (damaged) throw CommandError(kExitDamaged, o.table + ": the entry for " + o.key + " is a damaged record");
 }
 
 }  // namespace

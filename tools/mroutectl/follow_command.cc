@@ -19,8 +19,8 @@
 #include "mroute/table/survey/table_survey.h"
 #include "route_filter.h"
 #include "route_table.h"
-#include "stored_types.h"
 #include "route_text.h"
+#include "stored_types.h"
 #include "table_json.h"
 
 namespace Mroutectl {
@@ -144,7 +144,7 @@ void runFollow(const FollowOptions& o, Context& ctx) {
     }
     ++shown;
     Json fields{{"key", key}};
-    if (c.now) fields["text"] = codec->text(c.now->data());
+    if (c.now) fields["text"] = shownOrDamaged("", [&] { return codec->text(c.now->data()); });
     if (!c.diff.empty()) fields["changes"] = c.diff;
     output.event(c.mark == '+' ? "added" : c.mark == '~' ? "changed" : "removed", printer.line(key, c), fields);
   });

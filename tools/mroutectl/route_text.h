@@ -11,6 +11,7 @@
 // Thread-safety: pure functions of their arguments.
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,19 @@ std::string join(const std::vector<std::string>& items, const char* sep);
 
 // The one-line form above.
 std::string routeLine(const Brume::Multicast::Fib::Route& route);
+
+// A record another process damaged can hold a field out of its range, which
+// the field's accessor refuses (std::out_of_range). What `show` makes of the
+// record, or "<key>  damaged record: <why>" with *damaged set.
+template <typename Show>
+std::string shownOrDamaged(const std::string& key, Show&& show, bool* damaged = nullptr) {
+  try {
+    return show();
+  } catch (const std::out_of_range& e) {
+    if (damaged != nullptr) *damaged = true;
+    return (key.empty() ? "" : key + "  ") + "damaged record: " + e.what();
+  }
+}
 
 // What changed from `before` to `after` (same key), e.g. "oif +12 -3, flags
 // +programmable, iif Ethernet1 -> Ethernet2"; empty when only the version
