@@ -12,7 +12,9 @@
 // it counts the fault against the mapping. The table code then finds the
 // damage by its own checks, or by asking faulted(). A SIGBUS anywhere else
 // goes to the handler installed before (or to the default action, which ends
-// the process as it would have).
+// the process as it would have). A process that installs a SIGBUS handler of
+// its own after the first table file is mapped must pass faults it does not
+// know on to the handler it replaced, as this one does.
 //
 // Thread-safety: watch(), forget() and faulted() may be called from any
 // thread; the handler reads the watch list without locks.
