@@ -10,16 +10,39 @@
 namespace Mem {
 namespace {
 
-// One watched mapping. The handler reads entries without a lock: watch()
-// fills an entry before it publishes it by setting `end`, and forget()
-// clears `end` before the range is unmapped, so the handler sees a range
-// only while it is mapped (or a stale one that no fault address can hit).
+// One watched mapping. The handler reads entries without a lock, so each
+// entry is a seqlock: watch() and forget() make `version` odd, change the
+// range, and make it even again; the handler trusts a range only when it
+// read the same even version before and after it. An empty range (end 0)
+// matches no address.
 struct Watch {
   std::atomic<bool> taken{false};
+  std::atomic<uint32_t> version{0};
   std::atomic<uintptr_t> begin{0};
   std::atomic<uintptr_t> end{0};
   std::atomic<int> prot{PROT_READ};
   std::atomic<bool> faulted{false};
+
+  void set(uintptr_t b, uintptr_t e, int p) {
+    version.fetch_add(1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    begin.store(b, std::memory_order_relaxed);
+    end.store(e, std::memory_order_relaxed);
+    prot.store(p, std::memory_order_relaxed);
+    version.fetch_add(1, std::memory_order_release);
+  }
+  // The range and its protection as one consistent read; false while it
+  // changes (the fault is then not this entry's: a range is unmapped or
+  // moved only after forget(), and mapped before watch()).
+  bool read(uintptr_t* b, uintptr_t* e, int* p) const {
+    const uint32_t v = version.load(std::memory_order_acquire);
+    if ((v & 1) != 0) return false;
+    *b = begin.load(std::memory_order_relaxed);
+    *e = end.load(std::memory_order_relaxed);
+    *p = prot.load(std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    return version.load(std::memory_order_relaxed) == v;
+  }
 };
 
 Watch gWatches[BusGuard::kMaxWatched];
@@ -29,8 +52,9 @@ uintptr_t gPageSize = 4096;  // set before the handler is installed
 struct sigaction gPrevious {};
 std::once_flag gInstalled;
 
-static_assert(std::atomic<uintptr_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
-              "the handler reads the watch list with plain lock-free loads");
+static_assert(std::atomic<uintptr_t>::is_always_lock_free && std::atomic<uint32_t>::is_always_lock_free &&
+                  std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "the handler reads the watch list with lock-free loads");
 
 // Hands a fault that is not ours to whoever had SIGBUS before.
 void passOn(int sig, siginfo_t* info, void* context) {
@@ -55,12 +79,12 @@ void onBus(int sig, siginfo_t* info, void* context) {
   const int used = gUsed.load(std::memory_order_acquire);
   for (int i = 0; i < used; ++i) {
     Watch& w = gWatches[i];
-    const uintptr_t end = w.end.load(std::memory_order_acquire);
-    const uintptr_t begin = w.begin.load(std::memory_order_relaxed);
-    if (address < begin || address >= end) continue;
+    uintptr_t begin = 0, end = 0;
+    int prot = PROT_READ;
+    if (!w.read(&begin, &end, &prot) || address < begin || address >= end) continue;
     const uintptr_t from = address - address % gPageSize;
-    void* zeros = ::mmap(reinterpret_cast<void*>(from), end - from, w.prot.load(std::memory_order_relaxed),
-                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    void* zeros = ::mmap(reinterpret_cast<void*>(from), end - from, prot, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED,
+                         -1, 0);
     if (zeros == MAP_FAILED) break;
     w.faulted.store(true, std::memory_order_relaxed);
     bus_guard_internal::faults.fetch_add(1, std::memory_order_relaxed);
@@ -87,9 +111,8 @@ int BusGuard::watch(const void* base, size_t length, bool writable) {
     bool expected = false;
     if (!w.taken.compare_exchange_strong(expected, true, std::memory_order_acq_rel)) continue;
     w.faulted.store(false, std::memory_order_relaxed);
-    w.prot.store(writable ? PROT_READ | PROT_WRITE : PROT_READ, std::memory_order_relaxed);
-    w.begin.store(reinterpret_cast<uintptr_t>(base), std::memory_order_relaxed);
-    w.end.store(reinterpret_cast<uintptr_t>(base) + length, std::memory_order_release);
+    w.set(reinterpret_cast<uintptr_t>(base), reinterpret_cast<uintptr_t>(base) + length,
+          writable ? PROT_READ | PROT_WRITE : PROT_READ);
     int used = gUsed.load(std::memory_order_relaxed);
     while (used <= i && !gUsed.compare_exchange_weak(used, i + 1, std::memory_order_release)) {
     }
@@ -101,8 +124,7 @@ int BusGuard::watch(const void* base, size_t length, bool writable) {
 void BusGuard::forget(int id) {
   if (id < 0 || id >= kMaxWatched) return;
   Watch& w = gWatches[id];
-  w.end.store(0, std::memory_order_release);
-  w.begin.store(0, std::memory_order_relaxed);
+  w.set(0, 0, PROT_READ);
   w.taken.store(false, std::memory_order_release);
 }
 
