@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 
 namespace Mem {
@@ -75,6 +76,8 @@ void passOn(int sig, siginfo_t* info, void* context) {
 }
 
 void onBus(int sig, siginfo_t* info, void* context) {
+  // The interrupted code may be about to read errno; mmap() can change it.
+  const int savedErrno = errno;
   const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
   const int used = gUsed.load(std::memory_order_acquire);
   for (int i = 0; i < used; ++i) {
@@ -88,8 +91,10 @@ void onBus(int sig, siginfo_t* info, void* context) {
     if (zeros == MAP_FAILED) break;
     w.faulted.store(true, std::memory_order_relaxed);
     bus_guard_internal::faults.fetch_add(1, std::memory_order_relaxed);
+    errno = savedErrno;
     return;
   }
+  errno = savedErrno;
   passOn(sig, info, context);
 }
 
