@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 #include "mroute/entity/kiv/text_form.h"
@@ -47,6 +48,13 @@ TEST(RouteRecord, OifBitsAndTheWalkBoundedByMaxOifIndex) {
   EXPECT_EQ(oifsOf(r), (std::vector<uint16_t>{3, 70}));
   EXPECT_EQ(r.oifIteratorConst(OifIndex(4)).key(), OifIndex(70));
   EXPECT_EQ(r.oifs(), 2);
+
+  // A record copied out of shared memory that another process damaged can
+  // hold any maxOifIndex: the walk still ends at the bitmap's last word.
+  r.oifIs(OifIndex(511), true);
+  const uint16_t damaged = 0xffff;
+  std::memcpy(reinterpret_cast<unsigned char*>(&r) + 94, &damaged, sizeof damaged);  // maxOifIndex
+  EXPECT_EQ(oifsOf(r), (std::vector<uint16_t>{3, 70, 511}));
 }
 
 Route sample() {

@@ -70,7 +70,16 @@ std::string oifText(const Route& route) {
   return out;
 }
 
+// A record copied out of shared memory holds its fields as stored, even out
+// of their range; the field's own constructor refuses such a value with its
+// range error (std::out_of_range), which the callers show as a damaged
+// record.
+namespace {
+void requireInRange(const Route& route) { (void)OifIndex(route.maxOifIndex().value()); }
+}  // namespace
+
 std::string routeLine(const Route& route) {
+  requireInRange(route);
   std::ostringstream os;
   os << keyText(route.key()) << "  iif " << route.iif();
   if (!route.iifFrr().isNull()) os << "  iifFrr " << route.iifFrr();
@@ -86,6 +95,8 @@ std::string routeLine(const Route& route) {
 }
 
 std::string routeDiff(const Route& before, const Route& after) {
+  requireInRange(before);
+  requireInRange(after);
   std::vector<std::string> parts;
   std::string oifs;
   for (unsigned i = 0; i < OifIndex::kPositions; ++i) {

@@ -14,6 +14,7 @@
 // are re-checked through their version by readers).
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -73,10 +74,11 @@ class OifBitmap {
 
   // The next set index after `cur` (from the start when `cur` is null),
   // scanning words 0..(max >> 6); OifIndex::null when there is none or when
-  // `max` is null.
+  // `max` is null. A record read from shared memory may hold a max above
+  // null (damage by another process): the scan still stops at the last word.
   OifIndex next(OifIndex cur, OifIndex max) const {
     if (max.isNull()) return OifIndex::null;
-    const unsigned last = max.value() >> 6;
+    const unsigned last = std::min<unsigned>(max.value() >> 6, kWords - 1);
     // The first candidate position. After bit 63 of a word it is bit 0 of the
     // next word, which is what masking the whole word and moving on gives.
     const unsigned from = cur.isNull() ? 0 : cur.value() + 1u;
