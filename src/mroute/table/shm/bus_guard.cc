@@ -24,24 +24,28 @@ struct Watch {
   std::atomic<int> prot{PROT_READ};
   std::atomic<bool> faulted{false};
 
+  // One writer per entry (its owner). Each data store is a release store, so
+  // the odd version is visible before any of them; the even version is
+  // stored last, with release.
   void set(uintptr_t b, uintptr_t e, int p) {
-    version.fetch_add(1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    begin.store(b, std::memory_order_relaxed);
-    end.store(e, std::memory_order_relaxed);
-    prot.store(p, std::memory_order_relaxed);
-    version.fetch_add(1, std::memory_order_release);
+    const uint32_t v = version.load(std::memory_order_relaxed);
+    version.store(v + 1, std::memory_order_relaxed);
+    begin.store(b, std::memory_order_release);
+    end.store(e, std::memory_order_release);
+    prot.store(p, std::memory_order_release);
+    version.store(v + 2, std::memory_order_release);
   }
   // The range and its protection as one consistent read; false while it
   // changes (the fault is then not this entry's: a range is unmapped or
-  // moved only after forget(), and mapped before watch()).
+  // moved only after forget(), and mapped before watch()). The acquire loads
+  // keep the second version load after them, and seeing a new value means
+  // seeing the odd version that preceded it.
   bool read(uintptr_t* b, uintptr_t* e, int* p) const {
     const uint32_t v = version.load(std::memory_order_acquire);
     if ((v & 1) != 0) return false;
-    *b = begin.load(std::memory_order_relaxed);
-    *e = end.load(std::memory_order_relaxed);
-    *p = prot.load(std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_acquire);
+    *b = begin.load(std::memory_order_acquire);
+    *e = end.load(std::memory_order_acquire);
+    *p = prot.load(std::memory_order_acquire);
     return version.load(std::memory_order_relaxed) == v;
   }
 };
