@@ -160,6 +160,11 @@ class ShmFile {
   // page past the new end was touched, and reads as zeros from then on (see
   // BusGuard).
   bool shrankUnderMapping() const;
+  // "<path> shrank under the writer's mapping: another process truncated it",
+  // the reason the writer's reports give.
+  std::string shrankText() const {
+    return path_ + " shrank under the writer's mapping: another process truncated it";
+  }
   const std::string& path() const { return path_; }
   // Why the last failed call failed, e.g. "mmap(/dev/shm/t/slots): Cannot
   // allocate memory".

@@ -125,6 +125,8 @@ class SlotWriterTable {
   void endBodyWrite(Slot* s);
 
  private:
+  // Takes the count from the header: after attaching, and after formatting.
+  void adoptCount() { numSlots_ = header()->numSlots.loadRelaxed().ref; }
   bool resizeFile(uint32_t slots);
   // alloc() when the free list is empty (grow first) or its head is bad.
   [[gnu::noinline]] uint32_t allocSlow(uint32_t rhash);
@@ -150,9 +152,6 @@ class SlotWriterTable {
 
   Mem::ShmFs* fs_;
   Mem::RootPath root_;
-  // Takes the count from the header: after attaching, and after formatting.
-  void adoptCount() { numSlots_ = header()->numSlots.loadRelaxed().ref; }
-
   SlotParams params_;
   uint32_t slotSize_;
   uint32_t numSlots_ = 0;

@@ -202,8 +202,7 @@ void WriterFiles::checkWhole(const char* who) const {
   if (f == nullptr) f = buckets_.shrunk();
   if (f == nullptr && conquer_ != nullptr) f = conquer_->shrunk();
   if (f == nullptr) return;
-  const std::string text = std::string(who) + " " + f->path() +
-                           " shrank under the writer's mapping: another process truncated it";
+  const std::string text = std::string(who) + " " + f->shrankText();
   MROUTE_TRACE(brumeTrace(), kTraceError, text);
   throw Pavo::CorruptionDetectedException(text);
 }

@@ -74,7 +74,7 @@ class WriterHashMap {
   std::string shrinkNote() const {
     const Mem::ShmFile* f = slots_.shrunk();
     if (f == nullptr) f = buckets_.shrunk();
-    return f == nullptr ? std::string() : " (" + f->path() + " shrank under the writer's mapping: another process truncated it)";
+    return f == nullptr ? std::string() : " (" + f->shrankText() + ")";
   }
 
   // The writer is the only process that stores into the files, so its walk
