@@ -2,10 +2,17 @@
 // follows them; what the reader sees is printed, one line per change
 // (change_printer.h). The tables stay for the
 // other subcommands to look at.
+//
+// The two processes hand off through pipes, not through timing: the writer
+// starts changing routes once the reader has attached, and leaves once the
+// reader has seen the last change, so a slow or busy machine shows the same
+// story as a quiet one.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -75,10 +82,44 @@ Route demoRoute(const DemoRoute& d) {
   return r;
 }
 
+// The descriptors a demo process uses to hear from and speak to the other:
+// `hear` is read, `tell` is written; -1 when unused.
+struct Handoff {
+  int hear = -1;
+  int tell = -1;
+};
+
+void tell(int fd) {
+  const char byte = 1;
+  while (::write(fd, &byte, 1) < 0 && errno == EINTR) {
+  }
+}
+
+// Runs `loop` until a byte arrives on `fd` or the other end closes (false),
+// or `limit` passes (false). The loop keeps serving the table meanwhile.
+bool hear(Mroute::Loop::EventLoop& loop, int fd, std::chrono::milliseconds limit) {
+  enum { waiting, heard, closed } state = waiting;
+  Mroute::Loop::FdWatch watch(loop, fd);
+  watch.onReadableIs([&] {
+    char byte = 0;
+    const ssize_t n = ::read(fd, &byte, 1);
+    if (n > 0) state = heard;
+    else if (n == 0 || errno != EINTR) state = closed;
+  });
+  const auto end = Clock::now() + limit;
+  while (state == waiting && Clock::now() < end) loop.runOnce(std::chrono::milliseconds(10));
+  return state == heard;
+}
+
+// How long one process waits for the other before going on alone.
+constexpr std::chrono::seconds kHandoffLimit{10};
+
 // The writer: the routes above, then one change every 150 ms, in turn: an
 // oif joins a route, an oif leaves one, a route is removed, a removed route
-// comes back. Every write carries the next version number.
-int runWriter(double seconds) {
+// comes back. Every write carries the next version number. It tells the
+// reader when its table is up, changes nothing before the reader has
+// attached, and tells the reader when it has made its last change.
+int runWriter(double seconds, Handoff h) {
   Mroute::Loop::EventLoop loop;
   RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::writer);
   if (!routes.ready()) return 1;
@@ -89,6 +130,8 @@ int runWriter(double seconds) {
     routes.write(RouteValue(r));
   };
   for (const DemoRoute& d : all) publish(demoRoute(d));
+  tell(h.tell);  // the table is up
+  hear(loop, h.hear, kHandoffLimit);  // the reader has attached
   // The index of the route that is away, or all.size() when none is.
   size_t removed = all.size();
   const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
@@ -129,49 +172,76 @@ int runWriter(double seconds) {
         break;
     }
   }
-  // A last moment for the reader to acknowledge; the files stay.
-  for (int i = 0; i < 20; ++i) loop.runOnce(std::chrono::milliseconds(10));
+  // The reader says when it has seen everything; a last moment takes in its
+  // acknowledgement. The files stay.
+  tell(h.tell);
+  hear(loop, h.hear, kHandoffLimit);
+  for (int i = 0; i < 10; ++i) loop.runOnce(std::chrono::milliseconds(10));
   return 0;
 }
 
-int runReader(double seconds) {
+// The reader: attaches once the writer's table is up, tells the writer so,
+// and tells it again once it has seen everything after the writer's last
+// change (nothing new for a while).
+int runReader(double, Handoff h) {
   Mroute::Loop::EventLoop loop;
+  // A table left by an earlier demo is not followed: the writer says when
+  // its own is up.
+  if (!hear(loop, h.hear, kHandoffLimit)) return 0;  // the writer failed, and says why
   const Brume::Survey::ValueCodec* codec = Brume::Survey::findValueCodec(Route::kTypeName, sizeof(RouteValue));
   auto routes = codec->follow(loop, kDemoMount, kDemoName, Brume::BrumeMapOptions{});
   ChangePrinter printer(*codec, false);
-  // The writer may have been first: what is there already shows as added.
+  // What the writer published first shows as added.
   const auto present = routes->entries();
   if (routes->ready()) std::cout << "reader: attached, " << present.size() << " routes" << std::endl;
   for (const ValueBytes& v : present) {
     const std::string key = codec->keyText(v.data());
     std::cout << "reader: " << printer.line(key, printer.classify(key, &v)) << std::endl;
   }
+  // The writer hears of the first attach only: a later one (its restart)
+  // must not pass for the reader having caught up.
+  bool attached = routes->ready();
   routes->onReadyIs([&](bool ready) {
     std::cout << "reader: " << (ready ? "attached, " + std::to_string(routes->entries().size()) + " routes" : "detached")
               << std::endl;
+    if (ready && !attached) tell(h.tell);
+    attached = attached || ready;
   });
+  auto lastChange = Clock::now();
   routes->onChangeIs([&](const std::string& key, const ValueBytes* now) {
     std::cout << "reader: " << printer.line(key, printer.classify(key, now)) << std::endl;
+    lastChange = Clock::now();
   });
-  const auto end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000) + 300);
-  while (Clock::now() < end) loop.runOnce(std::chrono::milliseconds(20));
+  if (attached) tell(h.tell);
+  // The writer's last change is in the queue when it says so; what is left
+  // arrives while the loop runs, so a quiet moment after that means caught up.
+  const bool writerDone = hear(loop, h.hear, std::chrono::hours(1));
+  constexpr auto quiet = std::chrono::milliseconds(300);
+  const auto done = Clock::now();
+  while (writerDone && Clock::now() - std::max(lastChange, done) < quiet && Clock::now() - done < kHandoffLimit) {
+    loop.runOnce(std::chrono::milliseconds(20));
+  }
+  tell(h.tell);
   routes->onReadyIs(nullptr);  // closing the table is no news
   std::cout << "reader: done, " << routes->entries().size() << " routes in its copy" << std::endl;
   return 0;
 }
 
-// Runs `body` in a child process; `quiet` sends its report lines nowhere.
-pid_t start(int (*body)(double), double seconds, bool quiet) {
+// Runs `body` in a child process with its ends of the pipes, closing every
+// other end it inherited; `quiet` sends its report lines nowhere.
+pid_t start(int (*body)(double, Handoff), double seconds, Handoff h, const std::vector<int>& others, bool quiet) {
   std::cout.flush();
   const pid_t pid = ::fork();
+  if (pid < 0) throw CommandError(kExitInternal, std::string("fork: ") + ::strerror(errno));
   if (pid == 0) {
+    for (int fd : others) ::close(fd);
     if (quiet) {
       const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
       if (null >= 0) ::dup2(null, STDOUT_FILENO);
     }
     int code = 1;
     try {
-      code = body(seconds);
+      code = body(seconds, h);
     } catch (const std::exception& e) {
       std::cerr << "mroutectl demo: " << e.what() << "\n";
     }
@@ -188,8 +258,18 @@ void runDemo(double seconds, Context& ctx) {
             << " s; a reader process follows\n"
             << std::flush;
   }
-  const pid_t reader = start(&runReader, seconds, ctx.json);
-  const pid_t writer = start(&runWriter, seconds, ctx.json);
+  // toWriter carries the reader's news, toReader the writer's; a process
+  // that dies closes its end, and the other stops waiting.
+  int toWriter[2], toReader[2];
+  if (::pipe2(toWriter, O_CLOEXEC) != 0) throw CommandError(kExitInternal, std::string("pipe: ") + ::strerror(errno));
+  if (::pipe2(toReader, O_CLOEXEC) != 0) {
+    ::close(toWriter[0]);
+    ::close(toWriter[1]);
+    throw CommandError(kExitInternal, std::string("pipe: ") + ::strerror(errno));
+  }
+  const pid_t reader = start(&runReader, seconds, {toReader[0], toWriter[1]}, {toReader[1], toWriter[0]}, ctx.json);
+  const pid_t writer = start(&runWriter, seconds, {toWriter[0], toReader[1]}, {toWriter[1], toReader[0]}, ctx.json);
+  for (int fd : {toWriter[0], toWriter[1], toReader[0], toReader[1]}) ::close(fd);
   int wstatus = 0, rstatus = 0;
   ::waitpid(writer, &wstatus, 0);
   ::waitpid(reader, &rstatus, 0);
