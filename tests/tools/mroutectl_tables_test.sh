@@ -148,6 +148,21 @@ echo "$out" | tail -1 | grep -q "^$stamp stopped: --seconds passed; 0 changes sh
   || fail "follow --wait end: $out"
 [ ! -e "$MROUTE_SHM_ROOT/waited" ] || fail "follow --wait left $(find "$MROUTE_SHM_ROOT/waited")"
 
+# Demos whose processes cannot make their tables (the root is a file here;
+# a full file system reads the same) say which process failed and why.
+blocked="$MROUTE_SHM_ROOT/blocked"
+: >"$blocked"
+out=$(MROUTE_SHM_ROOT="$blocked" "$mroutectl" demo --seconds 0.1 2>&1)
+[ $? = 4 ] || fail "demo on a file exited $?: $out"
+echo "$out" | grep -q "^mroutectl demo: the writer cannot open its table: .*$blocked" || fail "demo writer's error: $out"
+echo "$out" | grep -q "^mroutectl demo: the demo's writer process failed (its error is above)$" || fail "demo error: $out"
+out=$(MROUTE_SHM_ROOT="$blocked" "$mroutectl" apps-demo 2>&1)
+[ $? = 4 ] || fail "apps-demo on a file exited $?: $out"
+for app in pim igmp static; do
+  echo "$out" | grep -q "^mroutectl apps-demo: $app: .*$blocked" || fail "apps-demo $app's error: $out"
+  echo "$out" | grep -q "^apps-demo: $app (priority [0-9]) FAILED (its error is above)$" || fail "apps-demo $app: $out"
+done
+
 # Errors: one line naming the problem and its likely cause; the exit code
 # says which kind (2 usage, 3 not found).
 expect_error() {  # expect_error <exit code> <stderr pattern> <command arguments...>

@@ -72,7 +72,9 @@ void appsDemoRun(Context& ctx) {
       try {
         publish(app);
       } catch (const std::exception& e) {
-        std::cerr << "mroutectl apps-demo: " << app.name << ": " << e.what() << "\n";
+        // One write, so that the applications' errors do not interleave.
+        const std::string line = std::string("mroutectl apps-demo: ") + app.name + ": " + e.what() + "\n";
+        [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
         code = 1;
       }
       ::_exit(code);
@@ -80,23 +82,30 @@ void appsDemoRun(Context& ctx) {
     pids.push_back(pid);
   }
   int failed = 0;
+  std::vector<bool> ok;
   for (pid_t pid : pids) {
     int status = 0;
     ::waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
+    ok.push_back(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    failed += ok.back() ? 0 : 1;
   }
   if (ctx.json) {
     Json apps = Json::array();
-    for (const DemoApp& app : demoApps()) {
+    for (size_t i = 0; i < demoApps().size(); ++i) {
+      const DemoApp& app = demoApps()[i];
       apps.push_back(Json{{"app", app.name}, {"priority", int(app.priority)}, {"routes", app.groups.size()},
-                          {"vrfs", {"default", "red"}}});
+                          {"vrfs", {"default", "red"}}, {"ok", bool(ok[i])}});
     }
     ctx.out << jsonText(Json{{"applications", apps}, {"failed", failed}}) << "\n";
   }
-  for (const DemoApp& app : demoApps()) {
-    if (ctx.json) break;
-    ctx.out << "apps-demo: " << app.name << " (priority " << int(app.priority) << ") published " << app.groups.size()
-        << " routes in default and red\n";
+  for (size_t i = 0; i < demoApps().size() && !ctx.json; ++i) {
+    const DemoApp& app = demoApps()[i];
+    ctx.out << "apps-demo: " << app.name << " (priority " << int(app.priority) << ") ";
+    if (ok[i]) {
+      ctx.out << "published " << app.groups.size() << " routes in default and red\n";
+    } else {
+      ctx.out << "FAILED (its error is above)\n";
+    }
   }
   if (failed != 0) {
     throw CommandError(kExitInternal, std::to_string(failed) + " application process(es) failed (errors above)");

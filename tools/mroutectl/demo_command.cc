@@ -122,7 +122,12 @@ constexpr std::chrono::seconds kHandoffLimit{10};
 int runWriter(double seconds, Handoff h) {
   Mroute::Loop::EventLoop loop;
   RouteMap routes(loop, kDemoMount, kDemoName, Brume::BrumeType::writer);
-  if (!routes.ready()) return 1;
+  if (!routes.ready()) {
+    const std::string why = routes.attachStatus().message;
+    std::cerr << "mroutectl demo: the writer cannot open its table: " << (why.empty() ? "no reason given" : why)
+              << "\n";
+    return 1;
+  }
   const auto& all = demoRoutes();
   uint32_t version = 0;
   auto publish = [&](Route r) {
@@ -279,10 +284,13 @@ void runDemo(double seconds, Context& ctx) {
                     {"writerOk", ok(wstatus)}, {"readerOk", ok(rstatus)}})
             << "\n";
   } else {
-    ctx.out << "demo: " << (ok(wstatus) && ok(rstatus) ? "done" : "FAILED") << "; the table stays in " << dir
-            << "\n"
-            << "      look at it with: mroutectl tables; mroutectl dump " << kDemoMount << "/" << kDemoName
-            << "; mroutectl validate\n";
+    if (ok(wstatus) && ok(rstatus)) {
+      ctx.out << "demo: done; the table stays in " << dir << "\n"
+              << "      look at it with: mroutectl tables; mroutectl dump " << kDemoMount << "/" << kDemoName
+              << "; mroutectl validate\n";
+    } else {
+      ctx.out << "demo: FAILED\n";
+    }
   }
   if (!ok(wstatus) || !ok(rstatus)) {
     const int status = ok(wstatus) ? rstatus : wstatus;
