@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "mroute/route/mfib_status.h"
@@ -18,6 +22,23 @@ using Brume::Multicast::Fib::Status;
 using ToolTest::mroutectl;
 using ToolTest::ToolRun;
 using testing::HasSubstr;
+
+template <typename T>
+std::string image(const T& v) {
+  return std::string(reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+// Overwrites the file's bytes at `at` (else the first occurrence of `from`)
+// with `to`, as another process damaging the table would.
+bool patchFile(const std::string& path, const std::string& from, const std::string& to, size_t at = 0) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  if (!from.empty()) at = bytes.find(from);
+  if (at == std::string::npos || at + to.size() > bytes.size()) return false;
+  f.seekp(static_cast<std::streamoff>(at));
+  f.write(to.data(), static_cast<std::streamsize>(to.size()));
+  return f.good();
+}
 
 class MroutectlRoutesTest : public testing::Test {
  protected:
@@ -93,6 +114,43 @@ TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndEachFamilyShowsItsOwn) {
             "  (2001:db8::1,ff3e::1)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"
             "  (2001:db8::1,ff3e::2)  app igmp  prio 1  iif Vlan101  oifs Ethernet2  flags valid\n");
   EXPECT_EQ(mroutectl("routes --vrf red").out.find("ff3e"), std::string::npos) << "IPv4 shows no IPv6 route";
+}
+
+// A record whose key another process garbled shows as damaged where its
+// route would be; a table set whose reader refuses a table is named, not
+// silently left out. Both exit 1.
+TEST_F(MroutectlRoutesTest, DamagedRecordsAndUnreadableTablesAreNamed) {
+  using Routing::Multicast::Fib::IpGenRouteKey;
+  const IpGenRouteKey key(Orvet::IpGenPrefix::fromText("10.0.0.1/32"), Orvet::IpGenPrefix::fromText("239.1.1.2/32"));
+  // The source's prefix length is where two prefixes differing only by it differ.
+  const std::string a = image(Orvet::IpGenPrefix::fromText("10.0.0.0/24"));
+  const std::string b = image(Orvet::IpGenPrefix::fromText("10.0.0.0/25"));
+  const size_t lengthAt = static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin());
+  ASSERT_EQ(lengthAt % 4, 0u);
+  // A length the reader's bucket check cannot tell from the true one (the
+  // same low hash bits): the damage reaches the tool.
+  std::string garbled;
+  uint32_t length = 33;
+  for (;; ++length) {
+    garbled = image(key);
+    std::memcpy(garbled.data() + lengthAt, &length, sizeof length);
+    IpGenRouteKey k;
+    std::memcpy(&k, garbled.data(), sizeof k);
+    if ((k.hash() & 15) == (key.hash() & 15)) break;
+  }
+  const std::string set = root.dir() + "/routing/multicast/routestatus/default/";
+  ASSERT_TRUE(patchFile(set + "pim/route/slots", image(key), garbled));
+  ASSERT_TRUE(patchFile(set + "igmp/route/buckets", "", std::string(16, '\xff')));  // its header
+  const ToolRun r = mroutectl("routes --vrf default");
+  EXPECT_EQ(r.code, 1) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("\n  application igmp: cannot read routing/multicast/routestatus/default/igmp/route "
+                               "(damaged, or its writer is re-creating it); its routes are left out\n"));
+  EXPECT_THAT(r.out, HasSubstr("  app pim  prio 2  damaged record: key prefix length " + std::to_string(length) +
+                               " beyond its family's 32\n"));
+  EXPECT_THAT(r.out, HasSubstr("  (10.0.0.1,239.1.1.1)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"));
+  EXPECT_EQ(r.out.find("239.1.1.3"), std::string::npos) << "igmp's routes are not read: " << r.out;
+  EXPECT_THAT(r.out, HasSubstr("mroutectl routes: 1 application table set(s) cannot be read and 1 damaged "
+                               "record(s) (mroutectl validate says more)\n"));
 }
 
 }  // namespace

@@ -3,7 +3,10 @@
 #include <bit>
 #include <exception>
 #include <sstream>
+#include <string>
 #include <vector>
+
+#include "mroute/runtime/error.h"
 
 namespace Mroutectl {
 
@@ -70,13 +73,15 @@ std::string oifText(const Route& route) {
   return out;
 }
 
-// A record copied out of shared memory holds its fields as stored, even out
-// of their range; the field's own constructor refuses such a value with its
-// range error (std::out_of_range), which the callers show as a damaged
-// record.
-namespace {
-void requireInRange(const Route& route) { (void)OifIndex(route.maxOifIndex().value()); }
-}  // namespace
+void requireInRange(const Route& route) {
+  (void)OifIndex(route.maxOifIndex().value());
+  for (const Orvet::IpGenPrefix* p : {&route.key().s(), &route.key().g()}) {
+    if (p->length() > p->maxLength()) {
+      throw Kiv::RangeException("key prefix length " + std::to_string(p->length()) + " beyond its family's " +
+                                std::to_string(p->maxLength()));
+    }
+  }
+}
 
 std::string routeLine(const Route& route) {
   requireInRange(route);

@@ -38,6 +38,11 @@ std::string join(const std::vector<std::string>& items, const char* sep);
 // The one-line form above.
 std::string routeLine(const Brume::Multicast::Fib::Route& route);
 
+// A record copied out of shared memory holds its fields as stored, even out
+// of their range. Throws std::out_of_range naming the first such field: a
+// maxOifIndex past the bitmap, a key prefix longer than its family allows.
+void requireInRange(const Brume::Multicast::Fib::Route& route);
+
 // A record another process damaged can hold a field out of its range, which
 // the field's accessor refuses (std::out_of_range). What `show` makes of the
 // record, or "<key>  damaged record: <why>" with *damaged set.

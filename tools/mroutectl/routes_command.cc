@@ -14,6 +14,7 @@
 #include <map>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -48,29 +49,56 @@ struct Candidate {
   std::vector<std::string> oifs;
   std::vector<std::string> flags;
   bool winner;
+  std::string damage;  // why the record cannot be read; empty when sound
 };
 
 Candidate describe(const std::string& app, const Route& r, const Status& status, bool winner) {
-  Candidate c{app, r.routePriority().value(), r.iif().isNull() ? "none" : r.iif().name(), {}, {}, winner};
-  Brume::Multicast::Fib::RouteIntfIteratorConst it(r, status);
-  for (it.next(); !it.atEnd(); it.next()) {
-    if (!it.oifIndex().isNull()) c.oifs.push_back(it.intf().name());
+  Candidate c{app, r.routePriority().value(), "", {}, {}, winner, {}};
+  try {
+    requireInRange(r);
+    c.iif = r.iif().isNull() ? "none" : r.iif().name();
+    Brume::Multicast::Fib::RouteIntfIteratorConst it(r, status);
+    for (it.next(); !it.atEnd(); it.next()) {
+      if (!it.oifIndex().isNull()) c.oifs.push_back(it.intf().name());
+    }
+    c.flags = flagNames(r);
+  } catch (const std::out_of_range& e) {
+    c.damage = e.what();
   }
-  c.flags = flagNames(r);
   return c;
 }
 
 std::string text(const Candidate& c) {
   std::ostringstream os;
-  os << "app " << c.app << "  prio " << c.priority << "  iif " << c.iif << "  oifs "
-     << (c.oifs.empty() ? "none" : join(c.oifs, ",")) << "  flags " << (c.flags.empty() ? "none" : join(c.flags, ","));
+  os << "app " << c.app << "  prio " << c.priority;
+  if (!c.damage.empty()) {
+    os << "  damaged record: " << c.damage;
+  } else {
+    os << "  iif " << c.iif << "  oifs " << (c.oifs.empty() ? "none" : join(c.oifs, ",")) << "  flags "
+       << (c.flags.empty() ? "none" : join(c.flags, ","));
+  }
   return os.str();
 }
 
 Json json(const Candidate& c) {
-  Json j{{"app", c.app}, {"priority", c.priority}, {"iif", c.iif}, {"oifs", c.oifs}, {"flags", c.flags}};
+  Json j = c.damage.empty()
+               ? Json{{"app", c.app}, {"priority", c.priority}, {"iif", c.iif}, {"oifs", c.oifs}, {"flags", c.flags}}
+               : Json{{"app", c.app}, {"priority", c.priority}, {"damaged", c.damage}};
   if (c.winner) j["winner"] = true;
   return j;
+}
+
+// The tables of an application's set that its reader could not attach: a
+// damaged table is refused, and what it holds is missing from the merge.
+// Their names follow the set's mount path, as mroutectl validate takes them.
+std::vector<std::string> unreadableTables(const Status& s, const std::string& mountPath) {
+  std::vector<std::string> out;
+  auto check = [&](const auto& table) {
+    if (table.front() == nullptr || !table.front()->ready()) out.push_back(mountPath + "/" + table.name());
+  };
+  check(s.route());
+  check(s.oifIndexIntf());
+  return out;
 }
 
 std::vector<std::string> subdirs(const std::filesystem::path& dir) {
@@ -96,24 +124,34 @@ void routesRun(Options o, Context& ctx) {
   Brume::Multicast::Fib::MfibEntityManager manager(loop);
   const auto info = Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name);
   Json jsonVrfs = Json::array();
+  size_t damaged = 0, unreadableSets = 0;
   for (const std::string& vrf : vrfs) {
     Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs(Kiv::Name(vrf));
-    std::map<uint32_t, std::string> apps;
+    std::map<uint32_t, std::string> apps, paths;
     uint32_t number = 0;
     for (const std::string& app : subdirs(base / vrf)) {
       const std::string path = Status::mountPath(family, L3::VrfName(vrf), Kiv::Name(app));
       coll->brumePtrIs(++number, manager.mountStatus(path, Brume::BrumeType::reader, info));
       apps[number] = app;
+      paths[number] = path;
     }
     // Reader fronts attach while they are built; give late ones a moment.
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     auto allReady = [&] {
       for (const auto& [n, s] : coll->brumePtr()) {
-        if (!s->route().front()->ready()) return false;
+        if (!unreadableTables(*s, paths[n]).empty()) return false;
       }
       return true;
     };
     while (!allReady() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(10));
+    // app -> its tables that could not be read
+    std::map<std::string, std::vector<std::string>> unreadable;
+    for (const auto& [n, s] : coll->brumePtr()) {
+      std::vector<std::string> tables = unreadableTables(*s, paths[n]);
+      if (tables.empty()) continue;
+      unreadableSets += 1;
+      unreadable[apps[n]] = std::move(tables);
+    }
 
     // The merged walk goes in hash order; the operator reads keys in order.
     std::map<Routing::Multicast::Fib::IpGenRouteKey, std::string> lines;
@@ -125,6 +163,7 @@ void routesRun(Options o, Context& ctx) {
       } else {
         cands.push_back(describe(apps[it.brumeKey()], it.route(), *it.status(), true));
       }
+      for (const Candidate& c : cands) damaged += c.damage.empty() ? 0 : 1;
       const std::string key = keyText(it.route().key());
       if (o.json) {
         Json items = Json::array();
@@ -141,13 +180,25 @@ void routesRun(Options o, Context& ctx) {
     if (o.json) {
       Json routes = Json::array();
       for (auto& [k, j] : jsonRoutes) routes.push_back(std::move(j));
-      jsonVrfs.push_back(Json{{"vrf", vrf}, {"af", o.af}, {"routes", std::move(routes)}});
+      Json j{{"vrf", vrf}, {"af", o.af}, {"routes", std::move(routes)}};
+      if (!unreadable.empty()) j["unreadable"] = unreadable;
+      jsonVrfs.push_back(std::move(j));
       continue;
     }
     out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
+    for (const auto& [app, tables] : unreadable) {
+      out << "  application " << app << ": cannot read " << join(tables, " and ")
+          << " (damaged, or its writer is re-creating it); its routes are left out\n";
+    }
     for (const auto& [k, line] : lines) out << line;
   }
   if (o.json) out << jsonText(jsonVrfs) << "\n";
+  if (damaged != 0 || unreadableSets != 0) {
+    std::vector<std::string> what;
+    if (unreadableSets != 0) what.push_back(std::to_string(unreadableSets) + " application table set(s) cannot be read");
+    if (damaged != 0) what.push_back(std::to_string(damaged) + " damaged record(s)");
+    throw CommandError(kExitDamaged, join(what, " and ") + " (mroutectl validate says more)");
+  }
 }
 
 }  // namespace
