@@ -102,6 +102,9 @@ TEST_F(MroutectlRoutesTest, AllShowsEveryCandidateAndJsonCarriesTheSame) {
 TEST_F(MroutectlRoutesTest, BadArgumentsExitTwoAndEachFamilyShowsItsOwn) {
   EXPECT_EQ(mroutectl("routes --af 5").code, 2);
   EXPECT_EQ(mroutectl("routes --vrf").code, 2);
+  const ToolRun longName = mroutectl("routes --vrf " + std::string(101, 'v'));
+  EXPECT_EQ(longName.code, 2);
+  EXPECT_THAT(longName.out, HasSubstr("': longer than 100 bytes\n"));
   ToolRun r = mroutectl("routes --af 6");
   EXPECT_EQ(r.code, 0);
   EXPECT_EQ(r.out, "");

@@ -180,6 +180,7 @@ expect_error 3 "^mroutectl follow: no table 'no/such'.*--wait" follow no/such --
 expect_error 3 "^mroutectl lookup: no entry for (\*,239.9.9.9) in $table$" lookup "$table" '(*,239.9.9.9)'
 expect_error 2 "^mroutectl dump: '\.\./demo/route' is not a table name: .*'\.\.'" dump ../demo/route
 expect_error 2 "^mroutectl follow: 'route' is not a table name" follow route
+expect_error 2 "^mroutectl follow: --seconds: Value nan is not a number" follow "$table" --seconds nan
 # An unknown option is named before a missing argument, by every subcommand.
 subs=$("$mroutectl" --help | sed -n '/^Subcommands:/,$s/^  \([a-z-]*\)[ ,].*/\1/p')
 [ "$(echo "$subs" | wc -l)" -ge 14 ] || fail "subcommand list: $subs"

@@ -3,6 +3,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
+#include <cstdlib>
+#include <string>
 #include <utility>
 
 namespace Mroutectl {
@@ -28,6 +31,10 @@ CliOption& CliOption::inRange(int min, int max) {
 }
 
 CliOption& CliOption::inRange(double min, double max) {
+  // "nan" converts, and compares false with both bounds: it is refused first.
+  option_->check([](const std::string& text) {
+    return std::isnan(std::strtod(text.c_str(), nullptr)) ? "Value " + text + " is not a number" : std::string();
+  });
   option_->check(CLI::Range(min, max));
   return *this;
 }

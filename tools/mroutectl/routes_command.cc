@@ -114,7 +114,14 @@ std::vector<std::string> subdirs(const std::filesystem::path& dir) {
 void routesRun(Options o, Context& ctx) {
   std::ostream& out = ctx.out;
   o.json = ctx.json;
-  if (!o.vrf.empty()) L3::VrfName check(o.vrf);  // refuses names over 100 bytes
+  if (!o.vrf.empty()) {
+    try {
+      L3::VrfName check(o.vrf);
+    } catch (const std::out_of_range&) {
+      throw CommandError(kExitUsage, "bad VRF name '" + o.vrf + "': longer than " +
+                                         std::to_string(L3::VrfName::maxBytes) + " bytes");
+    }
+  }
   const Orvet::AddressFamily family(o.af == 4 ? 1 : 2);
   const std::filesystem::path base =
       std::filesystem::path(Brume::shmRootDirectory()) / (o.af == 4 ? "routing" : "routing6") / "multicast" / "routestatus";
