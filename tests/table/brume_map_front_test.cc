@@ -1,6 +1,7 @@
 // The table front in one process: paths under the shared-memory root, the
 // four kinds, change callbacks, readiness, cleanup.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <set>
@@ -10,6 +11,7 @@
 #include "table/table_test_util.h"
 #include "testing/expect_assert.h"
 #include "mroute/table/internal/front_restamp.h"
+#include "mroute/table/shm/ember_file.h"
 #include "mroute/table/shm_root.h"
 
 namespace {
@@ -133,6 +135,33 @@ TEST_F(BrumeMapFrontTest, SecondWriterSaysWhoHoldsTheTableAndRefusesWrites) {
   ::setenv("MROUTE_SHM_ROOT", (first.root().dir() + "/slots").c_str(), 1);
   RecordMap misplaced(loop_, "a", "t", BrumeType::writer, fastOptions());
   EXPECT_EQ(misplaced.attachStatus().error, Brume::AttachError::badRoot) << misplaced.attachStatus().message;
+}
+
+// A lock file that another process replaced by a link keeps the writer out,
+// and it says why; a FIFO in place of the corruption report is not waited on.
+TEST_F(BrumeMapFrontTest, WriterSaysWhyItCannotLockAndNeverWaitsOnAFifo) {
+  const Mem::RootPath root = Brume::tableRoot("a", "t");
+  std::filesystem::create_directories(root.dir());
+  const std::string lock = root.file(Brume::AttachLock::kFileName);
+  ASSERT_EQ(::symlink("/dev/null", lock.c_str()), 0);
+  {
+    RecordMap linked(loop_, "a", "t", BrumeType::writer, fastOptions());
+    EXPECT_FALSE(linked.ready());
+    EXPECT_EQ(linked.attachStatus().error, Brume::AttachError::failed);
+    EXPECT_EQ(linked.attachStatus().message,
+              "cannot lock attach.lock: open(" + lock +
+                  "): Too many levels of symbolic links (a symbolic link: table files are never links)");
+  }
+  ASSERT_EQ(::unlink(lock.c_str()), 0);
+  RecordMap writer(loop_, "a", "t", BrumeType::writer, fastOptions());
+  ASSERT_TRUE(writer.ready()) << writer.attachStatus().message;
+  // The writer reads a report as it appears and removes it once answered.
+  const std::string marker = root.file(Brume::kCorruptionMarkerName);
+  ASSERT_EQ(::mkfifo(marker.c_str(), 0600), 0);
+  ASSERT_TRUE(runUntil(loop_, [&] { return !std::filesystem::exists(marker); }));
+  writer.write(value(1));
+  RecordMap reader(loop_, "a", "t", BrumeType::reader, fastOptions());
+  ASSERT_TRUE(runUntil(loop_, [&] { return reader.lookup(1).has_value(); }));
 }
 
 TEST_F(BrumeMapFrontTest, ReadersCreateNothingAndAttachWhenTheWriterMakesTheTable) {

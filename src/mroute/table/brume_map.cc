@@ -109,6 +109,7 @@ void BrumeMapBase::mountReader() {
 }
 
 void BrumeMapBase::mountWriter() {
+  mountFailure_.clear();
   std::string why;
   if (!Mem::makeDirectories(Mem::systemShmFs(), root_.dir(), &why)) {
     MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot make " << root_.dir() << ": " << why);
@@ -119,11 +120,13 @@ void BrumeMapBase::mountWriter() {
     // Readers stay off until the files are ours and attached.
     AttachLock attaching(root_);
     if (!attaching.acquire()) {
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot lock " << AttachLock::kFileName);
+      mountFailure_ = "cannot lock " + std::string(AttachLock::kFileName) + ": " + attaching.error();
+      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " " << mountFailure_);
       return;
     }
     if (!restampIncarnation(Mem::systemShmFs(), root_, processEmberId(), &why)) {
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot take over the table: " << why);
+      mountFailure_ = "cannot take over the table: " + why;
+      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " " << mountFailure_);
       return;
     }
     if (!writerAttach()) {

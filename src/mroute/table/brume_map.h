@@ -160,8 +160,13 @@ class BrumeMap : public BrumeMapBase {
     return writer_->validateFiles(why);
   }
   // A writer front's reason for not being ready: held by another writer
-  // (with its pid when known), no space, no permission, a bad root.
-  AttachStatus attachStatus() const { return writer_ ? writer_->attachStatus() : AttachStatus{}; }
+  // (with its pid when known), no space, no permission, a bad root, or a
+  // lock or take-over that failed before the files were tried.
+  AttachStatus attachStatus() const {
+    if (!writer_) return AttachStatus{};
+    if (writer_->attachStatus().error != AttachError::none || mountFailure().empty()) return writer_->attachStatus();
+    return AttachStatus{AttachError::failed, mountFailure(), 0};
+  }
 
   BrumeWriter<Ops>* writer() { return writer_ ? &*writer_ : nullptr; }
   BrumeReader<Ops>* reader() { return reader_ ? &*reader_ : nullptr; }

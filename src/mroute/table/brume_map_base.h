@@ -142,6 +142,9 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   void corruptionFound();
   Mroute::Loop::EventLoop& loop() { return loop_; }
   const BrumeMapOptions& options() const { return options_; }
+  // Why a writer front stopped before its files were tried (the attach lock
+  // or the take-over from an earlier writer failed); empty otherwise.
+  const std::string& mountFailure() const { return mountFailure_; }
 
  private:
   // WriterMounter::Front.
@@ -168,6 +171,7 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   BrumeMapOptions options_;
   uint32_t ember_ = 0;
   int attachState_ = 0;
+  std::string mountFailure_;
   bool advertised_ = false;
   bool notifying_ = true;
   bool ready_ = false;

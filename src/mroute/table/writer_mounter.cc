@@ -1,11 +1,12 @@
 #include "mroute/table/writer_mounter.h"
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <string>
 
 #include "mroute/runtime/error.h"
 #include "mroute/table/shm/brume_trace.h"
 #include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace Brume {
 
@@ -13,11 +14,14 @@ WriterMounter::WriterMounter(Front& front, const Mem::RootPath& root)
     : front_(front), emberPath_(root.file(kEmberFileName)), markerPath_(root.dir() + "/" + kCorruptionMarkerName) {}
 
 std::string WriterMounter::readMarker() const {
-  std::ifstream in(markerPath_);
-  if (!in) return {};
-  std::ostringstream text;
-  text << in.rdbuf();
-  std::string s = text.str();
+  // Opened as the table files are (no link followed, no FIFO waited on), and
+  // read no further than a report can reasonably be long.
+  constexpr int64_t kMostRead = 64 * 1024;
+  Mem::ShmFile file;
+  if (!file.open(markerPath_, Mem::ShmAccess::readOnly)) return {};
+  const int64_t size = std::min(file.fileSize(), kMostRead);
+  if (size <= 0 || !file.map(static_cast<size_t>(size))) return {};
+  std::string s(reinterpret_cast<const char*>(file.base()), static_cast<size_t>(size));
   while (!s.empty() && (s.back() == '\n' || s.back() == '\0')) s.pop_back();
   return s;
 }

@@ -27,6 +27,35 @@ class ShmFileTest : public TableTest::ShmDirTest {
   std::string path(const char* name) const { return Mem::joinPath(dir_, name); }
 };
 
+// Anything another process puts in place of a table file is refused at once:
+// a FIFO would block an open forever, and a link would have the writer size
+// and write a file elsewhere.
+TEST_F(ShmFileTest, WhatIsNotARegularFileIsRefusedWithoutWaitingOrWritingThroughIt) {
+  ASSERT_EQ(::mkfifo(path("slots").c_str(), 0600), 0);
+  ShmFile f;
+  bool created = false;
+  const std::string fifo = path("slots") + " is a FIFO, not a regular file: another process put it in place of a table file";
+  EXPECT_FALSE(f.open(path("slots"), ShmAccess::readOnly));
+  EXPECT_EQ(f.error(), fifo);
+  EXPECT_FALSE(f.openOrCreate(path("slots"), &created));
+  EXPECT_EQ(f.error(), fifo);
+  EXPECT_FALSE(f.isOpen());
+  ASSERT_EQ(::mkdir(path("conquer.1").c_str(), 0700), 0);
+  EXPECT_FALSE(f.open(path("conquer.1"), ShmAccess::readOnly));
+  EXPECT_EQ(f.error(), path("conquer.1") + " is a directory, not a regular file: another process put it in place of a table file");
+
+  ShmFile target;
+  ASSERT_TRUE(target.openOrCreate(path("elsewhere"), &created)) << target.error();
+  ASSERT_TRUE(target.reserve(4096));
+  ASSERT_EQ(::symlink(path("elsewhere").c_str(), path("buckets").c_str()), 0);
+  EXPECT_FALSE(f.openOrCreate(path("buckets"), &created));
+  EXPECT_EQ(f.error(), "open(" + path("buckets") +
+                           "): Too many levels of symbolic links (a symbolic link: table files are never links)");
+  std::string error;
+  EXPECT_FALSE(Mem::writeWholeFile(Mem::systemShmFs(), path("buckets"), "x", &error));
+  EXPECT_EQ(target.fileSize(), 4096) << "nothing truncated or wrote through the link";
+}
+
 TEST_F(ShmFileTest, ReaderSeesWriterStoresAcrossGrowthButNeverMapsPastTheEnd) {
   const mode_t old = umask(077);
   ShmFile w;

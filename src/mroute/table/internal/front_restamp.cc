@@ -7,6 +7,7 @@
 #include "mroute/table/shm/brume_trace.h"
 #include "mroute/table/queue/internal/conquer_file.h"
 #include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
 #include "mroute/table/shm/writer_lock.h"
 
 namespace Brume {
@@ -61,10 +62,15 @@ namespace Brume {
 
 bool AttachLock::acquire() {
   if (fd_ >= 0) return true;
-  fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, Mem::kTableFileMode);
-  if (fd_ < 0) return false;
+  // Through the table files' opens: no link is followed, no FIFO waited on.
+  fd_ = Mem::systemShmFs().open(path_.c_str(), O_RDWR | O_CREAT, Mem::kTableFileMode);
+  if (fd_ < 0) {
+    error_ = Mem::callError("open", path_, errno);
+    return false;
+  }
   while (::flock(fd_, LOCK_EX) != 0) {
     if (errno != EINTR) {
+      error_ = Mem::callError("flock", path_, errno);
       release();
       return false;
     }
@@ -78,7 +84,7 @@ void AttachLock::release() {
 }
 
 bool AttachLock::busy(const Mem::RootPath& root) {
-  const int fd = ::open(root.file(kFileName).c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = Mem::systemShmFs().open(root.file(kFileName).c_str(), O_RDONLY, 0);
   if (fd < 0) return false;
   const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
   ::close(fd);

@@ -43,14 +43,17 @@ class AttachLock {
   AttachLock(const AttachLock&) = delete;
   AttachLock& operator=(const AttachLock&) = delete;
 
-  // Writer: waits for the lock. False when the file cannot be made.
+  // Writer: waits for the lock. False when the file cannot be made or
+  // locked; error() then says why.
   bool acquire();
   void release();
+  const std::string& error() const { return error_; }
   // Reader: true when a writer is attaching now.
   static bool busy(const Mem::RootPath& root);
 
  private:
   std::string path_;
+  std::string error_;
   int fd_ = -1;
 };
 

@@ -16,7 +16,7 @@
 namespace Mem {
 
 int SystemShmFs::open(const char* path, int flags, mode_t mode) {
-  return ::open(path, flags | O_CLOEXEC, mode);
+  return ::open(path, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, mode);
 }
 int SystemShmFs::close(int fd) { return ::close(fd); }
 int SystemShmFs::fstat(int fd, struct stat* st) { return ::fstat(fd, st); }
@@ -68,13 +68,15 @@ ShmFs& systemShmFs() {
   return fs;
 }
 
-namespace {
-
 std::string callError(const char* call, const std::string& path, int err) {
   std::string text = std::string(call) + "(" + path + "): " + std::strerror(err);
   if (err == ENOSPC) text += " (the file system is full)";
+  if (err == ELOOP) text += " (a symbolic link: table files are never links)";
+  if (err == ENXIO) text += " (a FIFO or device, not a regular file)";
   return text;
 }
+
+namespace {
 
 }  // namespace
 
@@ -131,7 +133,24 @@ bool ShmFile::open(const std::string& path, ShmAccess access) {
     }
     return fail("open");
   }
-  return true;
+  return requireRegular();
+}
+
+bool ShmFile::requireRegular() {
+  struct stat st {};
+  if (fs_->fstat(fd_, &st) < 0) {
+    fail("fstat");
+    close();
+    return false;
+  }
+  if (S_ISREG(st.st_mode)) return true;
+  const char* kind = S_ISDIR(st.st_mode) ? "a directory" : S_ISFIFO(st.st_mode) ? "a FIFO"
+                     : S_ISSOCK(st.st_mode)                          ? "a socket"
+                     : S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)     ? "a device"
+                                                                     : "not a file";
+  error_ = path_ + " is " + kind + ", not a regular file: another process put it in place of a table file";
+  close();
+  return false;
 }
 
 bool ShmFile::openOrCreate(const std::string& path, bool* created, mode_t mode) {
@@ -139,7 +158,7 @@ bool ShmFile::openOrCreate(const std::string& path, bool* created, mode_t mode) 
   access_ = ShmAccess::readWrite;
   *created = false;
   fd_ = fs_->open(path.c_str(), O_RDWR, 0);
-  if (fd_ >= 0) return true;
+  if (fd_ >= 0) return requireRegular();
   if (errno != ENOENT) return fail("open");
   // O_EXCL: of two writers racing to create, one loses and opens the file the
   // other made (the writer lock normally keeps the second one out anyway).

@@ -32,6 +32,12 @@ inline constexpr mode_t kLockFileMode = 0600;
 
 // The system calls behind the table files. Each returns what the system call
 // returns (-1 or MAP_FAILED with errno set on failure).
+//
+// Other processes can put anything in a table's directory. So opens never
+// follow a symbolic link in the last component (ELOOP: nothing is written
+// through a link to a file elsewhere) and never wait (a FIFO opens at once,
+// or fails with ENXIO, instead of hanging the caller); regular files are not
+// affected by either.
 class ShmFs {
  public:
   virtual ~ShmFs() = default;
@@ -172,6 +178,8 @@ class ShmFile {
 
  private:
   bool fail(const char* call);
+  // Closes a descriptor that is not a regular file (error() says what it is).
+  bool requireRegular();
   void watch();
   void forget();
 
@@ -185,6 +193,10 @@ class ShmFile {
   std::string path_;
   std::string error_;
 };
+
+// "<call>(<path>): <errno text>", with what the error means for a table file
+// where that is not obvious (a full file system, a link, a FIFO).
+std::string callError(const char* call, const std::string& path, int err);
 
 // The name under which a replacement of `path` is prepared.
 std::string replacementPath(const std::string& path);

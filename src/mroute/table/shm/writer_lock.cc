@@ -21,7 +21,7 @@ bool WriterLock::acquire(bool wait) {
   if (fd_ >= 0) return true;
   const int fd = fs_->open(path_.c_str(), O_RDWR | O_CREAT, kLockFileMode);
   if (fd < 0) {
-    error_ = "open(" + path_ + "): " + std::strerror(errno);
+    error_ = callError("open", path_, errno);
     return false;
   }
   if (fs_->flock(fd, wait ? LOCK_EX : LOCK_EX | LOCK_NB) < 0) {

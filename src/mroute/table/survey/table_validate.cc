@@ -13,6 +13,7 @@
 #include "mroute/table/survey/value_codec.h"
 #include "mroute/table/queue/internal/conquer_file.h"
 #include "mroute/table/shm/ember_file.h"
+#include "mroute/table/shm/shm_file.h"
 
 namespace Brume::Survey {
 namespace {
@@ -26,13 +27,19 @@ struct Snapshot {
   const void* base() const { return words.data(); }
 
   bool read(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Neither follows a link nor waits on a FIFO put in the file's place.
+    const int fd = Mem::systemShmFs().open(path.c_str(), O_RDONLY, 0);
     if (fd < 0) {
       error = std::string("cannot open: ") + std::strerror(errno);
       return false;
     }
     struct stat st {};
     bool ok = ::fstat(fd, &st) == 0;
+    if (ok && !S_ISREG(st.st_mode)) {
+      error = "not a regular file: another process put something else in its place";
+      ::close(fd);
+      return false;
+    }
     if (ok) {
       size = static_cast<size_t>(st.st_size);
       words.assign((size + 7) / 8, 0);
