@@ -147,10 +147,12 @@ TEST_F(BrumeMapFrontTest, WriterSaysWhyItCannotLockAndNeverWaitsOnAFifo) {
   {
     RecordMap linked(loop_, "a", "t", BrumeType::writer, fastOptions());
     EXPECT_FALSE(linked.ready());
+    const std::string why = "cannot lock attach.lock: open(" + lock +
+                            "): Too many levels of symbolic links (a symbolic link: table files are never links)";
     EXPECT_EQ(linked.attachStatus().error, Brume::AttachError::failed);
-    EXPECT_EQ(linked.attachStatus().message,
-              "cannot lock attach.lock: open(" + lock +
-                  "): Too many levels of symbolic links (a symbolic link: table files are never links)");
+    EXPECT_EQ(linked.attachStatus().message, why);
+    EXPECT_THROW_TEXT(linked.write(value(1)), Pavo::InvalidInitializeException,
+                      "BrumeWriter::write() Brume table not attached: " + why);
   }
   ASSERT_EQ(::unlink(lock.c_str()), 0);
   RecordMap writer(loop_, "a", "t", BrumeType::writer, fastOptions());

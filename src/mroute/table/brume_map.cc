@@ -108,8 +108,12 @@ void BrumeMapBase::mountReader() {
   readerMounter_->notify(kMountEvent);
 }
 
+void BrumeMapBase::refuseWriter(const std::string& why) {
+  MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " " << why);
+  writerAttachRefused(why);
+}
+
 void BrumeMapBase::mountWriter() {
-  mountFailure_.clear();
   std::string why;
   if (!Mem::makeDirectories(Mem::systemShmFs(), root_.dir(), &why)) {
     MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " cannot make " << root_.dir() << ": " << why);
@@ -120,13 +124,11 @@ void BrumeMapBase::mountWriter() {
     // Readers stay off until the files are ours and attached.
     AttachLock attaching(root_);
     if (!attaching.acquire()) {
-      mountFailure_ = "cannot lock " + std::string(AttachLock::kFileName) + ": " + attaching.error();
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " " << mountFailure_);
+      refuseWriter("cannot lock " + std::string(AttachLock::kFileName) + ": " + attaching.error());
       return;
     }
     if (!restampIncarnation(Mem::systemShmFs(), root_, processEmberId(), &why)) {
-      mountFailure_ = "cannot take over the table: " + why;
-      MROUTE_TRACE(brumeTrace(), kTraceError, "BrumeMap " << name_ << " " << mountFailure_);
+      refuseWriter("cannot take over the table: " + why);
       return;
     }
     if (!writerAttach()) {

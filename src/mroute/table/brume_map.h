@@ -162,11 +162,7 @@ class BrumeMap : public BrumeMapBase {
   // A writer front's reason for not being ready: held by another writer
   // (with its pid when known), no space, no permission, a bad root, or a
   // lock or take-over that failed before the files were tried.
-  AttachStatus attachStatus() const {
-    if (!writer_) return AttachStatus{};
-    if (writer_->attachStatus().error != AttachError::none || mountFailure().empty()) return writer_->attachStatus();
-    return AttachStatus{AttachError::failed, mountFailure(), 0};
-  }
+  AttachStatus attachStatus() const { return writer_ ? writer_->attachStatus() : AttachStatus{}; }
 
   BrumeWriter<Ops>* writer() { return writer_ ? &*writer_ : nullptr; }
   BrumeReader<Ops>* reader() { return reader_ ? &*reader_ : nullptr; }
@@ -262,6 +258,7 @@ class BrumeMap : public BrumeMapBase {
   }
 
   bool writerAttach() override { return writer_->attach(); }
+  void writerAttachRefused(const std::string& why) override { writer_->attachRefused(why); }
   void writerDetach() override {
     if (writer_->mountStatus() == MountStatus::attached) writer_->detach();
   }

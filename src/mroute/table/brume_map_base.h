@@ -129,6 +129,8 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
 
   // Writer hooks.
   virtual bool writerAttach() = 0;
+  // mountWriter() stopped before writerAttach(): `why` for attachStatus().
+  virtual void writerAttachRefused(const std::string& why) = 0;
   virtual void writerDetach() = 0;
   virtual void writerCleanup() = 0;
   virtual uint32_t writerEmber() const = 0;
@@ -142,9 +144,6 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   void corruptionFound();
   Mroute::Loop::EventLoop& loop() { return loop_; }
   const BrumeMapOptions& options() const { return options_; }
-  // Why a writer front stopped before its files were tried (the attach lock
-  // or the take-over from an earlier writer failed); empty otherwise.
-  const std::string& mountFailure() const { return mountFailure_; }
 
  private:
   // WriterMounter::Front.
@@ -155,6 +154,8 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
 
   void mountReader();
   void mountWriter();
+  // Traces why mountWriter() stops before the files are tried and keeps it.
+  void refuseWriter(const std::string& why);
   void watchDirectory();
   void onDirEvent(Mroute::Loop::DirEvent event, std::string_view name);
   // An entry of an ancestor of the missing table directory changed.
@@ -171,7 +172,6 @@ class BrumeMapBase : public ReaderMounter::Front, public WriterMounter::Front {
   BrumeMapOptions options_;
   uint32_t ember_ = 0;
   int attachState_ = 0;
-  std::string mountFailure_;
   bool advertised_ = false;
   bool notifying_ = true;
   bool ready_ = false;

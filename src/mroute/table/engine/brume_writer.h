@@ -145,6 +145,8 @@ class BrumeWriter {
   // Why the last attach() failed: held by another writer (with its pid when
   // known), no space, no permission, a bad root, ...
   const AttachStatus& attachStatus() const { return files_.attachStatus(); }
+  // Records why the owner stopped before attach(), for attachStatus().
+  void attachRefused(const std::string& why) { files_.attachRefused(why); }
   uint32_t shrinkThreshold() const { return shrinkThreshold_; }
   bool shrinkInProgress() const { return shrinkInProgress_; }
   const WriterCounters& writerCounters() const { return counters_; }

@@ -70,6 +70,9 @@ class WriterFiles {
   }
   // Why the last attach() failed (error none after a success).
   const AttachStatus& attachStatus() const { return status_; }
+  // The owner could not get as far as attach() (its own lock or take-over
+  // failed): attachStatus() and the errors of changes give `why`.
+  void attachRefused(const std::string& why) { status_ = {AttachError::failed, why, 0}; }
   SlotWriterTable& slots() { return slots_; }
   BucketWriterTable& buckets() { return buckets_; }
   ConquerWriter* conquer() { return conquer_.get(); }
