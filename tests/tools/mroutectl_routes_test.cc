@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -144,15 +145,19 @@ TEST_F(MroutectlRoutesTest, DamagedRecordsAndUnreadableTablesAreNamed) {
   const std::string set = root.dir() + "/routing/multicast/routestatus/default/";
   ASSERT_TRUE(patchFile(set + "pim/route/slots", image(key), garbled));
   ASSERT_TRUE(patchFile(set + "igmp/route/buckets", "", std::string(16, '\xff')));  // its header
+  ASSERT_TRUE(std::filesystem::create_directories(set + "ghost"));  // an application with no tables yet
   const ToolRun r = mroutectl("routes --vrf default");
   EXPECT_EQ(r.code, 1) << r.out;
   EXPECT_THAT(r.out, HasSubstr("\n  application igmp: cannot read routing/multicast/routestatus/default/igmp/route "
                                "(damaged, or its writer is re-creating it); its routes are left out\n"));
+  EXPECT_THAT(r.out, HasSubstr("\n  application ghost: cannot read routing/multicast/routestatus/default/ghost/route "
+                               "(missing) and routing/multicast/routestatus/default/ghost/oifIndexIntf (missing); its "
+                               "routes are left out\n"));
   EXPECT_THAT(r.out, HasSubstr("  app pim  prio 2  damaged record: key prefix length " + std::to_string(length) +
                                " beyond its family's 32\n"));
   EXPECT_THAT(r.out, HasSubstr("  (10.0.0.1,239.1.1.1)  app pim  prio 2  iif Vlan102  oifs Ethernet3  flags valid\n"));
   EXPECT_EQ(r.out.find("239.1.1.3"), std::string::npos) << "igmp's routes are not read: " << r.out;
-  EXPECT_THAT(r.out, HasSubstr("mroutectl routes: 1 application table set(s) cannot be read and 1 damaged "
+  EXPECT_THAT(r.out, HasSubstr("mroutectl routes: 2 application table set(s) cannot be read and 1 damaged "
                                "record(s) (mroutectl validate says more)\n"));
 }
 

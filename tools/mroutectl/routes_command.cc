@@ -88,13 +88,21 @@ Json json(const Candidate& c) {
   return j;
 }
 
-// The tables of an application's set that its reader could not attach: a
-// damaged table is refused, and what it holds is missing from the merge.
-// Their names follow the set's mount path, as mroutectl validate takes them.
-std::vector<std::string> unreadableTables(const Status& s, const std::string& mountPath) {
-  std::vector<std::string> out;
+// A table of an application's set that its reader could not attach: not
+// made yet, or refused as damaged. What it holds is missing from the merge.
+struct Unreadable {
+  std::string table;  // named after the set's mount path, as mroutectl validate takes it
+  bool missing;       // its directory does not exist
+  std::string text() const { return table + (missing ? " (missing)" : " (damaged, or its writer is re-creating it)"); }
+};
+
+std::vector<Unreadable> unreadableTables(const Status& s, const std::string& mountPath) {
+  std::vector<Unreadable> out;
   auto check = [&](const auto& table) {
-    if (table.front() == nullptr || !table.front()->ready()) out.push_back(mountPath + "/" + table.name());
+    if (table.front() != nullptr && table.front()->ready()) return;
+    std::error_code ec;
+    const bool missing = !std::filesystem::exists(Brume::tableRoot(mountPath, table.name()).dir(), ec);
+    out.push_back({mountPath + "/" + table.name(), missing});
   };
   check(s.route());
   check(s.oifIndexIntf());
@@ -132,6 +140,7 @@ void routesRun(Options o, Context& ctx) {
   const auto info = Brume::Multicast::Fib::TableInfo::mfibMountInfo(Status::type().name);
   Json jsonVrfs = Json::array();
   size_t damaged = 0, unreadableSets = 0;
+  bool unreadableDamaged = false;  // a table is there but refused
   for (const std::string& vrf : vrfs) {
     Kiv::Ptr<MfibBrumeColl> coll = Brume::Multicast::Fib::MfibBrumeCollIs(Kiv::Name(vrf));
     std::map<uint32_t, std::string> apps, paths;
@@ -152,11 +161,12 @@ void routesRun(Options o, Context& ctx) {
     };
     while (!allReady() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(10));
     // app -> its tables that could not be read
-    std::map<std::string, std::vector<std::string>> unreadable;
+    std::map<std::string, std::vector<Unreadable>> unreadable;
     for (const auto& [n, s] : coll->brumePtr()) {
-      std::vector<std::string> tables = unreadableTables(*s, paths[n]);
+      std::vector<Unreadable> tables = unreadableTables(*s, paths[n]);
       if (tables.empty()) continue;
       unreadableSets += 1;
+      for (const Unreadable& u : tables) unreadableDamaged = unreadableDamaged || !u.missing;
       unreadable[apps[n]] = std::move(tables);
     }
 
@@ -188,14 +198,20 @@ void routesRun(Options o, Context& ctx) {
       Json routes = Json::array();
       for (auto& [k, j] : jsonRoutes) routes.push_back(std::move(j));
       Json j{{"vrf", vrf}, {"af", o.af}, {"routes", std::move(routes)}};
-      if (!unreadable.empty()) j["unreadable"] = unreadable;
+      for (const auto& [app, tables] : unreadable) {
+        for (const Unreadable& u : tables) {
+          j["unreadable"][app].push_back(
+              Json{{"table", u.table}, {"problem", u.missing ? "missing" : "damaged or being re-created"}});
+        }
+      }
       jsonVrfs.push_back(std::move(j));
       continue;
     }
     out << "VRF " << vrf << " (IPv" << o.af << "): " << apps.size() << " application(s)\n";
     for (const auto& [app, tables] : unreadable) {
-      out << "  application " << app << ": cannot read " << join(tables, " and ")
-          << " (damaged, or its writer is re-creating it); its routes are left out\n";
+      std::vector<std::string> texts;
+      for (const Unreadable& u : tables) texts.push_back(u.text());
+      out << "  application " << app << ": cannot read " << join(texts, " and ") << "; its routes are left out\n";
     }
     for (const auto& [k, line] : lines) out << line;
   }
@@ -204,7 +220,8 @@ void routesRun(Options o, Context& ctx) {
     std::vector<std::string> what;
     if (unreadableSets != 0) what.push_back(std::to_string(unreadableSets) + " application table set(s) cannot be read");
     if (damaged != 0) what.push_back(std::to_string(damaged) + " damaged record(s)");
-    throw CommandError(kExitDamaged, join(what, " and ") + " (mroutectl validate says more)");
+    throw CommandError(kExitDamaged,
+                       join(what, " and ") + (damaged != 0 || unreadableDamaged ? " (mroutectl validate says more)" : ""));
   }
 }
 
