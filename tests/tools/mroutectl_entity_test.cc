@@ -2,14 +2,22 @@
 // and JSON, and follows a change.
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "mroute/entities/fib/vrf_config.h"
+#include "mroute/entity/replication/attr_log_socket.h"
 #include "mroute/entity/replication/entity_mount.h"
 #include "testing/shm_root_scope.h"
 #include "tools/tool_run.h"
@@ -62,6 +70,42 @@ TEST(MroutectlEntityTest, PrintsAndFollowsAPublishedTree) {
   }
   ::kill(writer, SIGKILL);
   ::waitpid(writer, nullptr, 0);
+}
+
+// Something that is not this system's writer answers on the tree's socket:
+// the tool says what it sent, or that it never sent a whole tree.
+TEST(MroutectlEntityTest, APeerThatIsNotAWriterIsNamedForWhatItSent) {
+  Testing::ShmRootScope shm("ctl-entity-peer");
+  const std::string mountPath = "routing/multicast/vrf/config";
+  const std::string path = Kiv::NboAttrLog::socketPath(mountPath);
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0) << std::strerror(errno);
+  ASSERT_EQ(::listen(listener, 8), 0);
+  // Every connection gets `bytes` and is then left open.
+  auto answer = [&](std::string bytes) {
+    return std::thread([listener, bytes] {
+      std::vector<int> open;
+      for (int fd; (fd = ::accept(listener, nullptr, nullptr)) >= 0;) {
+        if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) break;
+        open.push_back(fd);
+      }
+      for (int fd : open) ::close(fd);
+    });
+  };
+  std::thread peer = answer(std::string("\0\0\0\0", 4));  // a record of length 0
+  ToolTest::ToolRun r = ToolTest::mroutectl("entity " + mountPath + " --seconds 0.5");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.out, "mroutectl entity: the writer at " + path +
+                       " sent what a reader cannot read (malformed record: length 0): it is not this system's agent, "
+                       "or not its version\n");
+  ::shutdown(listener, SHUT_RDWR);  // ends the accepting thread
+  peer.join();
+  ::close(listener);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <memory>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -97,7 +98,19 @@ void entityRun(const EntityOptions& o, Context& ctx) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (!mount.synced() && std::chrono::steady_clock::now() < end) loop.runOnce(std::chrono::milliseconds(20));
   if (!mount.synced()) {
-    throw CommandError(kExitNotFound, "no writer serves " + mount.path() + ": its agent is not running");
+    // Something answered on the socket: say what went wrong with it.
+    if (mount.connections() == 0) {
+      throw CommandError(kExitNotFound, "no writer serves " + mount.path() + ": its agent is not running");
+    }
+    if (mount.lastDrop().rfind("malformed", 0) == 0) {
+      throw CommandError(kExitDamaged, "the writer at " + mount.path() + " sent what a reader cannot read (" +
+                                           mount.lastDrop() + "): it is not this system's agent, or not its version");
+    }
+    std::ostringstream waited;
+    waited << seconds << " s";
+    throw CommandError(kExitNotFound, "the writer at " + mount.path() + " did not send its whole tree within " +
+                                          waited.str() + (mount.lastDrop().empty() ? "" : " (" + mount.lastDrop() + ")") +
+                                          "; --seconds waits longer");
   }
   if (json) {
     printJson(out, *entity, type);

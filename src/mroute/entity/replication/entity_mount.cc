@@ -87,6 +87,7 @@ void ReaderMount::tryConnect() {
   in_ = new In(loop_, fd, "writer of " + path_);
   in_->recordHandlerIs([this](RecordType t, WireReader& body) { replica_.handleRecord(t, body); });
   in_->droppedHandlerIs([this] {
+    lastDrop_ = in_->dropReason();
     replica_.connectionEnd();
     retry_.startOneShot(std::chrono::milliseconds(0));
   });

@@ -79,6 +79,8 @@ class ReaderMount {
   bool synced() const { return connected() && replica_.synced(); }
   uint64_t incarnation() const { return replica_.incarnation(); }
   uint64_t connections() const { return connections_; }
+  // Why the last connection to a writer was dropped; empty before any drop.
+  const std::string& lastDrop() const { return lastDrop_; }
   const std::string& path() const { return path_; }
   // The connection, to pace reading (tests, tools).
   In* in() const { return in_.ptr(); }
@@ -94,6 +96,7 @@ class ReaderMount {
   Mroute::Loop::Timer retry_;
   std::chrono::milliseconds retryEvery_;
   uint64_t connections_ = 0;
+  std::string lastDrop_;
   std::string mountPath_;
 };
 

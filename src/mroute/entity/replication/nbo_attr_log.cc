@@ -36,6 +36,7 @@ void Connection::drop(const std::string& why, int level) {
   if (fd_ < 0) return;
   MROUTE_TRACE(traceFacility(), level, "NboAttrLog: dropping connection to " << peer_ << ": " << why);
   close();
+  dropReason_ = why;
   if (Handler h = std::move(dropped_)) h();
 }
 

@@ -69,6 +69,9 @@ class Connection : public PtrInterface {
   uint64_t recordsReceived() const { return recordsReceived_; }
   // How often the output became blocked.
   uint64_t timesBlocked() const { return timesBlocked_; }
+  // Why the connection was dropped (a malformed record, the peer closing, a
+  // failed send); empty while it lasts or after close().
+  const std::string& dropReason() const { return dropReason_; }
 
   // Runs once when the connection is dropped (by either side or a fault).
   void droppedHandlerIs(Handler h) { dropped_ = std::move(h); }
@@ -106,6 +109,7 @@ class Connection : public PtrInterface {
   Mroute::Loop::EventLoop& loop_;
   int fd_;
   std::string peer_;
+  std::string dropReason_;
   std::unique_ptr<Mroute::Loop::FdWatch> watch_;
   std::string out_;
   size_t outPos_ = 0;
